@@ -1,0 +1,21 @@
+# The compiler settings of every target of ours, kept on one INTERFACE target.
+add_library(orv_build_flags INTERFACE)
+
+target_compile_options(orv_build_flags INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Werror
+    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
+    -fstack-protector-strong
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+if(FEATUREWATCH_SANITIZE)
+    set(sanitize -O1 -fsanitize=${FEATUREWATCH_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_compile_options(orv_build_flags INTERFACE ${sanitize})
+    target_link_options(orv_build_flags INTERFACE ${sanitize})
+else()
+    target_compile_definitions(orv_build_flags INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+endif()
+
+if(FEATUREWATCH_COVERAGE)
+    target_compile_options(orv_build_flags INTERFACE --coverage)
+    target_link_options(orv_build_flags INTERFACE --coverage)
+endif()

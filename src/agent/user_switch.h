@@ -1,0 +1,17 @@
+// user_switch.h: giving up the starting user's rights.
+//
+// Failures are reported through g_log without a domain.
+#pragma once
+
+struct passwd;
+
+// DAEMON_USER_KEEP_CAPABILITIES in the flags of daemon_user_switch keeps the process's capabilities over the switch.
+constexpr int DAEMON_USER_KEEP_CAPABILITIES = 1;
+
+// daemon_user_switch makes the process run as `user`, with that user's group and its supplementary groups; 0, or -1 on
+// failure, after which the process may have switched in part. For the whole process: call it while it has one thread.
+int daemon_user_switch(const char* user, int flags);
+
+// get_passwd_entry looks the user `name` up. The result is one block with the entry and its strings, which the caller
+// releases with `free`; null on failure, with errno ESRCH if there is no such user.
+struct passwd* get_passwd_entry(const char* name);

@@ -1,0 +1,319 @@
+#include "foundation/json_number.h"
+
+#include <locale.h>
+
+#include <array>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <string>
+#include <system_error>
+
+namespace {
+
+// The characters of the C locale, whatever the process's own.
+
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+char lower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
+}
+
+bool isLetter(char c) {
+    return lower(c) >= 'a' && lower(c) <= 'z';
+}
+
+bool isHexDigit(char c) {
+    return isDigit(c) || (lower(c) >= 'a' && lower(c) <= 'f');
+}
+
+bool isSign(char c) {
+    return c == '+' || c == '-';
+}
+
+bool isSpace(char c) {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+// Powers of ten that a double holds exactly.
+constexpr double EXACT_POWERS[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                                   1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+constexpr int MAX_EXACT_POWER = std::size(EXACT_POWERS) - 1;
+constexpr std::uint64_t MAX_EXACT_INTEGER = std::uint64_t{1} << 53;
+constexpr int MAX_DIGITS = 19;  // so many always fit into 64 bits
+
+// A decimal as it is written: digits * 10^exponent. `digits` is right only while `count` is at most MAX_DIGITS.
+struct Decimal {
+    std::uint64_t digits = 0;
+    std::ptrdiff_t count = 0;
+    std::ptrdiff_t exponent = 0;
+};
+
+const char* scanDigits(const char* p, Decimal& decimal) {
+    const char* const first = p;
+    for (; isDigit(*p); ++p)
+        decimal.digits = decimal.digits * 10 + static_cast<unsigned>(*p - '0');
+    decimal.count += p - first;
+    return p;
+}
+
+// `p` stands behind the "e". Null if there are no digits.
+const char* scanExponent(const char* p, Decimal& decimal) {
+    constexpr int LIMIT = 100000;  // far beyond every double
+    const bool negative = *p == '-';
+    if (isSign(*p))
+        ++p;
+    if (!isDigit(*p))
+        return nullptr;
+    int exponent = 0;
+    for (; isDigit(*p); ++p)
+        if (exponent < LIMIT)
+            exponent = exponent * 10 + (*p - '0');
+    decimal.exponent += negative ? -exponent : exponent;
+    return p;
+}
+
+// True if digits and power of ten are exact doubles: then one multiplication or division gives the nearest double.
+bool isExact(const Decimal& decimal) {
+    return decimal.count <= MAX_DIGITS && decimal.digits <= MAX_EXACT_INTEGER &&
+           std::abs(decimal.exponent) <= MAX_EXACT_POWER;
+}
+
+double exactValue(const Decimal& decimal) {
+    const auto digits = static_cast<double>(decimal.digits);
+    return decimal.exponent < 0 ? digits / EXACT_POWERS[-decimal.exponent] : digits * EXACT_POWERS[decimal.exponent];
+}
+
+// The road of nearly all numbers: plain decimal, and nothing behind it that sscanf might still take. Null for
+// everything else, out of range values included.
+const char* scanPlainDecimal(const char* text, double& value) {
+    const bool negative = *text == '-';
+    const char* p = negative ? text + 1 : text;
+    if (!isDigit(*p))
+        return nullptr;
+    Decimal decimal;
+    p = scanDigits(p, decimal);
+    if (*p == '.') {
+        const char* const fraction = p + 1;
+        p = scanDigits(fraction, decimal);
+        decimal.exponent = fraction - p;
+    }
+    if (lower(*p) == 'e' && !(p = scanExponent(p + 1, decimal)))
+        return nullptr;
+    if (isLetter(*p) || isSign(*p) || *p == '.')
+        return nullptr;
+    if (isExact(decimal)) {
+        const double magnitude = exactValue(decimal);
+        value = negative ? -magnitude : magnitude;
+        return p;
+    }
+    const auto [end, error] = std::from_chars(text, p, value);
+    return error == std::errc() && end == p ? p : nullptr;
+}
+
+// Behind the letters of `word` in either case at `p`; null if they are not there.
+const char* wordEnd(const char* p, const char* word) {
+    for (; *word; ++p, ++word)
+        if (lower(*p) != *word)
+            return nullptr;
+    return p;
+}
+
+// Behind digits, point and exponent at `p`, as far as sscanf takes them. It asks for digits before an exponent but not
+// in it, and takes "0x" and a point without any digit.
+const char* digitsEnd(const char* p) {
+    const bool hex = p[0] == '0' && lower(p[1]) == 'x';
+    if (hex)
+        p += 2;
+    bool digit = false;
+    bool point = false;
+    for (;; ++p) {
+        if (hex ? isHexDigit(*p) : isDigit(*p))
+            digit = true;
+        else if (*p == '.' && !point)
+            point = true;
+        else
+            break;
+    }
+    if (!digit || lower(*p) != (hex ? 'p' : 'e'))
+        return p;
+    ++p;
+    if (isSign(*p))
+        ++p;
+    while (isDigit(*p))
+        ++p;
+    return p;
+}
+
+// Behind what sscanf would collect at `text` for a number; null where a word breaks off.
+const char* numberEnd(const char* text) {
+    const char* p = isSign(*text) ? text + 1 : text;
+    if (lower(*p) == 'n')
+        return wordEnd(p, "nan");
+    if (lower(*p) != 'i')
+        return digitsEnd(p);
+    p = wordEnd(p, "inf");
+    return p && lower(*p) == 'i' ? wordEnd(p, "inity") : p;
+}
+
+// sscanf refuses a bare "0x" but takes "0x." for zero.
+bool isBareHexPrefix(const std::string& token) {
+    const char last = token.empty() ? '\0' : token.back();
+    return last == 'x' || last == 'X';
+}
+
+// sscanf gives what it collected to strtod and takes all of it for read if strtod makes a number of its beginning.
+bool convert(const std::string& token, double& value) {
+    static const locale_t C_LOCALE = newlocale(LC_ALL_MASK, "C", nullptr);
+    if (isBareHexPrefix(token))
+        return false;
+    char* end = nullptr;
+    const double number = strtod_l(token.c_str(), &end, C_LOCALE);
+    if (end == token.c_str())
+        return false;
+    value = number;
+    return true;
+}
+
+// A 128-bit product holds the digits below without loss.
+__extension__ typedef unsigned __int128 Wide;
+
+constexpr int DIGITS = 16;
+constexpr std::uint64_t MAX_WHOLE = 10'000'000'000'000'000;  // 10^DIGITS
+constexpr double MIN_FIXED = 1e-4;                           // smaller ones are written with an exponent
+
+constexpr std::uint64_t powerOf5(int exponent) {
+    return exponent == 0 ? 1 : 5 * powerOf5(exponent - 1);
+}
+
+// Sixteen digits of a number and how many of them stand behind the point.
+struct Digits {
+    std::uint64_t digits;
+    int decimals;
+};
+
+constexpr int MANTISSA_BITS = 52;
+constexpr int BIAS = 1023;
+
+int binaryExponent(double value) {
+    return static_cast<int>(std::bit_cast<std::uint64_t>(value) >> MANTISSA_BITS) - BIAS;
+}
+
+// The greatest n with 10^n <= 2^exponent, for the exponents that occur here (78913 / 2^18 is log10 of 2).
+int decimalExponent(int exponent) {
+    return (exponent * 78913) >> 18;
+}
+
+// value * 10^decimals, rounded to the nearest integer and to the even one between two. Exact: value is m * 2^e, so the
+// result is m * 5^decimals * 2^(e + decimals), and the last exponent is negative for every fraction below 2^53.
+std::uint64_t scaled(double value, int decimals) {
+    static constexpr std::uint64_t POWERS[] = {
+        powerOf5(0),  powerOf5(1),  powerOf5(2),  powerOf5(3),  powerOf5(4),  powerOf5(5),  powerOf5(6),
+        powerOf5(7),  powerOf5(8),  powerOf5(9),  powerOf5(10), powerOf5(11), powerOf5(12), powerOf5(13),
+        powerOf5(14), powerOf5(15), powerOf5(16), powerOf5(17), powerOf5(18), powerOf5(19), powerOf5(20)};
+    constexpr std::uint64_t HIDDEN_BIT = std::uint64_t{1} << MANTISSA_BITS;
+    const std::uint64_t mantissa = (std::bit_cast<std::uint64_t>(value) & (HIDDEN_BIT - 1)) | HIDDEN_BIT;
+    const int shift = MANTISSA_BITS - binaryExponent(value) - decimals;
+    const Wide product = static_cast<Wide>(mantissa) * POWERS[decimals];
+    const std::uint64_t half = std::uint64_t{1} << (shift - 1);
+    const std::uint64_t rest = static_cast<std::uint64_t>(product) & ((half << 1) - 1);
+    const auto whole = static_cast<std::uint64_t>(product >> shift);
+    return whole + (rest > half || (rest == half && (whole & 1) != 0) ? 1 : 0);
+}
+
+// `value` is a fraction of at least MIN_FIXED and below 2^53. The first guess at the decimals, from the power of two,
+// may be one too many.
+Digits sixteenDigits(double value) {
+    const int guess = DIGITS - 1 - decimalExponent(binaryExponent(value));
+    const std::uint64_t digits = scaled(value, guess);
+    return digits < MAX_WHOLE ? Digits{digits, guess} : Digits{scaled(value, guess - 1), guess - 1};
+}
+
+constexpr std::uint64_t powerOf10(int exponent) {
+    return powerOf5(exponent) << exponent;
+}
+
+// Drops `zeros` zeros at the end of the decimals if they are there. The count is a constant because division by one is
+// far cheaper.
+template <int zeros>
+void dropZeros(Digits& number) {
+    constexpr std::uint64_t POWER = powerOf10(zeros);
+    if (number.decimals >= zeros && number.digits % POWER == 0) {
+        number.digits /= POWER;
+        number.decimals -= zeros;
+    }
+}
+
+void dropAllZeros(Digits& number) {
+    dropZeros<8>(number);
+    dropZeros<4>(number);
+    dropZeros<2>(number);
+    dropZeros<1>(number);
+}
+
+// The pairs of digits from 00 to 99, one behind the other.
+constexpr auto DIGIT_PAIRS = [] {
+    std::array<char, 200> pairs{};
+    for (int i = 0; i < 100; ++i) {
+        pairs[2 * i] = static_cast<char>('0' + i / 10);
+        pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+    }
+    return pairs;
+}();
+
+// Writes the last `count` digits of `digits`, zeros in front included.
+char* formatDigits(char* out, std::uint64_t digits, int count) {
+    char* p = out + count;
+    for (; p - out >= 2; digits /= 100) {
+        p -= 2;
+        std::memcpy(p, &DIGIT_PAIRS[2 * (digits % 100)], 2);
+    }
+    if (p != out)
+        *out = static_cast<char>('0' + digits % 10);
+    return out + count;
+}
+
+char* formatFraction(char* out, double value) {
+    static constexpr std::uint64_t POWERS[] = {
+        powerOf10(0),  powerOf10(1),  powerOf10(2),  powerOf10(3),  powerOf10(4),  powerOf10(5),  powerOf10(6),
+        powerOf10(7),  powerOf10(8),  powerOf10(9),  powerOf10(10), powerOf10(11), powerOf10(12), powerOf10(13),
+        powerOf10(14), powerOf10(15), powerOf10(16), powerOf10(17), powerOf10(18), powerOf10(19)};
+    Digits number = sixteenDigits(value);
+    dropAllZeros(number);
+    const std::uint64_t power = POWERS[number.decimals];
+    out = std::to_chars(out, out + DIGITS, number.digits / power).ptr;
+    if (number.decimals == 0)
+        return out;
+    *out = '.';
+    return formatDigits(out + 1, number.digits % power, number.decimals);
+}
+
+}  // namespace
+
+const char* jsonScanNumber(const char* text, double& value) {
+    if (const char* const end = scanPlainDecimal(text, value))
+        return end;
+    while (isSpace(*text))
+        ++text;
+    const char* const end = numberEnd(text);
+    return end && convert(std::string(text, end), value) ? end : nullptr;
+}
+
+char* jsonFormatNumber(char* out, double value) {
+    char* const end = out + JSON_NUMBER_LENGTH;
+    const double magnitude = std::abs(value);
+    if (!(magnitude >= MIN_FIXED && magnitude < static_cast<double>(MAX_WHOLE)))
+        return std::to_chars(out, end, value, std::chars_format::general, DIGITS).ptr;
+    const auto whole = static_cast<std::int64_t>(value);
+    if (static_cast<double>(whole) == value)
+        return std::to_chars(out, end, whole).ptr;
+    if (value < 0)
+        *out++ = '-';
+    return formatFraction(out, magnitude);
+}

@@ -1,0 +1,55 @@
+// json_text.h: the bytes of JSON text that reader and writer look at alike, for this folder only.
+#pragma once
+
+#include <bit>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+// jsonIsWhitespace tells whether `c` is one of the four bytes that JSON counts as whitespace.
+inline bool jsonIsWhitespace(char c) {
+    return c == ' ' || c == '\n' || c == '\t' || c == '\r';
+}
+
+// jsonIsPlain tells whether `c` stands for itself inside a JSON string: no quote, no backslash, not below 32.
+inline bool jsonIsPlain(char c) {
+    return static_cast<unsigned char>(c) >= ' ' && c != '"' && c != '\\';
+}
+
+// jsonPlainPrefix gives how many of the JSON_BLOCK bytes at `text` are plain before the first that is not.
+#ifdef __SSE2__
+constexpr int JSON_BLOCK = 16;
+
+inline int jsonPlainPrefix(const char* text) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
+    const __m128i control = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(' ' - 1)), bytes);
+    const __m128i quote = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('"'));
+    const __m128i backslash = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'));
+    const int found = _mm_movemask_epi8(_mm_or_si128(control, _mm_or_si128(quote, backslash)));
+    return std::countr_zero(static_cast<unsigned>(found) | 1U << JSON_BLOCK);
+}
+#else
+constexpr int JSON_BLOCK = 8;
+
+inline int jsonPlainPrefix(const char* text) {
+    int count = 0;
+    while (count < JSON_BLOCK && jsonIsPlain(text[count]))
+        ++count;
+    return count;
+}
+#endif
+
+// jsonPlainRunEnd gives the first byte from `text` on that is not plain. The text must hold such a byte, its NUL at the
+// latest. Bytes before `end` may be read in blocks; an `end` not above `text` is no limit, it only makes it slower.
+inline const char* jsonPlainRunEnd(const char* text, const char* end) {
+    while (end - text >= JSON_BLOCK) {
+        const int plain = jsonPlainPrefix(text);
+        text += plain;
+        if (plain < JSON_BLOCK)
+            return text;
+    }
+    while (jsonIsPlain(*text))
+        ++text;
+    return text;
+}

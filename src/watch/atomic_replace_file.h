@@ -1,0 +1,26 @@
+// atomic_replace_file.h: publishing a file so that a reader sees the old or the new one and never half of one.
+#pragma once
+
+#include <string>
+
+// AtomicReplaceFile stands for one replacement of the file at a path. The new content is written to `m_strTemp`, which
+// lies in the same directory, so that the rename of `commit` can't cross file systems. Unless it was committed, the
+// destructor removes the temporary file: whatever ends the replacement early, the old file stays as it was and nothing
+// else is left. Nothing is synced to disk.
+class AtomicReplaceFile {
+public:
+    // AtomicReplaceFile prepares the replacement of the file at `path`; no file is touched yet.
+    explicit AtomicReplaceFile(const std::string& path);
+    AtomicReplaceFile(const AtomicReplaceFile&) = delete;
+    AtomicReplaceFile& operator=(const AtomicReplaceFile&) = delete;
+    ~AtomicReplaceFile();
+
+    // commit renames the temporary file to the target. A failure is logged and gives false, and the target stays.
+    bool commit();
+
+    // m_strTarget is the path to replace.
+    std::string m_strTarget;
+
+    // m_strTemp is the path to write to; empty once committed.
+    std::string m_strTemp;
+};

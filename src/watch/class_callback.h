@@ -1,0 +1,17 @@
+// class_callback.h: member functions as plain GLib callbacks.
+#pragma once
+
+// class_callback<Class, &Class::member>::call is a plain function with the member's arguments and result, and the
+// object as `void*` user data behind them. GLib gets it and the object's pointer; the object must outlive the
+// registration.
+//
+//     g_unix_signal_add(SIGTERM, class_callback<MainLoop, &MainLoop::terminate>::call, this);
+template <class Class, auto Member>
+struct class_callback;
+
+template <class Class, class Result, class... Arguments, Result (Class::*Member)(Arguments...)>
+struct class_callback<Class, Member> {
+    static Result call(Arguments... arguments, void* object) {
+        return (static_cast<Class*>(object)->*Member)(arguments...);
+    }
+};

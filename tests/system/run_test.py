@@ -1,0 +1,36 @@
+#!/usr/bin/env python3
+"""Runs one system test: run_test.py test_cli.ScanTest.test_unknown_option_is_dropped
+
+Exit status: 0 passed, 1 failed or unknown, 77 skipped (the reason is printed). Run it with scripts/sandbox.
+"""
+
+import os
+import sys
+import unittest
+
+SKIPPED = 77
+
+sys.dont_write_bytecode = True
+
+
+def main(arguments):
+    if len(arguments) != 1 or arguments[0].count(".") != 2:
+        print("usage: run_test.py MODULE.CLASS.METHOD", file=sys.stderr)
+        return 1
+    sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+    suite = unittest.defaultTestLoader.loadTestsFromName(arguments[0])
+    result = unittest.TextTestRunner(verbosity=2).run(suite)
+    if result.testsRun != 1:
+        print(f"{result.testsRun} tests have run instead of one", file=sys.stderr)
+        return 1
+    if not result.wasSuccessful() or result.unexpectedSuccesses or result.expectedFailures:
+        return 1
+    if result.skipped:
+        for _, reason in result.skipped:
+            print(f"skipped: {reason}")
+        return SKIPPED
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,227 @@
+"""The attestation context file of -A: what is accepted, what is refused, and with which records."""
+
+import base64
+import json
+import os
+import pwd
+
+from harness import USER, Record, SandboxTest, document_bytes, quoted, run_agent, write_file
+
+FAILED = ("FATAL", "failed collecting device information")
+REFUSED, NOT_JSON = "incomplete or invalida data in %s", "failed parsing %s as JSON"
+
+class ContextTest(SandboxTest):
+    def setUp(self):
+        super().setUp()
+        self.path = self.work_path("context.json")
+
+    def report(self, content, **keywords):
+        write_file(self.path, content)
+        return run_agent("-d", "-A", self.path, **keywords)
+
+    def assert_refused(self, result, text):
+        self.assert_failure(result, ("ERROR", text % self.path), FAILED)
+
+    def assert_accepted(self, result, cb_data=None):
+        self.assert_success(result)
+        self.assert_no_records(result)
+        self.assertEqual(json.loads(result.stdout).get("cbData"), cb_data)
+
+    def assert_shape_accepted(self, result):
+        """For keys and challenges, whose sense only a TPM can judge: the file itself was not objected to."""
+        self.assertFalse([record for record in result.records if self.path in record.text], str(result))
+        self.assertIn(result.status, (0, 1))
+
+
+class ShapeTest(ContextTest):
+    def test_accepted_without_key(self):
+        "These contexts are accepted, and the report echoes a cbData that is not empty."
+        rows = [
+            ("{}", None),
+            (" \t\r\n{ \n} \n", None),
+            ('{"cbData":"x"}', "x"),
+            ('{"cbData":""}', None),
+            ('{"cbData":"a","cbData":"b"}', "b"),
+            ('{"nonce":"QQ=="}', None),
+            ('{"nonce":"QQ"}', None),
+            ('{"nonce":"Q Q\\n=="}', None),
+            ('{"nonce":"=Q=Q="}', None),
+            ('{"tpm2":{}}', None),
+            ('{"tpm2":{"ak":{}}}', None),
+            ('{"tpm2":{"other":1,"ak":{"other":null}}}', None),
+            ('{"other":1}', None),
+            ('{"cbdata":5,"NONCE":[],"Tpm2":7,"cbData ":1}', None),
+            ('{"other":[[],{},null,true,-1e5,"\\u00fc"],"cbData":"x"}', "x"),
+            ('{"cbData":"x"}\0garbage', "x"),
+        ]
+        for content, cb_data in rows:
+            with self.subTest(content):
+                self.assert_accepted(self.report(content), cb_data)
+
+    def test_accepted_with_key_or_challenge(self):
+        "A pair of key areas, a challenge, or both are accepted; one without the other pair member is not."
+        pub, priv, challenge = '"pubTpm2B":"QQ=="', '"privTpm2B":"QQ"', '"actChall":"QUJD"'
+        for members in ((pub, priv), (challenge,), (pub, priv, challenge), (priv, '"x":1', pub)):
+            content = '{"tpm2":{"ak":{' + ",".join(members) + "}}}"
+            with self.subTest(content):
+                self.assert_shape_accepted(self.report(content))
+
+    def test_refused(self):
+        "These documents are no context: a wrong root, a wrong type, an empty decoding, half a pair."
+        rows = ["[]", "null", "true", "5", '"text"', '""', "[{}]", '{"tpm2":1}']
+        for value in ("null", "5", "true", "[]", "{}"):
+            rows.append('{"cbData":%s}' % value)
+        for value in ("null", "5", "false", "[]", "{}", '""', '"!!!!"', '"Q"', '"===="', '"-_-_"', '" \\n"', '"ü"'):
+            rows.append('{"nonce":%s}' % value)
+            rows.append('{"tpm2":{"ak":{"actChall":%s}}}' % value)
+            rows.append('{"tpm2":{"ak":{"pubTpm2B":%s,"privTpm2B":"QQ=="}}}' % value)
+            rows.append('{"tpm2":{"ak":{"pubTpm2B":"QQ==","privTpm2B":%s}}}' % value)
+        for value in ("null", "5", "false", "[]", '""', '"x"'):
+            rows.append('{"tpm2":%s}' % value)
+            rows.append('{"tpm2":{"ak":%s}}' % value)
+        rows += [
+            '{"tpm2":{"ak":{"pubTpm2B":"QQ=="}}}',
+            '{"tpm2":{"ak":{"privTpm2B":"QQ=="}}}',
+            '{"tpm2":{"ak":{"pubTpm2B":"QQ==","actChall":"QQ=="}}}',
+            '{"tpm2":{"ak":{"pubTpm2B":null,"privTpm2B":null}}}',
+            '{"tpm2":{"ak":{"pubTpm2B":null}}}',
+            '{"cbData":"good","nonce":""}',
+            '{"nonce":"QQ==","nonce":""}',
+            '{"cbData":"good","nonce":"QQ==","tpm2":{"ak":{"pubTpm2B":"QQ==","privTpm2B":"QQ==","actChall":""}}}',
+        ]
+        for content in rows:
+            with self.subTest(content):
+                self.assert_refused(self.report(content), REFUSED)
+
+    def test_not_json(self):
+        "Text that is no JSON is refused with the record on parsing."
+        rows = [" ", "\n", "x", "nul", "[1,]", "{}{}", "{}x", '{"cbData":"x"} y', "\ufeff{}", "\0{}"]
+        rows += ['{"a"', '{"cbData":"x"', '{"a":', '{"a":1', '{"a":1,}', '{"":1}', "{a:1}", "{'a':1}"]
+        rows += ['{"cbData":"\\u0000"}', '{"cbData":"\\x"}', '{"cbData":"a\nb"}', '{"cbData":"a\0b"}']
+        for content in rows:
+            with self.subTest(content):
+                self.assert_refused(self.report(content), NOT_JSON)
+
+    def test_text_is_echoed_unchanged(self):
+        "cbData comes back as the same text, with the shortest escapes."
+        values = ['"\\/\b\f\n\r\t', "\x01\x1f\x7f", "ü日本😀", "a" * 600, "%s%n", " x ", "</script>"]
+        for value in values:
+            with self.subTest(value[:20]):
+                result = self.report({"cbData": value})
+                self.assert_accepted(result, value)
+                self.assertIn(b'\n\t"cbData": ' + quoted(value).encode() + b",\n", result.stdout)
+        self.assert_accepted(self.report('{"cbData":"\\uD83D\\uDE00\\/"}'), "😀/")
+
+    def test_bytes_that_are_no_text_are_echoed(self):
+        "Bytes that are no UTF-8 pass through unchanged."
+        result = self.report(b'{"cbData":"\xff\xc3("}')
+        self.assert_success(result)
+        expected = {"altSerial": {}, "cbData": "\udcff\udcc3(", "serial": "0000abcd"}
+        self.assertEqual(result.stdout, document_bytes(expected))
+
+
+class FileTest(ContextTest):
+    def test_missing_file(self):
+        "A file that is not there gives the record on opening."
+        self.assert_refused(run_agent("-d", "-A", self.path), "failed to open %s")
+        self.path = "/nonexistent/für/%s%n"
+        result = run_agent("-d", "-A", self.path)
+        self.assert_failure(result, ("ERROR", "failed to open " + self.path), FAILED)
+
+    def test_empty_file(self):
+        "An empty file fails without a record of its own."
+        self.assert_failure(self.report(""), FAILED)
+
+    def test_folder(self):
+        "A folder in place of the file gives the record on reading."
+        os.mkdir(self.path)
+        self.assert_refused(run_agent("-d", "-A", self.path), "failed reading from %s")
+
+    def test_file_without_rights(self):
+        "A file that the user may not read gives the record on opening."
+        self.require_user_switch()
+        write_file(self.path, "{}")
+        user = pwd.getpwnam(USER)
+        rights = {"user": user.pw_uid, "group": user.pw_gid, "extra_groups": []}
+        self.assert_accepted(run_agent("-d", "-A", self.path, **rights))
+        os.chmod(self.path, 0)
+        self.assert_refused(run_agent("-d", "-A", self.path, **rights), "failed to open %s")
+
+    def test_pipe(self):
+        "The context may come through a pipe."
+        reader, writer = os.pipe()
+        os.write(writer, b'{"cbData":"piped"}')
+        os.close(writer)
+        with os.fdopen(reader) as stdin:
+            self.assert_accepted(run_agent("-d", "-A", "/dev/stdin", stdin=stdin), "piped")
+
+    def test_relative_path(self):
+        "A relative path counts from the current folder."
+        os.mkdir("sub")
+        write_file("sub/context", {"cbData": "near"})
+        self.assert_accepted(run_agent("-d", "-A", "context", cwd="sub"), "near")
+
+    def test_silent(self):
+        "With -s only the FATAL record is left."
+        write_file(self.path, "[]")
+        result = run_agent("-s", "-d", "-A", self.path)
+        self.assertEqual((result.status, result.stdout), (1, b""))
+        self.assertEqual(result.stderr, b"FATAL: failed collecting device information\n")
+
+
+class SizeTest(ContextTest):
+    LIMIT = 100
+    DEPTH = 10_000_000
+
+    def test_deep_text_that_is_complete(self):
+        "Ten million nested lists in an unknown member are read, ignored and released again."
+        content = b'{"cbData":"x","other":' + b"[" * self.DEPTH + b"]" * self.DEPTH + b"}"
+        self.assert_accepted(self.report(content, limit=self.LIMIT), "x")
+
+    def test_deep_root(self):
+        "Ten million nested lists as the whole file are a list and no context."
+        content = b"[" * self.DEPTH + b"]" * self.DEPTH
+        self.assert_refused(self.report(content, limit=self.LIMIT), REFUSED)
+
+    def test_deep_text_that_breaks_off(self):
+        "Ten million opened lists that are never closed are no JSON."
+        self.assert_refused(self.report(b"[" * self.DEPTH, limit=self.LIMIT), NOT_JSON)
+        self.assert_refused(self.report(b"[" * self.DEPTH + b"x", limit=self.LIMIT), NOT_JSON)
+
+    def test_deep_objects(self):
+        "Two million nested objects are read, ignored and released again, and refused when broken off."
+        depth = self.DEPTH // 5
+        opened = b'{"a":' * depth
+        self.assert_accepted(self.report(b'{"a":' + opened + b"1" + b"}" * depth + b"}", limit=self.LIMIT))
+        self.assert_refused(self.report(opened, limit=self.LIMIT), NOT_JSON)
+
+    def test_huge_text_is_echoed(self):
+        "A cbData of 20 MB comes back whole."
+        value = "0123456789" * 2_000_000
+        self.assert_accepted(self.report({"cbData": value}, limit=self.LIMIT), value)
+
+    def test_huge_nonce(self):
+        "A nonce of 20 MB is decoded and no hindrance, and one of 20 MB without a letter is refused."
+        nonce = base64.b64encode(b"x" * 15_000_000).decode()
+        self.assert_shape_accepted(self.report({"nonce": nonce}, limit=self.LIMIT))
+        self.assert_refused(self.report({"nonce": "!" * 20_000_000}, limit=self.LIMIT), REFUSED)
+
+    def test_many_members(self):
+        "A million unknown members are ignored."
+        members = ",".join(f'"m{number}":{number}' for number in range(1_000_000))
+        self.assert_accepted(self.report('{"cbData":"x",' + members + "}", limit=self.LIMIT), "x")
+
+    def test_every_beginning_of_a_context(self):
+        "A context cut off anywhere is refused or accepted, and never harms."
+        content = '{"cbData":"ü\\u00fc","nonce":"QQ==","tpm2":{"ak":{"other":[1,-2.5e3,true,null,"\\""]}}}'
+        data = content.encode()
+        accepted = 0
+        for length in range(1, len(data) + 1):
+            result = self.report(data[:length])
+            if result.status == 0:
+                accepted += 1
+                self.assert_no_records(result)
+            else:
+                self.assertEqual(result.records[-1], Record(*FAILED))
+                self.assertEqual(result.stdout, b"")
+        self.assertGreaterEqual(accepted, 1)
