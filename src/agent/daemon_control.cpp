@@ -2,6 +2,7 @@
 
 #include <glib.h>
 #include <libdaemon/daemon.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -85,7 +86,7 @@ bool settleDaemon() {
         ORVLOG_FATAL(gs_pAppLogger, "failed to close unneeded file descriptors: %s", g_strerror(errno));
         return false;
     }
-    close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);  // the status pipe isn't for the hook command
+    pthread_atfork(nullptr, nullptr, daemon_retval_done);  // the status pipe isn't for the launcher and the hook
     if (daemon_pid_file_create() < 0) {
         ORVLOG_FATAL(gs_pAppLogger, "could not create PID file: %s", g_strerror(errno));
         return false;
@@ -127,10 +128,11 @@ bool startLoop(MainLoop& loop) {
 
 // killRunning ends the process of the PID file. An empty file reads as process 0, which would be our own process group.
 int killRunning() {
-    if (daemon_pid_file_is_running() == 0) {
+    const pid_t running = daemon_pid_file_is_running();
+    if (running == 0)
         errno = ESRCH;
+    if (running <= 0)
         return -1;
-    }
     return daemon_pid_file_kill_wait(SIGTERM, KILL_TIMEOUT_SECONDS);
 }
 

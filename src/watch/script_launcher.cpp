@@ -4,7 +4,6 @@
 #include <glib.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -39,13 +38,6 @@ void redirectToNull(int flags, int first, int count) {
     for (int fd = first; fd < first + count; ++fd)
         dup2(null, fd);
     close(null);
-}
-
-// keepOnly closes all descriptors but the standard ones and `fd`; libc opens its syslog socket again when it needs it.
-void keepOnly(int fd) {
-    closelog();
-    close_range(STDERR_FILENO + 1, static_cast<unsigned>(fd) - 1, 0);
-    close_range(static_cast<unsigned>(fd) + 1, ~0U, 0);
 }
 
 // enlargePipe lets the pipe hold as many packets as an ordinary process may have, so that a slow hook doesn't hold up
@@ -123,9 +115,8 @@ void ScriptLauncher::closePipe() {
 
 // becomeLauncher turns the forked child into the launcher. It never returns into the daemon's code.
 void ScriptLauncher::becomeLauncher() {
-    keepOnly(m_nReadFd);
-    m_nWriteFd = -1;  // closed with the rest, so that the read end sees an end of file when the daemon dies
-    setpgid(0, 0);    // a Ctrl-C in the foreground is for the daemon, which then stops this process in good order
+    closeFd(m_nWriteFd);  // the read end must see an end of file when the daemon dies
+    setpgid(0, 0);        // a Ctrl-C in the foreground is for the daemon, which then stops this process in good order
     redirectToNull(O_RDONLY, STDIN_FILENO, 1);
     redirectToNull(O_WRONLY, STDOUT_FILENO, 2);
     if (prctl(PR_SET_NAME, PROCESS_NAME) == -1)

@@ -1,0 +1,95 @@
+// preload.c: loaded into the agent by tests of the watch daemon, to bring about what is hard to meet otherwise.
+//
+//   TEST_PERIOD=N          a timer of 3600 seconds becomes one of N seconds; all others stay
+//   TEST_HOLD_RENAME=FILE  each rename waits until FILE is gone
+//   TEST_FAIL=NAME         the function NAME fails at each call with errno EAGAIN; the last ones here can
+
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/types.h>
+#include <time.h>
+#include <unistd.h>
+
+#define NEXT(type, name) ((type)dlsym(RTLD_NEXT, name))
+
+typedef unsigned AddTimer(unsigned seconds, int (*function)(void*), void* data);
+typedef int Rename(const char* from, const char* to);
+
+unsigned g_timeout_add_seconds(unsigned seconds, int (*function)(void*), void* data) {
+    const char* period = getenv("TEST_PERIOD");
+    if (seconds == 3600 && period)
+        seconds = (unsigned)atoi(period);
+    return NEXT(AddTimer*, "g_timeout_add_seconds")(seconds, function, data);
+}
+
+int rename(const char* from, const char* to) {
+    const char* hold = getenv("TEST_HOLD_RENAME");
+    const struct timespec pause = {0, 5000000};
+    while (hold && access(hold, F_OK) == 0)
+        nanosleep(&pause, NULL);
+    return NEXT(Rename*, "rename")(from, to);
+}
+
+static int fails(const char* name) {
+    const char* failing = getenv("TEST_FAIL");
+    if (!failing || strcmp(failing, name) != 0)
+        return 0;
+    errno = EAGAIN;
+    return 1;
+}
+
+int daemon_reset_sigs(int except, ...) {
+    return fails("daemon_reset_sigs") ? -1 : NEXT(int (*)(int, ...), "daemon_reset_sigs")(except);
+}
+
+int daemon_unblock_sigs(int except, ...) {
+    return fails("daemon_unblock_sigs") ? -1 : NEXT(int (*)(int, ...), "daemon_unblock_sigs")(except);
+}
+
+int daemon_close_all(int except, ...) {
+    return fails("daemon_close_all") ? -1 : NEXT(int (*)(int, ...), "daemon_close_all")(except);
+}
+
+int daemon_retval_init(void) {
+    return fails("daemon_retval_init") ? -1 : NEXT(int (*)(void), "daemon_retval_init")();
+}
+
+int pipe2(int ends[2], int flags) {
+    return fails("pipe2") ? -1 : NEXT(int (*)(int*, int), "pipe2")(ends, flags);
+}
+
+pid_t fork(void) {
+    return fails("fork") ? -1 : NEXT(pid_t(*)(void), "fork")();
+}
+
+int initgroups(const char* user, gid_t group) {
+    return fails("initgroups") ? -1 : NEXT(int (*)(const char*, gid_t), "initgroups")(user, group);
+}
+
+int setgid(gid_t group) {
+    return fails("setgid") ? -1 : NEXT(int (*)(gid_t), "setgid")(group);
+}
+
+int setuid(uid_t user) {
+    return fails("setuid") ? -1 : NEXT(int (*)(uid_t), "setuid")(user);
+}
+
+int prctl(int option, ...) {
+    unsigned long arguments[4];
+    va_list list;
+    va_start(list, option);
+    for (int i = 0; i < 4; ++i)
+        arguments[i] = va_arg(list, unsigned long);
+    va_end(list);
+    if (fails("prctl"))
+        return -1;
+    return NEXT(int (*)(int, ...), "prctl")(option, arguments[0], arguments[1], arguments[2], arguments[3]);
+}
+
+int system(const char* command) {
+    return fails("system") ? -1 : NEXT(int (*)(const char*), "system")(command);
+}
