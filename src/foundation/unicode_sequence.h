@@ -70,6 +70,8 @@ uint32_t peekSequence(const Input& in) {
     if (in.known() >= 4)
         return loadFour(in.at());
     uint32_t word = *in.at();
+    if (word < 0x80)
+        return word;  // may be the terminator, behind which nothing may be read
     for (int n = 1; n < 4; ++n) {
         const unsigned char byte = in.ahead(n);
         if (!isContinuation(byte))
