@@ -60,8 +60,10 @@ void DoomedContainers::destroy() {
     while (m_pHead) {
         const JSON::root container = std::move(m_pHead);
         m_pHead = std::move(*firstSlot(container));
-        addContainersOf(container->values(), *this);
-        addContainersOf(container->each(), *this);
+        if (container->type == JSON::ArrayType)
+            addContainersOf(container->values(), *this);
+        else
+            addContainersOf(container->each(), *this);
     }
 }
 
@@ -114,6 +116,8 @@ void copyMembers(const JSON::Map& source, JSON::Map& copy, std::vector<OpenCopy>
 template <class Container>
 JSON::root copyTree(const Container& top) {
     auto result = std::make_unique<Container>();
+    if (top.empty())
+        return result;
     std::vector<OpenCopy> open{{&top, result.get()}};
     while (!open.empty()) {
         const OpenCopy job = open.back();
@@ -128,6 +132,7 @@ JSON::root copyTree(const Container& top) {
 
 }  // namespace
 
+// Under a sanitizer each value has a heap block of its own, so that the sanitizer sees its bounds and its life.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define JSON_VALUES_UNPOOLED
 #elif defined(__has_feature)
@@ -149,11 +154,11 @@ void JSON::operator delete(void* value, std::size_t) {
 #else
 
 void* JSON::operator new(std::size_t size) {
-    return gs_oJSONPool.allocate(size);
+    return jsonPoolAllocate(size);
 }
 
 void JSON::operator delete(void* value, std::size_t) {
-    gs_oJSONPool.release(value);
+    jsonPoolRelease(value);
 }
 
 #endif

@@ -177,7 +177,8 @@ public:
     // parse reads the whole of `text` as one value with whitespace around it (tab, line feed, carriage return, blank);
     // null on any failure. A NUL byte ends the text, and what follows is ignored. Beyond JSON it takes every number
     // that sscanf's "%lg" takes, and text that was cut off behind an opening bracket or a comma (see `json_parse`). An
-    // empty key, `\u0000` and an unescaped byte below 32 in a string are failures. Of equal keys the last wins.
+    // empty key, `\u0000` (but as the second of a surrogate pair) and an unescaped byte below 32 in a string are
+    // failures. Of equal keys the last wins.
     static root parse(const std::string& text);
 
     // json_parse reads one value, with whitespace before it, from the NUL-terminated text at `cursor`, and moves
@@ -194,7 +195,7 @@ public:
     // backslash and bytes below 32 are escaped.
     static void escapeString(std::string& out, const char* text);
 
-    // indent appends `count` tabs to `out`. `count` must not be negative: it is counted down to zero.
+    // indent appends `count` tabs to `out`. A negative `count` throws std::length_error.
     static void indent(std::string& out, int count);
 
 protected:

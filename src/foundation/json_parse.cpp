@@ -183,9 +183,8 @@ Step Parser::afterMember() {
 // Ends a container at a NUL. Behind a NUL within the text reading goes on; behind its terminator there are only further
 // NULs, which no container around this one accepts.
 Step Parser::cutOff() {
-    const bool atTerminator = m_pText >= m_pBlockEnd;
-    close();
-    return atTerminator && !m_vOpen.empty() ? Step::Failed : Step::Complete;
+    const bool isNested = m_vOpen.size() > 1;
+    return m_pText >= m_pBlockEnd && isNested ? Step::Failed : close();
 }
 
 // Moves past the bracket, or what stands for it.

@@ -3,6 +3,7 @@
 // There is one loop for both. Sound characters go through convertSound, which sees a stretch of input with enough room
 // for all of it; step knows the whole table of what to do with anything, and takes over where convertSound stops.
 
+#include <algorithm>
 #include <utility>
 
 #include "foundation/unicode.h"

@@ -3,6 +3,7 @@
 // There is one loop for both. Sound characters go through convertSound, which sees a stretch of input with enough room
 // for all of it; step takes over at bad surrogates, at what is dropped, and near the end of the room.
 
+#include <algorithm>
 #include <type_traits>
 #include <utility>
 

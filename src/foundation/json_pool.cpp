@@ -1,0 +1,115 @@
+#include "foundation/json_pool.h"
+
+#include <sys/single_threaded.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <new>
+
+namespace {
+
+// Slab is the head of a slab; the values follow, each behind a Link.
+struct Slab {
+    // users starts as OWNER and loses one with each value destroyed. When the owning thread is done with the slab, it
+    // takes OWNER away and adds the number of values made: what is left is the number that live.
+    static constexpr std::int64_t OWNER = std::int64_t{1} << 40;
+    std::atomic<std::int64_t> users{OWNER};
+
+    // drop lowers `users` and returns what is left. A program that has no second thread is spared the locked access.
+    std::int64_t drop(std::int64_t count) {
+        if (!__libc_single_threaded)
+            return users.fetch_sub(count, std::memory_order_acq_rel) - count;
+        const std::int64_t left = users.load(std::memory_order_relaxed) - count;
+        users.store(left, std::memory_order_relaxed);
+        return left;
+    }
+};
+
+// Link stands directly before each value and tells its slab.
+using Link = Slab*;
+
+// Pool is the slab from which a thread cuts its next value. It is never destroyed, so that values may be made and
+// destroyed during the program's exit; PoolEnd gives its slab up at the thread's end.
+class Pool {
+public:
+    constexpr Pool() = default;
+
+    void* allocate(std::size_t size);
+    void release(void* value);
+    void leaveSlab();
+
+private:
+    static constexpr std::size_t MIN_SLAB = 1000;  // small enough for the heap's own cache of free blocks
+    static constexpr std::size_t MAX_SLAB = 4000;  // so much one long-lived value may hold back
+
+    void newSlab(std::size_t needed);
+
+    Slab* m_pSlab = nullptr;
+    char* m_pNext = nullptr;
+    char* m_pEnd = nullptr;
+    std::int64_t m_nMade = 0;
+    std::size_t m_nSlabSize = MIN_SLAB;  // of the next slab
+};
+
+constinit thread_local Pool gs_oPool;
+
+struct PoolEnd {
+    void arm() {}
+    ~PoolEnd() { gs_oPool.leaveSlab(); }
+};
+
+thread_local PoolEnd gs_oPoolEnd;
+
+void Pool::leaveSlab() {
+    if (m_pSlab != nullptr && m_pSlab->drop(Slab::OWNER - m_nMade) == 0)
+        ::operator delete(m_pSlab);
+    m_pSlab = nullptr;
+    m_pNext = m_pEnd = nullptr;
+}
+
+void Pool::newSlab(std::size_t needed) {
+    gs_oPoolEnd.arm();
+    const std::size_t size = std::max(m_nSlabSize, sizeof(Slab) + needed);
+    void* const memory = ::operator new(size);
+    leaveSlab();
+    m_pSlab = new (memory) Slab;
+    m_pNext = static_cast<char*>(memory) + sizeof(Slab);
+    m_pEnd = static_cast<char*>(memory) + size;
+    m_nMade = 0;
+    m_nSlabSize = std::min(2 * m_nSlabSize, MAX_SLAB);
+}
+
+void* Pool::allocate(std::size_t size) {
+    constexpr std::size_t ALIGNMENT = sizeof(Link);
+    const std::size_t needed = sizeof(Link) + (size + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT;
+    if (static_cast<std::size_t>(m_pEnd - m_pNext) < needed)
+        newSlab(needed);
+    char* const value = m_pNext + sizeof(Link);
+    new (m_pNext) Link(m_pSlab);
+    m_pNext += needed;
+    ++m_nMade;
+    return value;
+}
+
+// The thread's own slab goes too when it holds no value any more, and the next one is small again.
+void Pool::release(void* value) {
+    Slab* const slab = static_cast<Link*>(value)[-1];
+    const std::int64_t left = slab->drop(1);
+    if (left == 0) {
+        ::operator delete(slab);
+    } else if (slab == m_pSlab && left == Slab::OWNER - m_nMade) {
+        leaveSlab();
+        m_nSlabSize = MIN_SLAB;
+    }
+}
+
+}  // namespace
+
+void* jsonPoolAllocate(std::size_t size) {
+    return gs_oPool.allocate(size);
+}
+
+void jsonPoolRelease(void* value) {
+    gs_oPool.release(value);
+}
