@@ -28,6 +28,7 @@ MainLoop::MainLoop() : m_oLauncher(g_strScriptCmdline) {}
 MainLoop::~MainLoop() {
     m_oLauncher.stop();
     for (int inputId = INPUT_COUNT - 1; inputId >= 0; --inputId) {
+        g_clear_object(&m_aInputs[inputId].m_pFolderMonitor);
         g_clear_object(&m_aInputs[inputId].m_pInputMonitor);
         g_clear_object(&m_aInputs[inputId].m_pInputFile);
     }
@@ -90,7 +91,17 @@ bool MainLoop::watchInput() {
     g_signal_connect_data(input.m_pInputMonitor, "changed",
                           G_CALLBACK((class_callback<MainLoop, &MainLoop::input_file_changed<inputId>>::call)), this,
                           nullptr, GConnectFlags(0));
+    keepFolderAwake(input);
     return true;
+}
+
+// keepFolderAwake watches the input's folder too, though nobody listens. After an event that no monitor asked for GIO
+// sleeps for 100 ms, and a file written beside the input and renamed over it would be noticed that late. If it fails,
+// it is only slow.
+void MainLoop::keepFolderAwake(Input& input) {
+    GFile* folder = g_file_get_parent(input.m_pInputFile);
+    input.m_pFolderMonitor = g_file_monitor_directory(folder, G_FILE_MONITOR_NONE, nullptr, nullptr);
+    g_object_unref(folder);
 }
 
 gboolean MainLoop::terminate() {

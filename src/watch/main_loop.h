@@ -46,6 +46,7 @@ private:
     struct Input {
         GFile* m_pInputFile = nullptr;
         GFileMonitor* m_pInputMonitor = nullptr;
+        GFileMonitor* m_pFolderMonitor = nullptr;
     };
 
     gboolean terminate();
@@ -58,6 +59,7 @@ private:
     void addSignals();
     template <int inputId>
     bool watchInput();
+    void keepFolderAwake(Input& input);
     void inputChanged(int inputId, GFile* file, GFileMonitorEvent event);
     bool reloadInput(int inputId);
 
