@@ -27,7 +27,9 @@ struct Slab {
 };
 
 // Link stands directly before each value and tells its slab.
-using Link = Slab*;
+struct Link {
+    Slab* slab;
+};
 
 // Pool is the slab from which a thread cuts its next value. It is never destroyed, so that values may be made and
 // destroyed during the program's exit; PoolEnd gives its slab up at the thread's end.
@@ -86,7 +88,7 @@ void* Pool::allocate(std::size_t size) {
     if (static_cast<std::size_t>(m_pEnd - m_pNext) < needed)
         newSlab(needed);
     char* const value = m_pNext + sizeof(Link);
-    new (m_pNext) Link(m_pSlab);
+    new (m_pNext) Link{m_pSlab};
     m_pNext += needed;
     ++m_nMade;
     return value;
@@ -94,7 +96,7 @@ void* Pool::allocate(std::size_t size) {
 
 // The thread's own slab goes too when it holds no value any more, and the next one is small again.
 void Pool::release(void* value) {
-    Slab* const slab = static_cast<Link*>(value)[-1];
+    Slab* const slab = static_cast<Link*>(value)[-1].slab;
     const std::int64_t left = slab->drop(1);
     if (left == 0) {
         ::operator delete(slab);
