@@ -768,6 +768,16 @@ TEST(JSONParseArray, CutBehindACommaAndABlankFails) {
     }
 }
 
+TEST(JSONParse, FailureNeverLeavesTheCursorBehindTheTerminator) {
+    for (const std::string_view text :
+         {"[[", "[{", "{\"a\":[", "{\"a\":{", "[1,[2,", "[[1,", "[", "{\"a\":1,", "[1 ", ""}) {
+        const ExactBuffer<char> buffer(text, true);
+        const char* cursor = buffer.data();
+        const bool failed = JSON::json_parse(cursor) == nullptr;
+        EXPECT_LE(cursor, buffer.data() + text.size() + (failed ? 0 : 1)) << text;
+    }
+}
+
 TEST(JSONParseArray, CursorStopsBehindTheBracket) {
     EXPECT_EQ(2, readPrefix("[] ").moved);
     EXPECT_EQ(8, readPrefix(" [ 1,2 ], 3").moved);
