@@ -399,6 +399,13 @@ class StopTest(WatchTest):
         result = run_agent("-k")
         self.assert_failure(result, ("FATAL", f"failed to kill daemon: {error_text(errno.ESRCH)}"))
 
+    def test_kill_with_a_pid_file_of_process_0(self):
+        "-k fails where the PID file is empty or says 0, and does not signal the process group that it runs in."
+        for content in ("", "0\n"):
+            write_file(PID_FILE, content)
+            result = run_agent("-k")
+            self.assert_failure(result, ("FATAL", f"failed to kill daemon: {error_text(errno.ESRCH)}"))
+
     def test_kill_gives_up_after_five_seconds(self):
         "-k fails when a hook holds up the daemon's end for more than 5 seconds; the daemon still ends in order."
         with Daemon(hook=GATED_HOOK) as daemon:

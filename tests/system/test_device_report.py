@@ -1,5 +1,6 @@
 """The device report and the identifiers that it tells: /proc/cpuinfo and /etc/orvanta/identifiers."""
 
+import errno
 import json
 import os
 import pwd
@@ -98,10 +99,17 @@ class DocumentTest(ReportTest):
         self.assert_report(run_agent("-d"), report("0000abcd", boardSerial="\udcff\udcc3"))
 
     def test_report_to_a_place_that_takes_nothing(self):
-        "A full or closed standard output does not crash the report."
+        "A report that a full or closed standard output does not take is a failure, with the reason."
         with open("/dev/full", "wb") as full:
-            self.assertIn(run_agent("-d", stdout=full).status, (0, 1))
-        self.assertIn(run_agent("-c", 'exec "$0" -d >&-', os.environ["FEATUREWATCH"], program="/bin/sh").status, (0, 1))
+            refused = run_agent("-d", stdout=full)
+        closed = run_agent("-c", 'exec "$0" -d >&-', os.environ["FEATUREWATCH"], program="/bin/sh")
+        for result, reason in ((refused, errno.ENOSPC), (closed, errno.EBADF)):
+            self.assertEqual(result.status, 1, str(result))
+            self.assert_records(
+                result,
+                ("ERROR", f"failed to write the device report: {os.strerror(reason)}"),
+                ("FATAL", "failed collecting device information"),
+            )
 
     def test_nothing_is_printed_on_failure(self):
         "A report that fails prints nothing at all, and with -s only the FATAL record stays."

@@ -70,6 +70,14 @@ class RunTest(WatchTest):
         "A hook's exit status other than 0 gives a record, and the next change a further run."
         self.assert_survives("exit 3", "script exited with status 3")
 
+    def test_starter_that_ignores_its_children(self):
+        "A starter that left SIGCHLD ignored does not hide the hook's end, nor the launcher's at the stop."
+        ignore = lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN)
+        with Daemon(hook=HOOK, foreground=True, preexec_fn=ignore) as daemon:
+            os.kill(daemon.pid, signal.SIGTERM)
+            result = foreground_result(daemon)
+        self.assertEqual((result.status, [record for record in result.records if record.level == "ERROR"]), (0, []))
+
     def test_missing_command_is_recorded(self):
         "A command that does not exist is the shell's status 127, and the next change gives a further run."
         self.assert_survives("exec /none", "script exited with status 127")

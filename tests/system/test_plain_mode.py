@@ -1,6 +1,7 @@
 """The features document on standard output, made from the features that are installed."""
 
 import datetime
+import errno
 import os
 import pwd
 import re
@@ -354,6 +355,12 @@ class WholeFileTest(PlainTest):
         finally:
             os.mkdir("/etc/orvanta")
 
+    def test_text_that_is_not_utf8(self):
+        "One byte that is not UTF-8 leaves the whole file out: readers of the document would fail on it."
+        for text in (b"\xff", b"\x80", b"\xed\xa0\x80", b"\xc0\x80"):
+            write_file(INSTALLED_FEATURES, b'{"features":[{"name":"a"},{"name":"b' + text + b'"}]}')
+            self.assert_counts_as_empty()
+
     def test_deep_nesting(self):
         "Deep nesting does no harm: alone, in a feature that is listed, and in one that is left out."
         write_file(INSTALLED_FEATURES, "[" * MEBIBYTE)
@@ -386,11 +393,16 @@ class WholeFileTest(PlainTest):
 
 class OutputTest(PlainTest):
     def test_output_that_takes_nothing(self):
-        "A full or closed standard output does not crash the run."
+        "A document that a full or closed standard output does not take is a failure, with the reason."
         install_features(*(f"f{number}" for number in range(1000)))
         with open("/dev/full", "wb") as full:
-            self.assertIn(run_agent(stdout=full).status, (0, 1))
-        self.assertIn(run_agent("-c", 'exec "$0" >&-', agent_path(), program="/bin/sh").status, (0, 1))
+            refused = run_agent(stdout=full)
+        closed = run_agent("-c", 'exec "$0" >&-', agent_path(), program="/bin/sh")
+        for result, reason in ((refused, errno.ENOSPC), (closed, errno.EBADF)):
+            self.assertEqual(result.status, 1, str(result))
+            self.assert_records(
+                result, ("FATAL", f"failed to write the features document: {os.strerror(reason)}")
+            )
 
     def test_nothing_is_left_behind(self):
         "The run writes no file and leaves no process."

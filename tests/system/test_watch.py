@@ -259,6 +259,19 @@ class FileEventTest(WatchTest):
         self.stop_and_wait(daemon)
         self.assertEqual(self.runs(), 2)
 
+    def test_folder_that_comes_back(self):
+        "A folder of inputs that goes away and comes back is noticed without anybody asking."
+        remove_folder(ETC)
+        os.mkdir(ETC)
+        install_features("a")
+        daemon = self.watch()
+        remove_folder(ETC)
+        daemon.wait_for_names(limit=20)
+        os.mkdir(ETC)
+        install_features("b")
+        daemon.wait_for_names("b", limit=20)
+        self.stop_and_wait(daemon)
+
 
 class SignalTest(WatchTest):
     def test_recheck_without_change(self):
