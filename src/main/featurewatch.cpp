@@ -13,6 +13,7 @@
 #include "agent/daemon_control.h"
 #include "agent/device_report.h"
 #include "main/standard_descriptors.h"
+#include "tpm/tpm2_attestor.h"
 #include "watch/clock.h"
 #include "watch/program.h"
 
@@ -109,11 +110,12 @@ bool isValidCombination(const CommandLine& line) {
 }
 
 int reportDevice(const CommandLine& line) {
-    if (line.bIncrement) {
-        ORVLOG_FATAL(gs_pAppLogger, "failed incrementing the tally counter: no access to the TPM");
+    TPM2Attestor tpm;
+    if (line.bIncrement && !(tpm.open() && tpm.incrementCounter())) {
+        ORVLOG_FATAL(gs_pAppLogger, "failed incrementing the tally counter");
         return EXIT_FAILURE;
     }
-    if (!printDeviceInfo(line.pszAttestationFile)) {
+    if (!printDeviceInfo(line.pszAttestationFile, &tpm)) {
         ORVLOG_FATAL(gs_pAppLogger, "failed collecting device information");
         return EXIT_FAILURE;
     }

@@ -34,7 +34,6 @@ from harness import (
     WORK,
     Result,
     SandboxTest,
-    agent_environment,
     agent_processes,
     check_features_document,
     check_for_crash,
@@ -44,8 +43,6 @@ from harness import (
     start_daemon,
     wait_for,
 )
-
-HERE = os.path.dirname(os.path.abspath(__file__))
 
 RUNS = WORK + "/runs"
 GATE = WORK + "/gate"
@@ -203,16 +200,6 @@ def foreground_result(daemon):
     result = Result((), status, b"", read_file(f"/proc/self/fd/{daemon._errors.fileno()}"))
     check_for_crash(result)
     return result
-
-
-def preload(folder=WORK, **settings):
-    """The environment that loads preload.c into the agent, with these settings."""
-    library = os.path.join(folder, "preload.so")
-    if not os.path.exists(library):
-        source = os.path.join(HERE, "preload.c")
-        subprocess.run(["cc", "-Wall", "-Wextra", "-shared", "-fPIC", "-o", library, source, "-ldl"], check=True)
-    sanitizer = ":".join(filter(None, [agent_environment().get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
-    return {"LD_PRELOAD": library, "ASAN_OPTIONS": sanitizer, **settings}
 
 
 def open_gate():

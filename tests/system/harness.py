@@ -1,9 +1,9 @@
 """Helpers for system tests: the built agent, run as a user would, with real files, signals and records.
 
 Where the tests run
-    Inside `scripts/sandbox`, one sandbox for each test. There /etc/orvanta, /var/lib/orvanta, /run and /proc/cpuinfo
-    may be written freely; outside nothing here may run, and `SandboxTest` refuses to. FEATUREWATCH names the agent's
-    binary.
+    Inside `scripts/sandbox --tpm`, one sandbox for each test. There /etc/orvanta, /var/lib/orvanta, /run and
+    /proc/cpuinfo may be written freely; outside nothing here may run, and `SandboxTest` refuses to. FEATUREWATCH names
+    the agent's binary.
 
 A test
     Derive from `SandboxTest`. `setUp` gives a clean appliance: no input files, the default /proc/cpuinfo, an empty
@@ -21,8 +21,9 @@ A test
 One run
     `run_agent("-d", ...)` waits for the end, with a limit, and gives a `Result`: `status` (minus n when signal n ended
     it), `stdout`, `stderr` (bytes), `records` (what the agent logged on standard error, as `Record`s) and `other_lines`
-    (what else is there, such as the TSS library's own lines). The agent's environment is `agent_environment()`, never
-    ours.
+    (what else is there: the agent's lines that are no records, and of the TSS library, if asked to speak). The agent's
+    environment is `agent_environment()`, never ours. It keeps the TSS library silent, which writes lines of its own at
+    each failed call and each connection that it tries in vain; `env={"TSS2_LOG": "all+ERROR"}` lets it speak.
 
 The daemon
     `with Daemon(hook="touch /run/hooked") as daemon:` runs `featurewatch -w -x ...`, asserts that the command came back
@@ -65,6 +66,8 @@ import threading
 import time
 import unittest
 from dataclasses import dataclass, field
+
+HERE = os.path.dirname(os.path.abspath(__file__))
 
 CPUINFO_BEHIND = "/run/sandbox/cpuinfo"
 DEFAULT_SERIAL = "0000abcd"
@@ -367,10 +370,21 @@ PASSED_ON = re.compile(r"PATH|TZ|[A-Z]*SAN_OPTIONS|LLVM_PROFILE_FILE|GCOV_\w+")
 
 
 def agent_environment(**changes):
-    """What the agent gets: the search path, the settings of sanitizers and coverage, and `changes`."""
+    """What the agent gets: search path, settings of sanitizers and coverage, a silent TSS library, and `changes`."""
     environment = {name: value for name, value in os.environ.items() if PASSED_ON.fullmatch(name)}
+    environment["TSS2_LOG"] = "all+NONE"
     environment.update(changes)
     return environment
+
+
+def preload(folder=WORK, **settings):
+    """The environment that loads preload.c into the agent, with these settings."""
+    library = os.path.join(folder, "preload.so")
+    if not os.path.exists(library):
+        source = os.path.join(HERE, "preload.c")
+        subprocess.run(["cc", "-Wall", "-Wextra", "-shared", "-fPIC", "-o", library, source, "-ldl"], check=True)
+    sanitizer = ":".join(filter(None, [agent_environment().get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
+    return {"LD_PRELOAD": library, "ASAN_OPTIONS": sanitizer, **settings}
 
 
 @dataclass

@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Prints the id of every system test, one a line, in the form that run_test.py takes."""
+"""Prints the id of every test in a folder, one a line, in the form that run_test.py takes: list_tests.py FOLDER"""
 
 import os
 import sys
 import unittest
 
+HERE = os.path.dirname(os.path.abspath(__file__))
 sys.dont_write_bytecode = True
 
 
@@ -16,8 +17,12 @@ def ids(suite):
             yield item.id()
 
 
-def main():
-    folder = os.path.dirname(os.path.abspath(__file__))
+def main(arguments):
+    if len(arguments) != 1:
+        print("usage: list_tests.py FOLDER", file=sys.stderr)
+        return 1
+    folder = os.path.abspath(arguments[0])
+    sys.path.insert(0, HERE)
     loader = unittest.TestLoader()
     suite = loader.discover(folder, pattern="test_*.py", top_level_dir=folder)
     if loader.errors:
@@ -29,4 +34,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(sys.argv[1:]))

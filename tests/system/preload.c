@@ -1,8 +1,9 @@
-// preload.c: loaded into the agent by tests of the watch daemon, to bring about what is hard to meet otherwise.
+// preload.c: loaded into the agent by tests, to bring about what is hard to meet otherwise.
 //
 //   TEST_PERIOD=N          a timer of 3600 seconds becomes one of N seconds; all others stay
 //   TEST_HOLD_RENAME=FILE  each rename waits until FILE is gone
 //   TEST_FAIL=NAME         the function NAME fails at each call with errno EAGAIN; the last ones here can
+//   TEST_NV_VALUE=N        each read of eight bytes of the TPM's NV memory gives N, whatever the TPM said
 
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -12,6 +13,7 @@
 #include <string.h>
 #include <sys/types.h>
 #include <time.h>
+#include <tss2/tss2_esys.h>
 #include <unistd.h>
 
 #define NEXT(type, name) ((type)dlsym(RTLD_NEXT, name))
@@ -32,6 +34,22 @@ int rename(const char* from, const char* to) {
     while (hold && access(hold, F_OK) == 0)
         nanosleep(&pause, NULL);
     return NEXT(Rename*, "rename")(from, to);
+}
+
+typedef TSS2_RC ReadNV(ESYS_CONTEXT*, ESYS_TR, ESYS_TR, ESYS_TR, ESYS_TR, ESYS_TR, UINT16, UINT16,
+                       TPM2B_MAX_NV_BUFFER**);
+
+TSS2_RC Esys_NV_Read(ESYS_CONTEXT* context, ESYS_TR authorisation, ESYS_TR index, ESYS_TR session1, ESYS_TR session2,
+                     ESYS_TR session3, UINT16 size, UINT16 offset, TPM2B_MAX_NV_BUFFER** data) {
+    const TSS2_RC result =
+        NEXT(ReadNV*, "Esys_NV_Read")(context, authorisation, index, session1, session2, session3, size, offset, data);
+    const char* text = getenv("TEST_NV_VALUE");
+    if (result == TSS2_RC_SUCCESS && text && (*data)->size == 8) {
+        const unsigned long long value = strtoull(text, NULL, 10);
+        for (int i = 0; i < 8; ++i)
+            (*data)->buffer[i] = (BYTE)(value >> (56 - 8 * i));
+    }
+    return result;
 }
 
 static int fails(const char* name) {

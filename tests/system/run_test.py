@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
-"""Runs one system test: run_test.py test_cli.ScanTest.test_unknown_option_is_dropped
+"""Runs one system test: run_test.py FOLDER MODULE.CLASS.METHOD
 
-Exit status: 0 passed, 1 failed or unknown, 77 skipped (the reason is printed). Run it with scripts/sandbox.
+FOLDER holds the module, as in `run_test.py tests/system test_cli.ScanTest.test_unknown_option_is_dropped`; the helpers
+beside this script may be imported from any folder. Exit status: 0 passed, 1 failed or unknown, 77 skipped (the reason
+is printed). Run it with `scripts/sandbox --tpm`.
 """
 
 import os
@@ -9,6 +11,7 @@ import subprocess
 import sys
 import unittest
 
+HERE = os.path.dirname(os.path.abspath(__file__))
 SKIPPED = 77
 REACHABLE_AGENT = "/run/sandbox/agent/featurewatch"
 
@@ -24,16 +27,18 @@ def make_agent_reachable():
     subprocess.run(["mount", "--bind", path, REACHABLE_AGENT], check=True)
     os.environ["FEATUREWATCH"] = REACHABLE_AGENT
 
+
 sys.dont_write_bytecode = True
 
 
 def main(arguments):
-    if len(arguments) != 1 or arguments[0].count(".") != 2:
-        print("usage: run_test.py MODULE.CLASS.METHOD", file=sys.stderr)
+    if len(arguments) != 2 or arguments[1].count(".") != 2:
+        print("usage: run_test.py FOLDER MODULE.CLASS.METHOD", file=sys.stderr)
         return 1
+    folder, name = arguments
     make_agent_reachable()
-    sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-    suite = unittest.defaultTestLoader.loadTestsFromName(arguments[0])
+    sys.path[:0] = [os.path.abspath(folder), HERE]
+    suite = unittest.defaultTestLoader.loadTestsFromName(name)
     result = unittest.TextTestRunner(verbosity=2).run(suite)
     if result.testsRun != 1:
         print(f"{result.testsRun} tests have run instead of one", file=sys.stderr)

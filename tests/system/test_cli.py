@@ -8,7 +8,6 @@ from harness import (
     FEATURES_DOCUMENT,
     PID_FILE,
     Daemon,
-    SandboxTest,
     check_features_document,
     install_features,
     kill_agents,
@@ -17,6 +16,7 @@ from harness import (
     start_daemon,
     write_file,
 )
+from tpm_harness import PreparedTpmTest, counter, parse_report
 
 UNSUPPORTED = "Unsupported / incorrect option: "
 INVALID_COMBINATION = "invalid option combination"
@@ -34,7 +34,11 @@ FIXED_USAGE = {
 }
 
 
-class CliTest(SandboxTest):
+class CliTest(PreparedTpmTest):
+    def setUp(self):
+        super().setUp()
+        self.counter = counter()
+
     def assert_usage(self, data):
         self.assertTrue(data.endswith(b"\n"))
         lines = data.decode().split("\n")[:-1]
@@ -50,15 +54,18 @@ class CliTest(SandboxTest):
         check_features_document(result.stdout)
 
     def assert_report(self, result):
+        """A report, with the counter as it was."""
         self.assert_success(result)
         self.assertEqual(json.loads(result.stdout)["serial"], "0000abcd", str(result))
-        self.assert_no_records(result)
+        self.assertEqual(result.stderr, b"", str(result))
+        report = parse_report(result.stdout)
+        self.assertEqual(report.attestation is not None, "-A" in result.arguments[:-1], str(result))
+        self.assertEqual((report.value, counter()), (self.counter, self.counter), str(result))
 
     def assert_increment_mode(self, result):
-        """Without access to a TPM: nothing printed, and one FATAL record that is not about the options."""
-        self.assertEqual((result.status, result.stdout), (1, b""), str(result))
-        self.assertEqual(result.records[-1].level, "FATAL", str(result))
-        self.assertNotIn(INVALID_COMBINATION, result.records[-1].text)
+        """A report, with the counter incremented by one."""
+        self.counter += 1
+        self.assert_report(result)
 
     def assert_invalid_combination(self, result):
         self.assert_failure(result, ("FATAL", INVALID_COMBINATION))

@@ -11,13 +11,13 @@ from harness import (
     ETC,
     IDENTIFIERS,
     USER,
-    SandboxTest,
     check_for_crash,
     document_bytes,
     run_agent,
     set_cpuinfo,
     write_file,
 )
+from tpm_harness import PreparedTpmTest, parse_report, without_tpm_section
 
 NOT_LOADED = [("ERROR", "failed to load serial number"), ("FATAL", "failed collecting device information")]
 ALTERNATIVES = {
@@ -29,17 +29,19 @@ ALTERNATIVES = {
 
 
 def report(serial, cbData=None, **alternatives):
-    """The bytes of the report with these values."""
+    """The bytes of the report with these values, but for its TPM section."""
     value = {"serial": serial, "altSerial": alternatives}
     if cbData is not None:
         value["cbData"] = cbData
     return document_bytes(value)
 
 
-class ReportTest(SandboxTest):
+class ReportTest(PreparedTpmTest):
     def assert_report(self, result, expected):
+        """`expected` is the whole document but for its TPM section, whose form is checked too."""
         self.assert_success(result)
-        self.assertEqual(result.stdout, expected)
+        self.assertEqual(without_tpm_section(result.stdout), expected)
+        self.assertEqual(parse_report(result.stdout).attestation is not None, "-A" in result.arguments)
         self.assertEqual(result.stderr, b"")
 
     def assert_valid_json(self, data):
@@ -53,7 +55,7 @@ class ReportTest(SandboxTest):
 
 class DocumentTest(ReportTest):
     def test_least_report(self):
-        "Without further identifiers the report has the serial and an empty altSerial, byte by byte as here."
+        "Without further identifiers the report has serial, TPM and an empty altSerial, byte by byte as here."
         result = run_agent("-d")
         self.assert_report(result, b'{\n\t"altSerial": { },\n\t"serial": "0000abcd"\n}\n')
         self.assert_valid_json(result.stdout)
@@ -322,7 +324,8 @@ class IdentifierFileTest(ReportTest):
                 result = run_agent("-d")
                 check_for_crash(result)
                 if result.status == 0:
-                    self.assertTrue(result.stdout.startswith(b'{\n\t"altSerial": {'), str(result))
-                    self.assertTrue(result.stdout.endswith(b'"\n}\n'), str(result))
+                    rest = without_tpm_section(result.stdout)
+                    self.assertTrue(rest.startswith(b'{\n\t"altSerial": {'), str(result))
+                    self.assertTrue(rest.endswith(b'"\n}\n'), str(result))
                 else:
                     self.assert_not_loaded(result)

@@ -87,12 +87,12 @@ class RunTest(StandInTest):
                 run_agent()
 
     def test_agent_gets_no_variable_of_ours(self):
-        "The agent's environment holds nothing of the tests', only what a test adds."
+        "The agent's environment holds nothing of ours but what silences the TSS library, and what a test adds."
         self.stand_in("env")
         os.environ.update(HARNESS_OWN="1", LANG="x", TZ="UTC", ASAN_OPTIONS="a=1")
         lines = run_agent(env={"ADDED": "2"}).stdout.decode().splitlines()
         names = {line.split("=")[0] for line in lines} - {"PWD", "_", "SHLVL", "OLDPWD"}
-        self.assertEqual(names, {"PATH", "TZ", "ASAN_OPTIONS", "ADDED"})
+        self.assertEqual(names, {"PATH", "TZ", "ASAN_OPTIONS", "TSS2_LOG", "ADDED"})
         self.assertNotIn("FEATUREWATCH", agent_environment())
 
     def test_missing_binary_fails(self):
@@ -390,11 +390,10 @@ class T(unittest.TestCase):
     def test_expected(self): self.fail("no")
 """
 
-    def run_one(self, name):
+    def run_one(self, name, folder=harness.WORK):
         write_file(self.work_path("sample.py"), self.SAMPLE)
         return subprocess.run(
-            [sys.executable, os.path.join(HERE, "run_test.py"), name],
-            env={**os.environ, "PYTHONPATH": harness.WORK},
+            [sys.executable, os.path.join(HERE, "run_test.py"), folder, name],
             capture_output=True,
             text=True,
             timeout=20,
@@ -421,13 +420,22 @@ class T(unittest.TestCase):
             with self.subTest(name):
                 self.assertEqual(self.run_one(name).returncode, status)
 
+    def test_folder_decides_whose_test_runs(self):
+        "The module comes from the given folder, a relative path too; the helpers are found from there."
+        self.assertEqual(self.run_one("sample.T.test_pass", ".").returncode, 0)
+        os.mkdir("elsewhere")
+        self.assertEqual(self.run_one("sample.T.test_pass", "elsewhere").returncode, 1)
+        other_sample = "from harness import SandboxTest\n" + self.SAMPLE.replace("test_pass", "test_x")
+        write_file("elsewhere/sample.py", other_sample)
+        self.assertEqual(self.run_one("sample.T.test_x", "elsewhere").returncode, 0)
+
     def test_skip_tells_its_reason(self):
         "The reason of a skip is on standard output."
         self.assertIn("skipped: no hands", self.run_one("sample.T.test_skip").stdout)
 
     def test_list_has_every_test(self):
         "The list names each test method of each file once, this one among them."
-        output = subprocess.check_output([sys.executable, os.path.join(HERE, "list_tests.py")], text=True)
+        output = subprocess.check_output([sys.executable, os.path.join(HERE, "list_tests.py"), HERE], text=True)
         names = output.splitlines()
         self.assertIn("test_harness.RunnerTest.test_list_has_every_test", names)
         self.assertEqual(len(names), len(set(names)))

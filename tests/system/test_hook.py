@@ -14,7 +14,6 @@ from daemon_harness import (
     foreground_result,
     launcher_of,
     open_gate,
-    preload,
     started,
     updated,
 )
@@ -25,6 +24,7 @@ from harness import (
     check_features_document,
     install_features,
     is_alive,
+    preload,
     read_file,
     wait_for,
 )

@@ -22,6 +22,7 @@ from harness import (
     wait_until_watching,
     write_file,
 )
+from tpm_harness import PreparedTpmTest, parse_report
 
 DAEMON_FACILITY = 3
 EMERGENCY, ERROR, WARNING, INFO = 0, 3, 4, 6
@@ -34,7 +35,7 @@ def in_shell(redirections, *arguments, **keywords):
     return run_agent("-c", script, agent_path(), *arguments, program="/bin/sh", **keywords)
 
 
-class FormatTest(SandboxTest):
+class FormatTest(PreparedTpmTest):
     def three_levels(self, *options):
         """One run each with a WARN, an ERROR and a FATAL record."""
         install_features("", "good")
@@ -118,12 +119,13 @@ class FormatTest(SandboxTest):
 
     def test_successful_runs_log_nothing(self):
         "A report and a features document come without any record."
-        for arguments in ([], ["-d"], ["-h"], ["-s"]):
-            self.assertEqual(run_agent(*arguments).stderr, b"")
+        for arguments in ([], ["-d"], ["-R"], ["-h"], ["-s"]):
+            result = run_agent(*arguments)
+            self.assertEqual((result.status, result.stderr), (0, b""))
         self.assertEqual(self.syslog.datagrams(), [])
 
 
-class ForeignConfigurationTest(SandboxTest):
+class ForeignConfigurationTest(PreparedTpmTest):
     """ForeignConfigurationTest leaves log4cxx configurations where that library looks by itself."""
 
     PROPERTIES = """log4j.rootLogger=DEBUG, F
@@ -227,7 +229,7 @@ class TextTest(SandboxTest):
         self.assertEqual(joined, f"FATAL orv.featurewatch     - {REFUSED}{text}\n")
 
 
-class ClosedDescriptorTest(SandboxTest):
+class ClosedDescriptorTest(PreparedTpmTest):
     def usage(self):
         return run_agent("-h").stdout
 
@@ -240,6 +242,9 @@ class ClosedDescriptorTest(SandboxTest):
         result = in_shell("2>&-")
         self.assertEqual(result.status, 0)
         check_features_document(result.stdout)
+        result = in_shell("2>&-", "-d")
+        self.assertEqual(result.status, 0)
+        parse_report(result.stdout)
 
     def test_all_descriptors_closed(self):
         "With all three standard descriptors closed a run ends in order."
