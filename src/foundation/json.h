@@ -155,6 +155,26 @@ public:
     // is no array, gives the empty string. Containers among the elements are not entered. No slot may be empty.
     virtual std::string join(const std::string& separator) const;
 
+    // A path, in the four operations below, is a text split at every dot. A segment of digits only, the empty one
+    // included, is an index into an array (the empty one is 0), any other a key of an object; so keys that hold a dot
+    // or only digits can't be addressed.
+
+    // getPath returns the value at `path` below this one; null if the path leads nowhere.
+    JSON* getPath(const std::string& path);
+    const JSON* getPath(const std::string& path) const;
+
+    // movePath takes the value at `path` out; null, and no change, if the path leads nowhere. The slot stays behind
+    // empty, in objects too: it must be filled or removed before the document is printed.
+    root movePath(const std::string& path);
+
+    // getPathPtr returns the slot at `path` below the slot `slot`, and makes what is missing: values of another type
+    // that stand in the way are replaced, arrays grow to the index, with null values in between. Kept: an index at the
+    // path's end must lie below the array's size, as nothing grows there.
+    static root* getPathPtr(root* slot, const std::string& path);
+
+    // setPath stores `value` in that slot.
+    static void setPath(root* slot, const std::string& path, root&& value);
+
     // Null returns a new null value.
     static root Null();
 

@@ -1,0 +1,128 @@
+#include <algorithm>
+#include <cstdlib>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "foundation/json.h"
+
+namespace {
+
+// Segments hands out the segments of a path, from left to right.
+class Segments {
+public:
+    explicit Segments(const std::string& path) : m_strPath(path) {}
+
+    bool isLast() const { return m_nEnd == std::string::npos; }
+
+    // next gives the next segment; there is one as long as the latest wasn't the last.
+    std::string next() {
+        const size_t start = m_nStart;
+        m_nEnd = m_strPath.find('.', start);
+        m_nStart = m_nEnd + 1;
+        return m_strPath.substr(start, m_nEnd - start);  // npos reaches the path's end
+    }
+
+private:
+    const std::string& m_strPath;
+    size_t m_nStart = 0;
+    size_t m_nEnd = 0;
+};
+
+bool isIndex(const std::string& segment) {
+    return std::all_of(segment.begin(), segment.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// toIndex gives the largest long for what doesn't fit into one.
+size_t toIndex(const std::string& segment) {
+    return static_cast<size_t>(strtol(segment.c_str(), nullptr, 10));
+}
+
+bool isOf(const JSON* value, JSON::Type type) {
+    return value != nullptr && value->type == type;
+}
+
+const JSON* step(const JSON& value, const std::string& segment) {
+    if (!isIndex(segment))
+        return value.type == JSON::ObjectType ? value.get(segment) : nullptr;
+    const size_t index = toIndex(segment);
+    return value.type == JSON::ArrayType && index < value.size() ? value.at(index) : nullptr;
+}
+
+// findSlot is `step` for the slot instead of the value.
+JSON::root* findSlot(JSON& value, const std::string& segment) {
+    if (isIndex(segment)) {
+        const size_t index = toIndex(segment);
+        return value.type == JSON::ArrayType && index < value.size() ? &value.rootOf(index) : nullptr;
+    }
+    if (value.type != JSON::ObjectType)
+        return nullptr;
+    const auto member = value.each().find(segment);
+    return member == value.each().end() ? nullptr : &member->second;
+}
+
+JSON& makeArray(JSON::root& slot) {
+    if (!isOf(slot.get(), JSON::ArrayType))
+        slot = JSON::Array();
+    return *slot;
+}
+
+JSON& makeObject(JSON::root& slot) {
+    if (!isOf(slot.get(), JSON::ObjectType))
+        slot = JSON::Object();
+    return *slot;
+}
+
+// growTo gives the element at `index`, an empty slot if it lies beyond the array's end.
+JSON::root* growTo(JSON::Vector& elements, size_t index) {
+    if (index >= elements.max_size())
+        throw std::bad_alloc();
+    if (index >= elements.size()) {
+        elements.reserve(index + 1);
+        while (elements.size() < index)
+            elements.push_back(JSON::Null());
+        elements.emplace_back();
+    }
+    return &elements[index];
+}
+
+}  // namespace
+
+const JSON* JSON::getPath(const std::string& path) const {
+    const JSON* value = this;
+    Segments segments(path);
+    do
+        value = step(*value, segments.next());
+    while (value != nullptr && !segments.isLast());
+    return value;
+}
+
+JSON* JSON::getPath(const std::string& path) {
+    return const_cast<JSON*>(std::as_const(*this).getPath(path));
+}
+
+JSON::root JSON::movePath(const std::string& path) {
+    Segments segments(path);
+    root* slot = findSlot(*this, segments.next());
+    while (slot != nullptr && !segments.isLast())
+        slot = *slot == nullptr ? nullptr : findSlot(**slot, segments.next());
+    return slot == nullptr ? nullptr : std::move(*slot);
+}
+
+JSON::root* JSON::getPathPtr(root* slot, const std::string& path) {
+    Segments segments(path);
+    do {
+        const std::string segment = segments.next();
+        if (!isIndex(segment))
+            slot = &makeObject(*slot).each()[segment];
+        else if (segments.isLast())
+            slot = makeArray(*slot).values().data() + toIndex(segment);
+        else
+            slot = growTo(makeArray(*slot).values(), toIndex(segment));
+    } while (!segments.isLast());
+    return slot;
+}
+
+void JSON::setPath(root* slot, const std::string& path, root&& value) {
+    *getPathPtr(slot, path) = std::move(value);
+}

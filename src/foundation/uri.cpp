@@ -1,0 +1,295 @@
+#include "foundation/uri.h"
+
+#include <cstring>
+
+#include "foundation/base64.h"
+#include "foundation/uri_text.h"
+
+namespace {
+
+constexpr const char* DATA_SCHEME = "data";
+
+// isRooted tells whether a path of this origin has a root, which is then absolute.
+bool isRooted(const URI::Origin& origin) {
+    return !origin.scheme.empty() && !origin.host.empty();
+}
+
+bool isEmpty(const URI::Path& path) {
+    return path.segments.empty() && !path.trailingSlash;
+}
+
+// --- parsing ---------------------------------------------------------------------------------------------------------
+
+// normalizeUserInfo brings user information into normal form. A bad escape in it is repaired and no fault.
+bool normalizeUserInfo(std::string& userInfo) {
+    if (userInfo.find_first_of("[]") != userInfo.npos)
+        return false;
+    userInfo = URI::normalizeURIComponent(userInfo, "!$&'()*+;=", ":,");
+    return true;
+}
+
+// storeNormalForm checks the escapes of a component and stores its normal form.
+bool storeNormalForm(const std::string& text, const char* decodeSet, const char* preserveSet, bool skipPatterns,
+                     std::string& component) {
+    if (!URI::validateEscaping(text, skipPatterns))
+        return false;
+    component = URI::normalizeURIComponent(text, decodeSet, preserveSet, skipPatterns);
+    return true;
+}
+
+bool parseQuery(const char*& cursor, std::string& query, bool skipPatterns) {
+    if (*cursor != '?')
+        return true;
+    const char* start = cursor + 1;
+    const char* end = skipPatterns ? URI::findSkipPattern(start, '#') : std::strchr(start, '#');
+    cursor = end != nullptr ? end : start + std::strlen(start);
+    return storeNormalForm(std::string(start, cursor), "", "+;&=[]", skipPatterns, query);
+}
+
+bool parseFragment(const char*& cursor, std::string& fragment, bool skipPatterns) {
+    if (*cursor != '#')
+        return true;
+    const char* start = cursor + 1;
+    cursor = start + std::strlen(start);
+    return storeNormalForm(std::string(start, cursor), "!$&'()*+,;=:/?@", "[]", skipPatterns, fragment);
+}
+
+bool parseData(const char* text, URI& uri) {
+    return uri.origin.host.empty() && uri.userInfo.empty() && uri.parseFromDataURI(text);
+}
+
+bool parse(const char* text, URI& uri, bool skipPatterns) {
+    bool hasAuthority = false;
+    const char* cursor = uri.origin.parseFromURI(text, &uri.userInfo, &hasAuthority);
+    if (cursor == nullptr || !normalizeUserInfo(uri.userInfo))
+        return false;
+    if (uri.origin.scheme == DATA_SCHEME)
+        return parseData(cursor, uri);
+    cursor = uri.path.parseFromURI(cursor, skipPatterns);
+    if (cursor == nullptr)
+        return false;
+    if (!parseQuery(cursor, uri.query, skipPatterns) || !parseFragment(cursor, uri.fragment, skipPatterns))
+        return false;
+    if (*cursor != '\0')
+        return false;
+    uri.path.removeDotSegments(!uri.origin.scheme.empty() && hasAuthority);
+    return true;
+}
+
+// --- printing --------------------------------------------------------------------------------------------------------
+
+std::string schemeText(const URI::Origin& origin) {
+    return origin.scheme.empty() ? "" : origin.scheme + ":";
+}
+
+// authorityText gives "//" and the authority. Without a host only "udp" and "rtp" have one: their port tells where a
+// multicast is received.
+std::string authorityText(const URI::Origin& origin, const std::string& userInfo) {
+    if (!origin.host.empty())
+        return "//" + (userInfo.empty() ? "" : userInfo + "@") + origin.escapedHostPort();
+    if (origin.scheme == "udp" || origin.scheme == "rtp")
+        return "//@" + origin.escapedHostPort();
+    return "";
+}
+
+std::string markedText(char mark, const std::string& component) {
+    return component.empty() ? "" : mark + component;
+}
+
+std::string mimeTypeText(const URI::Data& data) {
+    return URI::escapeURIComponent(data.mimeType, "!$&'()*+=;:@/[]\"");
+}
+
+std::string dataText(const URI::Data& data) {
+    return mimeTypeText(data) + ";base64," + orv::base64Encode(data.bytes.data(), data.bytes.size());
+}
+
+std::string dataUserText(const URI::Data& data) {
+    return mimeTypeText(data) + ",[...]";
+}
+
+// --- resolving -------------------------------------------------------------------------------------------------------
+
+// isNeverReference tells whether URIs of this scheme are taken as they are, whatever the base.
+bool isNeverReference(const std::string& scheme) {
+    return scheme == DATA_SCHEME || scheme == "rtp" || scheme == "udp" || scheme == "uvc";
+}
+
+bool isReference(const URI& uri, const URI& base) {
+    if (isNeverReference(uri.origin.scheme))
+        return false;
+    return uri.origin.scheme.empty() || (uri.origin.scheme == base.origin.scheme && uri.origin.host.empty());
+}
+
+// hasHierarchy tells whether URIs of this scheme have references relative to each other.
+bool hasHierarchy(const std::string& scheme) {
+    return !scheme.empty() && scheme != "urn" && scheme != DATA_SCHEME;
+}
+
+}  // namespace
+
+URI::URI(Origin&& ofOrigin) : origin(std::move(ofOrigin)) {
+    path.absolute = path.trailingSlash = isRooted(origin);
+}
+
+URI::URI(const Origin& ofOrigin) : URI(Origin(ofOrigin)) {}
+
+URI::URI(Path&& ofPath) : path(std::move(ofPath)) {}
+
+URI::URI(const Path& ofPath) : path(ofPath) {}
+
+URI::URI(Origin ofOrigin, Path ofPath) : origin(std::move(ofOrigin)), path(std::move(ofPath)) {
+    path.absolute = path.absolute || isRooted(origin);
+}
+
+URI URI::fromString(const char* text, bool skipPatterns) {
+    if (text[0] == '/' && text[1] == '/')
+        return fromString("file:" + std::string(text), skipPatterns);
+    URI uri;
+    if (!parse(text, uri, skipPatterns))
+        return URI();
+    return uri;
+}
+
+URI URI::fromString(const std::string& text, bool skipPatterns) {
+    return fromString(text.c_str(), skipPatterns);
+}
+
+URI URI::fromFileName(const std::string& name) {
+    if (name.starts_with("//"))
+        return URI();
+    return URI(Origin("file", ""), Path::fromFileName(name));
+}
+
+URI URI::commonBase(const URI& a, const URI& b) {
+    URI base;
+    if (a.origin.compare(b.origin) != 0 || a.userInfo != b.userInfo)
+        return base;
+    base.origin = a.origin;
+    base.userInfo = a.userInfo;
+    base.path = Path::commonBase(a.path, b.path);
+    return base;
+}
+
+std::string URI::toString(bool skipPatterns) const {
+    std::string text = schemeText(origin);
+    if (origin.scheme == DATA_SCHEME)
+        return data == nullptr ? text : text + dataText(*data);
+    text += authorityText(origin, userInfo);
+    if (!isEmpty(path))
+        text += path.toEscapedURIPath(skipPatterns, origin.scheme == "rtsp");
+    return text + markedText('?', query) + markedText('#', fragment);
+}
+
+std::string URI::toUserString(bool skipPatterns) const {
+    std::string text = schemeText(origin);
+    if (origin.scheme == DATA_SCHEME)
+        return data == nullptr ? text : text + dataUserText(*data);
+    text += authorityText(origin, smartUnescapeURIComponent(userInfo, "@:/?#[]"));
+    if (!isEmpty(path))
+        text += path.toUserURIPath(skipPatterns);
+    return text + markedText('?', smartUnescapeURIComponent(query, "&=#", skipPatterns)) +
+           markedText('#', smartUnescapeURIComponent(fragment, "#", skipPatterns));
+}
+
+std::string URI::getFileName() const {
+    const bool isFile = origin.scheme.empty() || origin.scheme == "file";
+    const bool isLocal = origin.host.empty() || origin.host == "localhost";
+    return isFile && isLocal ? path.toFileName() : "";
+}
+
+std::string URI::resourceName() const {
+    return path.trailingSlash ? "" : path.lastSegmentName();
+}
+
+URI URI::resourceDir() const {
+    return URI(origin, path.resourceDir());
+}
+
+int URI::compare(const URI& other) const {
+    if (const int order = origin.compare(other.origin); order != 0)
+        return order;
+    if (const int order = uriCompareText(userInfo, other.userInfo); order != 0)
+        return order;
+    if (const int order = path.compare(other.path); order != 0)
+        return order;
+    if (const int order = uriCompareText(query, other.query); order != 0)
+        return order;
+    return uriCompareText(fragment, other.fragment);
+}
+
+bool URI::getPathUnder(const URI& root, Path& out) const {
+    Path relative = path;
+    const bool isUnder =
+        origin.compare(root.origin) == 0 && origin.scheme != DATA_SCHEME && relative.removeRoot(root.path);
+    out = isUnder ? std::move(relative) : Path();
+    return isUnder;
+}
+
+void URI::setOrigin(Origin&& value) {
+    origin = std::move(value);
+}
+
+void URI::setOrigin(const Origin& value) {
+    origin = value;
+}
+
+void URI::setPath(Path&& value) {
+    path = std::move(value);
+    path.removeDotSegments(isRooted(origin));
+}
+
+void URI::setPath(const Path& value) {
+    setPath(Path(value));
+}
+
+void URI::setQuery(std::string&& value) {
+    query = std::move(value);
+}
+
+void URI::setQuery(const std::string& value) {
+    query = value;
+}
+
+void URI::setFragment(std::string&& value) {
+    fragment = std::move(value);
+}
+
+void URI::setFragment(const std::string& value) {
+    fragment = value;
+}
+
+void URI::setUserInfo(std::string&& value) {
+    userInfo = std::move(value);
+}
+
+void URI::setUserInfo(const std::string& value) {
+    userInfo = value;
+}
+
+URI& URI::resolve(const URI& base) {
+    if (!isReference(*this, base))
+        return *this;
+    origin.scheme = base.origin.scheme;
+    if (!origin.host.empty())
+        return *this;
+    origin.host = base.origin.host;
+    origin.port = base.origin.port;
+    userInfo = base.userInfo;
+    if (isEmpty(path)) {
+        path = base.path;
+        if (query.empty())
+            query = base.query;
+        return *this;
+    }
+    path.resolve(base.path, isRooted(origin));
+    return *this;
+}
+
+URI& URI::makeRelative(const URI& base) {
+    if (!hasHierarchy(origin.scheme) || !hasHierarchy(base.origin.scheme) || origin.compare(base.origin) != 0)
+        return *this;
+    origin.clear();
+    path.makeRelative(base.path);
+    return *this;
+}

@@ -1,0 +1,397 @@
+#include <idn-free.h>
+#include <idna.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "foundation/uri.h"
+#include "foundation/uri_text.h"
+
+namespace {
+
+constexpr uint32_t MAX_PORT = 65535;
+constexpr size_t MAX_GROUP_DIGITS = 4;
+constexpr unsigned IPV6_GROUPS = 8;
+constexpr unsigned QUAD_DOTS = 3;
+constexpr unsigned MAX_QUAD_VALUE = 255;
+
+// libidn's time grows with the square of the length. No name in use comes near this limit.
+constexpr size_t MAX_NAME_LENGTH = 16384;
+
+struct DefaultPort {
+    std::string_view scheme;
+    uint32_t port;
+};
+
+// The schemes without a port ("file", "orv", "project") need no row. "ftpes" uses the control port of "ftp".
+constexpr DefaultPort DEFAULT_PORTS[] = {
+    {"http", 80},    {"https", 443},      {"ws", 80},     {"wss", 443},    {"rtsp", 554},  {"rtmp", 1935},
+    {"rtmps", 443},  {"ftp", 21},         {"ftpes", 21},  {"ftps", 990},   {"coap", 5683}, {"coap+tcp", 5683},
+    {"coaps", 5684}, {"coaps+tcp", 5684}, {"mqtt", 1883}, {"mqtts", 8883},
+};
+
+bool isSchemeCharacter(char c) {
+    return uriIsAlnum(c) || c == '+' || c == '-' || c == '.';
+}
+
+bool isControl(char c) {
+    return static_cast<unsigned char>(c) < ' ';
+}
+
+bool isZoneCharacter(char c) {
+    return uriIsAlnum(c) || c == '-';
+}
+
+bool isHostCharacter(char c) {
+    return uriIsAlnum(c) || c == '-' || c == '.' || static_cast<unsigned char>(c) >= 0x80;
+}
+
+bool isOpaqueHostScheme(std::string_view scheme) {
+    return scheme == "orv" || scheme == "project";
+}
+
+bool mayHavePortWithoutHost(std::string_view scheme) {
+    return scheme == "file" || scheme == "udp" || scheme == "rtp";
+}
+
+bool isOpaqueHost(const std::string& host) {
+    return std::none_of(host.begin(), host.end(), isControl);
+}
+
+bool isHostName(const std::string& host, bool allowTrailingDash) {
+    if (host.starts_with('-') || (host.ends_with('-') && !allowTrailingDash))
+        return false;
+    return std::all_of(host.begin(), host.end(), isHostCharacter);
+}
+
+bool isZone(std::string_view zone) {
+    return std::all_of(zone.begin(), zone.end(), isZoneCharacter);
+}
+
+// --- addresses -------------------------------------------------------------------------------------------------------
+
+bool isDottedQuad(std::string_view text) {
+    unsigned dots = 0;
+    unsigned value = 0;
+    bool hasDigit = false;
+    for (const char c : text) {
+        if (c == '.') {
+            if (!hasDigit || ++dots > QUAD_DOTS)
+                return false;
+            value = 0;
+            hasDigit = false;
+        } else {
+            if (!uriIsDigit(c))
+                return false;
+            value = value * 10 + static_cast<unsigned>(c - '0');
+            if (value > MAX_QUAD_VALUE)
+                return false;
+            hasDigit = true;
+        }
+    }
+    return dots == QUAD_DOTS && hasDigit;
+}
+
+size_t countHexDigits(std::string_view text) {
+    const auto end = std::find_if(text.begin(), text.end(), [](char c) { return uriHexValue(c) < 0; });
+    return static_cast<size_t>(end - text.begin());
+}
+
+// takeCompression takes a "::" off the front of the text; false if there is none or there was one before.
+bool takeCompression(std::string_view& text, bool& compressed) {
+    if (compressed || !text.starts_with("::"))
+        return false;
+    compressed = true;
+    text.remove_prefix(2);
+    return true;
+}
+
+// takeGroupEnd takes what may follow a group, a separator or the end of the text, off the front of the text.
+bool takeGroupEnd(std::string_view& text, bool& compressed) {
+    if (text.empty() || takeCompression(text, compressed))
+        return true;
+    if (!text.starts_with(':'))
+        return false;
+    text.remove_prefix(1);
+    return true;
+}
+
+bool isGroupCount(unsigned groups, bool compressed) {
+    return compressed ? groups >= 1 && groups < IPV6_GROUPS : groups == IPV6_GROUPS;
+}
+
+// isIPv6Address is no full test of RFC 4291. Kept: "::" alone is none, a group before a zone doesn't count, and a
+// single ":" may stand at the end.
+bool isIPv6Address(std::string_view text) {
+    bool compressed = false;
+    if (takeCompression(text, compressed) && text.empty())
+        return false;
+    unsigned groups = 0;
+    while (!text.empty()) {
+        const size_t digits = countHexDigits(text);
+        if (digits == 0 || digits > MAX_GROUP_DIGITS)
+            return false;
+        const std::string_view rest = text.substr(digits);
+        if (rest.starts_with('.'))
+            return isDottedQuad(text.substr(0, text.find('%'))) && isGroupCount(groups + 2, compressed);
+        if (rest.starts_with('%'))
+            break;
+        ++groups;
+        text = rest;
+        if (!takeGroupEnd(text, compressed))
+            return false;
+    }
+    return isGroupCount(groups, compressed);
+}
+
+// --- parsing ---------------------------------------------------------------------------------------------------------
+
+// parseScheme reads a scheme and returns what follows its colon; null if the text begins with none.
+const char* parseScheme(const char* text, std::string& scheme) {
+    if (!uriIsAlpha(*text))
+        return nullptr;
+    const char* end = text;
+    while (isSchemeCharacter(*end))
+        ++end;
+    if (*end != ':')
+        return nullptr;
+    scheme.assign(text, end);
+    std::transform(scheme.begin(), scheme.end(), scheme.begin(), uriToLower);
+    return end + 1;
+}
+
+// takeUserInfo takes the user information and its "@" off the front of the text.
+void takeUserInfo(std::string_view& text, std::string* userInfo) {
+    const size_t at = text.find('@');
+    if (at == text.npos)
+        return;
+    if (userInfo != nullptr)
+        *userInfo = text.substr(0, at);
+    text.remove_prefix(at + 1);
+}
+
+bool parseOpaqueHost(std::string_view text, std::string& host) {
+    bool valid = false;
+    host = URI::unescapeURI(std::string(text), &valid);
+    return valid && !host.empty() && isOpaqueHost(host);
+}
+
+// decodeZone replaces an escaped zone behind "%25" (RFC 6874) by "%" and the zone.
+bool decodeZone(std::string& host) {
+    constexpr std::string_view mark = "%25";
+    const size_t percent = host.find('%');
+    if (percent == host.npos)
+        return true;
+    if (host.compare(percent, mark.size(), mark) != 0 || percent + mark.size() == host.size())
+        return false;
+    const std::string escaped = host.substr(percent + mark.size());
+    if (escaped.find_first_of("[]@") != escaped.npos)
+        return false;
+    bool valid = false;
+    const std::string zone = URI::unescapeURI(escaped, &valid);
+    host.replace(percent + 1, host.npos, zone);
+    return valid && isZone(zone);
+}
+
+// parseIPv6Literal reads an address in brackets and takes it off the front of the text.
+bool parseIPv6Literal(std::string_view& text, std::string& host) {
+    const size_t close = text.find(']', 1);
+    if (close == text.npos)
+        return false;
+    host = text.substr(1, close - 1);
+    text.remove_prefix(close + 1);
+    return (text.empty() || text.starts_with(':')) && isIPv6Address(host) && decodeZone(host);
+}
+
+// parseHostName reads a name up to a colon and takes it off the front of the text.
+bool parseHostName(std::string_view& text, URI::Origin& origin) {
+    const std::string name(text.substr(0, text.find(':')));
+    text.remove_prefix(name.size());
+    if (name.find_first_of("[]@") != name.npos)
+        return false;
+    bool valid = false;
+    origin.host = URI::unescapeURI(name, &valid);
+    if (!valid)
+        return false;
+    if (origin.host.empty())
+        return mayHavePortWithoutHost(origin.scheme);
+    return isHostName(origin.host, false) && URI::canonicalizeHostName(origin.host, false);
+}
+
+// parsePort reads what follows the host: nothing, or a colon and digits.
+bool parsePort(std::string_view text, uint32_t& port) {
+    if (text.empty())
+        return true;
+    text.remove_prefix(1);
+    for (const char c : text) {
+        if (!uriIsDigit(c))
+            return false;
+        port = port * 10 + static_cast<uint32_t>(c - '0');
+        if (port > MAX_PORT)
+            return false;
+    }
+    return !text.empty();
+}
+
+bool parseHostAndPort(std::string_view text, URI::Origin& origin) {
+    if (text.empty())
+        return true;
+    if (isOpaqueHostScheme(origin.scheme))
+        return parseOpaqueHost(text, origin.host);
+    const bool hostRead = text.starts_with('[') ? parseIPv6Literal(text, origin.host) : parseHostName(text, origin);
+    return hostRead && parsePort(text, origin.port);
+}
+
+void applyDefaultPort(URI::Origin& origin) {
+    if (origin.port == 0)
+        origin.port = URI::defaultPort(origin.scheme);
+}
+
+// toASCII gives the name's ASCII form in lower case. libidn would take a NUL for the end of the name.
+bool toASCII(std::string& name) {
+    if (name.size() > MAX_NAME_LENGTH || name.find('\0') != name.npos)
+        return false;
+    char* result = nullptr;
+    const int status = idna_to_ascii_8z(name.c_str(), &result, IDNA_ALLOW_UNASSIGNED | IDNA_USE_STD3_ASCII_RULES);
+    const std::unique_ptr<char, decltype(&idn_free)> holder(result, idn_free);
+    if (status != IDNA_SUCCESS || result == nullptr)
+        return false;
+    name = result;
+    std::transform(name.begin(), name.end(), name.begin(), uriToLower);
+    return true;
+}
+
+}  // namespace
+
+URI::Origin::Origin(const std::string& text) {
+    if (parseFromURI(text.c_str(), nullptr, nullptr) == nullptr)
+        clear();
+}
+
+URI::Origin::Origin(const std::string& ofScheme, const std::string& ofHost, uint32_t ofPort)
+    : scheme(ofScheme), host(ofHost), port(ofPort) {
+    applyDefaultPort(*this);
+}
+
+const char* URI::Origin::parseFromURI(const char* text, std::string* rawUserInfo, bool* hasAuthority) {
+    clear();
+    const char* cursor = parseScheme(text, scheme);
+    if (cursor == nullptr)
+        return text;
+    const bool authority = cursor[0] == '/' && cursor[1] == '/';
+    if (hasAuthority != nullptr)
+        *hasAuthority = authority;
+    if (!authority)
+        return cursor;
+
+    cursor += 2;
+    std::string_view hostAndPort(cursor, std::strcspn(cursor, "/?#"));
+    const char* end = cursor + hostAndPort.size();
+    takeUserInfo(hostAndPort, rawUserInfo);
+    if (!parseHostAndPort(hostAndPort, *this))
+        return nullptr;
+    if (!host.empty())
+        applyDefaultPort(*this);
+    return end;
+}
+
+void URI::Origin::clear() {
+    scheme.clear();
+    host.clear();
+    port = 0;
+}
+
+void URI::Origin::setScheme(std::string&& value) {
+    scheme = std::move(value);
+}
+
+void URI::Origin::setScheme(const std::string& value) {
+    scheme = value;
+}
+
+void URI::Origin::setHostName(std::string&& value) {
+    host = std::move(value);
+}
+
+void URI::Origin::setHostName(const std::string& value) {
+    host = value;
+}
+
+void URI::Origin::setPort(uint32_t value) {
+    port = value;
+}
+
+bool URI::Origin::normalizeHostName(bool allowTrailingDash) {
+    if (host.empty())
+        return true;
+    if (isOpaqueHostScheme(scheme))
+        return isOpaqueHost(host);
+    if (!host.starts_with('['))
+        return isHostName(host, allowTrailingDash) && canonicalizeHostName(host, allowTrailingDash);
+    if (host.size() < 2)
+        return false;
+    host = host.substr(1, host.size() - 2);
+    return isIPv6() && normalizeIPv6();
+}
+
+bool URI::Origin::normalizeIPv6() {
+    const size_t percent = host.find('%');
+    return percent == host.npos || isZone(std::string_view(host).substr(percent + 1));
+}
+
+bool URI::Origin::isIPv4() const {
+    return isDottedQuad(host);
+}
+
+bool URI::Origin::isIPv6() const {
+    return isIPv6Address(host);
+}
+
+int URI::Origin::compare(const Origin& other) const {
+    if (const int order = uriCompareText(scheme, other.scheme); order != 0)
+        return order;
+    if (const int order = uriCompareText(host, other.host); order != 0)
+        return order;
+    return port < other.port ? -1 : port > other.port ? 1 : 0;
+}
+
+std::string URI::Origin::escapedHost() const {
+    if (isOpaqueHostScheme(scheme))
+        return escapeURIComponent(host, "");
+    if (!isIPv6())
+        return host;
+    const size_t zone = std::min(host.find('%'), host.size());
+    return std::string("[").append(host, 0, zone).append(escapeURIComponent(host.substr(zone), "")).append("]");
+}
+
+std::string URI::Origin::escapedHostPort() const {
+    if (port == defaultPort(scheme) || isOpaqueHostScheme(scheme))
+        return escapedHost();
+    return escapedHost() + ":" + std::to_string(port);
+}
+
+std::string URI::Origin::toString() const {
+    std::string text = scheme.empty() ? "" : scheme + ":";
+    if (!host.empty())
+        text += "//" + escapedHostPort() + "/";
+    return text;
+}
+
+uint32_t URI::defaultPort(const std::string& scheme) {
+    const auto* row = std::find_if(std::begin(DEFAULT_PORTS), std::end(DEFAULT_PORTS),
+                                   [&scheme](const DefaultPort& known) { return known.scheme == scheme; });
+    return row == std::end(DEFAULT_PORTS) ? 0 : row->port;
+}
+
+bool URI::canonicalizeHostName(std::string& host, bool allowTrailingDash) {
+    const bool setDashAside = allowTrailingDash && host.size() >= 2 && host.ends_with('-');
+    std::string name = host.substr(0, host.size() - (setDashAside ? 1 : 0));
+    if (!toASCII(name))
+        return false;
+    if (setDashAside)
+        name += '-';
+    host = std::move(name);
+    return true;
+}
