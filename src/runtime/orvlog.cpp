@@ -10,6 +10,7 @@
 #include <cstdio>
 
 #include "runtime/orvlog_c.h"
+#include "runtime/orvlog_setup.h"
 
 namespace {
 
@@ -19,28 +20,12 @@ constexpr const char* SYSLOG_PATTERN = "%-5p %-20c - %m%n";
 
 constexpr size_t PLAIN_MESSAGE_SIZE = 512;
 
-// claimConfiguration keeps log4cxx from looking for configuration files. A reset forgets the claim.
-void claimConfiguration() {
-    log4cxx::LogManager::getLoggerRepository()->setConfigured(true);
-}
-
 log4cxx::AppenderPtr makeConsoleAppender(bool toStdErr, bool bSilent) {
     const auto layout = std::make_shared<log4cxx::PatternLayout>(bSilent ? SILENT_CONSOLE_PATTERN : CONSOLE_PATTERN);
     const auto appender = std::make_shared<log4cxx::ConsoleAppender>(
         layout, toStdErr ? log4cxx::ConsoleAppender::getSystemErr() : log4cxx::ConsoleAppender::getSystemOut());
     if (bSilent)
         appender->setThreshold(log4cxx::Level::getFatal());
-    return appender;
-}
-
-log4cxx::AppenderPtr makeSyslogAppender(bool bSilent) {
-    const auto appender = std::make_shared<log4cxx::net::SyslogAppender>();
-    appender->setLayout(std::make_shared<log4cxx::PatternLayout>(SYSLOG_PATTERN));
-    appender->setFacility("DAEMON");
-    if (bSilent)
-        appender->setThreshold(log4cxx::Level::getFatal());
-    log4cxx::helpers::Pool pool;
-    appender->activateOptions(pool);
     return appender;
 }
 
@@ -66,6 +51,21 @@ log4cxx::LoggerPtr shareLogger(void* logger) {
 namespace orvlog {
 
 const char* const TOP_LOGGER_NAME = "orv";
+
+void claimConfiguration() {
+    log4cxx::LogManager::getLoggerRepository()->setConfigured(true);
+}
+
+log4cxx::AppenderPtr makeSyslogAppender(bool bSilent) {
+    const auto appender = std::make_shared<log4cxx::net::SyslogAppender>();
+    appender->setLayout(std::make_shared<log4cxx::PatternLayout>(SYSLOG_PATTERN));
+    appender->setFacility("DAEMON");
+    if (bSilent)
+        appender->setThreshold(log4cxx::Level::getFatal());
+    log4cxx::helpers::Pool pool;
+    appender->activateOptions(pool);
+    return appender;
+}
 
 std::string append(const std::string& parent, const std::string& name) {
     return parent + "." + name;

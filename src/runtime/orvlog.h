@@ -19,16 +19,16 @@
 
 // ORVLOG_DEBUG, ORVLOG_INFO, ORVLOG_WARN, ORVLOG_ERROR and ORVLOG_FATAL take a logger, a printf format and its
 // arguments. The arguments are evaluated only when the level is on.
-#define ORVLOG_DEBUG(logger, ...) ORVLOG_RECORD(logger, isDebugEnabled, getDebug, __VA_ARGS__)
-#define ORVLOG_INFO(logger, ...) ORVLOG_RECORD(logger, isInfoEnabled, getInfo, __VA_ARGS__)
-#define ORVLOG_WARN(logger, ...) ORVLOG_RECORD(logger, isWarnEnabled, getWarn, __VA_ARGS__)
-#define ORVLOG_ERROR(logger, ...) ORVLOG_RECORD(logger, isErrorEnabled, getError, __VA_ARGS__)
-#define ORVLOG_FATAL(logger, ...) ORVLOG_RECORD(logger, isFatalEnabled, getFatal, __VA_ARGS__)
+#define ORVLOG_DEBUG(logger, ...) ORVLOG_RECORD(logger, isDebugEnabledFor, getDebug, __VA_ARGS__)
+#define ORVLOG_INFO(logger, ...) ORVLOG_RECORD(logger, isInfoEnabledFor, getInfo, __VA_ARGS__)
+#define ORVLOG_WARN(logger, ...) ORVLOG_RECORD(logger, isWarnEnabledFor, getWarn, __VA_ARGS__)
+#define ORVLOG_ERROR(logger, ...) ORVLOG_RECORD(logger, isErrorEnabledFor, getError, __VA_ARGS__)
+#define ORVLOG_FATAL(logger, ...) ORVLOG_RECORD(logger, isFatalEnabledFor, getFatal, __VA_ARGS__)
 
 // ORVLOG_RECORD is the one shape of a log call, for the five macros above.
-#define ORVLOG_RECORD(logger, isEnabled, getLevel, ...)                                                                \
+#define ORVLOG_RECORD(logger, isEnabledFor, getLevel, ...)                                                             \
     do {                                                                                                               \
-        if ((logger)->isEnabled())                                                                                     \
+        if (log4cxx::Logger::isEnabledFor(logger))                                                                     \
             orvlog::safeForcedLog((logger), log4cxx::Level::getLevel(), strfmt(__VA_ARGS__), LOG4CXX_LOCATION);        \
     } while (false)
 
@@ -50,6 +50,23 @@ log4cxx::LoggerPtr getLogger(const std::string& name);
 // syslog. With `bSilent` only FATAL records pass, on both. A failure is told on standard error and gives false;
 // appenders that were attached by then stay.
 bool configureBasic(bool toStdErr, bool bSilent);
+
+// configureDefault sets logging up with files, in place of whatever was configured before: records from INFO up go to
+// "log/player.log", FATAL ones to syslog too, those of the logger "orv.accounting" only to "log/accounting.log", and
+// those of "orv.svglib.profiling" nowhere. The folder "log" is made in the working directory; each file is kept once
+// more when it has grown too large. Nothing of ours goes to the console. A failure is told on standard error and gives
+// false; appenders that were attached by then stay. Kept: a file that can't be opened is none, log4cxx only complains.
+bool configureDefault();
+
+// configureFromXML and configureFromINI set logging up from a file in one of log4cxx's two formats. A failure, a file
+// that is missing or malformed included, is told on standard error and gives false.
+bool configureFromXML(const std::string& file);
+bool configureFromINI(const std::string& file);
+
+// reset makes all appenders reopen their targets: log files that were moved away are made anew. A failure is told on
+// standard error; one logger's appenders don't keep the others from being reset. AsyncResetHandler does this without
+// the caller waiting.
+void reset();
 
 // fini ends logging; meant for atexit.
 void fini();
