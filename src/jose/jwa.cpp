@@ -1,0 +1,384 @@
+#include "jose/jwa.h"
+
+#include <openssl/bn.h>
+#include <openssl/ec.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <iterator>
+
+#include "runtime/orv_error.h"
+#include "runtime/strfmt.h"
+
+namespace jwa {
+
+namespace {
+
+using Digest = const EVP_MD* (*)();
+
+// Algorithm is what RFC 7518 says of one algorithm. `bits` is 0 where a key may have any size.
+struct Algorithm {
+    const char* name;
+    size_t signatureSize;
+    int keyType;
+    const char* keyTypeName;
+    int bits;
+    Digest digest;
+};
+
+constexpr Algorithm ALGORITHMS[] = {
+    {"none", 0, EVP_PKEY_NONE, "", 0, nullptr},
+    {"HS256", 32, EVP_PKEY_HMAC, "HMAC", 0, EVP_sha256},
+    {"HS384", 48, EVP_PKEY_HMAC, "HMAC", 0, EVP_sha384},
+    {"HS512", 64, EVP_PKEY_HMAC, "HMAC", 0, EVP_sha512},
+    {"ES256", 64, EVP_PKEY_EC, "EC", 256, EVP_sha256},
+    {"ES384", 96, EVP_PKEY_EC, "EC", 384, EVP_sha384},
+    {"ES512", 128, EVP_PKEY_EC, "EC", 521, EVP_sha512},
+    {"RS256", 256, EVP_PKEY_RSA, "RSA", 2048, EVP_sha256},
+    {"RS384", 256, EVP_PKEY_RSA, "RSA", 2048, EVP_sha384},
+    {"RS512", 256, EVP_PKEY_RSA, "RSA", 2048, EVP_sha512},
+};
+
+const Algorithm& describe(Algo algo) {
+    return ALGORITHMS[algo < std::size(ALGORITHMS) ? algo : None];
+}
+
+// opensslError makes an error of the first entry in OpenSSL's queue. Whoever calls OpenSSL clears the queue first, so
+// that this is its own error.
+ORVError opensslError(ORVError::Errors code, const char* call) {
+    char text[256] = {};
+    ERR_error_string_n(ERR_get_error(), text, sizeof text);
+    return ORVError(code, std::string(call) + ": " + text);
+}
+
+ORVError notValid(const std::string& detail) {
+    return ORVError(ORVError::StringNotValid, detail);
+}
+
+// selectDigest returns the digest of a signing algorithm; `failure` is the detail of the error if there is none.
+const EVP_MD* selectDigest(const Key& key, const char* failure) {
+    const Algorithm& algorithm = describe(key.algo());
+    if (algorithm.digest == nullptr)
+        throw notValid(failure);
+    return algorithm.digest();
+}
+
+void prepareContext(DigestContext& context) {
+    ERR_clear_error();
+    if (!context)
+        context.reset(EVP_MD_CTX_new());
+    if (!context)
+        throw opensslError(ORVError::NoMemory, "EVP_MD_CTX_new");
+}
+
+// finaliseInPlace spares the copy of the context that OpenSSL would otherwise make to end a message: no message goes on
+// behind its end here.
+void finaliseInPlace(const DigestContext& context) {
+    EVP_MD_CTX_set_flags(context.get(), EVP_MD_CTX_FLAG_FINALISE);
+}
+
+bool isECDSA(const Key& key) {
+    return describe(key.algo()).keyType == EVP_PKEY_EC;
+}
+
+// noPassword stands where OpenSSL would ask the terminal for a password.
+int noPassword(char*, int, int, void*) {
+    return -1;
+}
+
+using ReadPEM = EVP_PKEY* (*)(FILE*, EVP_PKEY**, pem_password_cb*, void*);
+
+EVP_PKEY* readPEM(const std::string& path, ReadPEM read, const char* call) {
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "re"), fclose);
+    if (!file)
+        throw ORVError::convertPosixError(ORVError::FileNotFound, errno, "cannot open PEM file");
+    ERR_clear_error();
+    EVP_PKEY* key = read(file.get(), nullptr, noPassword, nullptr);
+    if (key == nullptr)
+        throw opensslError(ORVError::StringNotValid, call);
+    return key;
+}
+
+struct OpenSSLDeleter {
+    void operator()(BIGNUM* number) const noexcept { BN_free(number); }
+    void operator()(ECDSA_SIG* signature) const noexcept { ECDSA_SIG_free(signature); }
+};
+
+template <class T>
+using Holder = std::unique_ptr<T, OpenSSLDeleter>;
+
+int typeOf(const EVP_PKEY* key) {
+    if (key == nullptr)
+        return EVP_PKEY_NONE;
+    // HMAC keys have no base type, and those of no bytes have no type at all.
+    return EVP_PKEY_is_a(key, "HMAC") ? EVP_PKEY_HMAC : EVP_PKEY_base_id(key);
+}
+
+// derOf turns r and s side by side into OpenSSL's form of an ECDSA signature.
+std::vector<unsigned char> derOf(const std::vector<unsigned char>& raw) {
+    const int half = static_cast<int>(raw.size() / 2);
+    const Holder<ECDSA_SIG> signature(ECDSA_SIG_new());
+    if (!signature)
+        throw opensslError(ORVError::NoMemory, "ECDSA_SIG_new");
+    Holder<BIGNUM> r(BN_bin2bn(raw.data(), half, nullptr));
+    Holder<BIGNUM> s(BN_bin2bn(raw.data() + half, half, nullptr));
+    if (!r || !s)
+        throw opensslError(ORVError::NoMemory, "BN_bin2bn");
+    if (ECDSA_SIG_set0(signature.get(), r.get(), s.get()) != 1)
+        throw opensslError(ORVError::SystemUnknown, "ECDSA_SIG_set0");
+    r.release();  // both belong to the signature now
+    s.release();
+    const int length = i2d_ECDSA_SIG(signature.get(), nullptr);
+    if (length <= 0)
+        throw opensslError(ORVError::SystemUnknown, "i2d_ECDSA_SIG");
+    std::vector<unsigned char> der(static_cast<size_t>(length));
+    unsigned char* end = der.data();
+    if (i2d_ECDSA_SIG(signature.get(), &end) != length)
+        throw opensslError(ORVError::SystemUnknown, "i2d_ECDSA_SIG");
+    return der;
+}
+
+}  // namespace
+
+const char* name(Algo algo) {
+    return describe(algo).name;
+}
+
+size_t signatureSize(Algo algo) {
+    return describe(algo).signatureSize;
+}
+
+// --- Key ---
+
+Key::~Key() {
+    reset();
+}
+
+Key::Key(const Key& other) : m_eAlgo(other.m_eAlgo), m_pKey(other.m_pKey) {
+    if (m_pKey != nullptr)
+        EVP_PKEY_up_ref(m_pKey);
+}
+
+Key& Key::operator=(const Key& other) {
+    if (this == &other)
+        return *this;
+    reset();
+    m_eAlgo = other.m_eAlgo;
+    m_pKey = other.m_pKey;
+    if (m_pKey != nullptr)
+        EVP_PKEY_up_ref(m_pKey);
+    return *this;
+}
+
+// NOLINTNEXTLINE(performance-noexcept-move-constructor): containers must copy
+Key::Key(Key&& other) : m_eAlgo(other.m_eAlgo), m_pKey(other.m_pKey) {
+    other.reset();
+}
+
+// NOLINTNEXTLINE(performance-noexcept-move-constructor): containers must copy
+Key& Key::operator=(Key&& other) {
+    if (this == &other)
+        return *this;
+    reset();
+    m_eAlgo = other.m_eAlgo;
+    m_pKey = other.m_pKey;
+    other.reset();
+    return *this;
+}
+
+void Key::reset() {
+    set(None, nullptr);
+}
+
+void Key::set(Algo algo, EVP_PKEY* key) {
+    EVP_PKEY_free(m_pKey);
+    m_eAlgo = algo;
+    m_pKey = key;
+}
+
+void Key::setHMAC(Algo algo, const unsigned char* key, size_t length) {
+    if (describe(algo).keyType != EVP_PKEY_HMAC)
+        throw notValid("Algorithm must be HMAC");
+    ERR_clear_error();
+    // EVP_PKEY_new_mac_key takes no key without bytes, and counts them in an int.
+    const bool countable = length > 0 && length <= INT_MAX;
+    EVP_PKEY* made = countable ? EVP_PKEY_new_mac_key(EVP_PKEY_HMAC, nullptr, key, static_cast<int>(length))
+                               : EVP_PKEY_new_raw_private_key(EVP_PKEY_HMAC, nullptr, key, length);
+    if (made == nullptr)
+        throw opensslError(ORVError::NoMemory, "EVP_PKEY_new_mac_key");
+    set(algo, made);
+}
+
+void Key::checkKey() const {
+    const Algorithm& algorithm = describe(m_eAlgo);
+    if (algorithm.keyType == EVP_PKEY_NONE)
+        return;
+    if (typeOf(m_pKey) != algorithm.keyType)
+        throw notValid(strfmt("key type must be %s for: %s", algorithm.keyTypeName, algorithm.name));
+    if (algorithm.bits == 0 || EVP_PKEY_bits(m_pKey) == algorithm.bits)
+        return;
+    if (algorithm.keyType == EVP_PKEY_EC)
+        throw notValid(strfmt("Wrong EC key size for: %s", algorithm.name));
+    throw notValid(strfmt("RSA key size must be 2048 for: %s", algorithm.name));
+}
+
+void Key::loadPrivateKey(Algo algo, const std::string& path) {
+    set(algo, readPEM(path, PEM_read_PrivateKey, "PEM_read_PrivateKey"));
+    checkKey();
+}
+
+void Key::loadPublicKey(Algo algo, const std::string& path) {
+    set(algo, readPEM(path, PEM_read_PUBKEY, "PEM_read_PUBKEY"));
+    checkKey();
+}
+
+void Key::loadPrivateKeyDER(Algo algo, const void* data, int length) {
+    const int type = describe(algo).keyType;
+    if (type == EVP_PKEY_NONE)
+        throw notValid("Unsupported algorithm");
+    ERR_clear_error();
+    const auto* position = static_cast<const unsigned char*>(data);
+    EVP_PKEY* key = d2i_PrivateKey(type, nullptr, &position, std::max(length, 0));
+    if (key == nullptr)
+        throw opensslError(ORVError::StringNotValid, "d2i_PrivateKey");
+    set(algo, key);
+    checkKey();
+}
+
+void Key::loadPublicKeyDER(Algo algo, const void* data, int length) {
+    if (describe(algo).keyType == EVP_PKEY_NONE)
+        throw notValid("Unsupported algorithm");
+    ERR_clear_error();
+    const auto* position = static_cast<const unsigned char*>(data);
+    EVP_PKEY* key = d2i_PUBKEY(nullptr, &position, std::max(length, 0));
+    if (key == nullptr)
+        throw opensslError(ORVError::StringNotValid, "d2i_PUBKEY");
+    set(algo, key);
+    checkKey();
+}
+
+// --- Signer ---
+
+void DigestContextDeleter::operator()(EVP_MD_CTX* context) const noexcept {
+    EVP_MD_CTX_free(context);
+}
+
+void Signer::init() {
+    if (m_bInitialised)
+        return;
+    prepareContext(m_pContext);
+    const EVP_MD* digest = selectDigest(m_oKey, "Unsupported algorithm for signing");
+    const int result = EVP_DigestSignInit(m_pContext.get(), nullptr, digest, nullptr, m_oKey.pkey());
+    if (result != 1)
+        throw opensslError(result == -2 ? ORVError::StringNotValid : ORVError::SystemUnknown, "EVP_DigestSignInit");
+    finaliseInPlace(m_pContext);
+    m_bInitialised = true;
+    m_bFinished = false;
+}
+
+void Signer::update(const void* data, size_t length) {
+    init();
+    ERR_clear_error();
+    if (EVP_DigestUpdate(m_pContext.get(), data, length) != 1)
+        throw opensslError(ORVError::NoMemory, "EVP_DigestSignUpdate");
+}
+
+const std::vector<unsigned char>& Signer::get() {
+    if (m_bFinished)
+        return m_aSignature;
+    init();
+    ERR_clear_error();
+    if (isECDSA(m_oKey))
+        finishECDSA();
+    else
+        finishRaw();
+    m_bInitialised = false;
+    m_bFinished = true;
+    return m_aSignature;
+}
+
+void Signer::finishRaw() {
+    size_t length = signatureSize(m_oKey.algo());
+    m_aSignature.assign(length, 0);
+    if (EVP_DigestSignFinal(m_pContext.get(), m_aSignature.data(), &length) != 1)
+        throw opensslError(ORVError::SystemUnknown, "EVP_DigestSignFinal");
+}
+
+// finishECDSA turns OpenSSL's DER form into r and s, each padded with zeros on the left.
+void Signer::finishECDSA() {
+    size_t length = 0;
+    if (EVP_DigestSignFinal(m_pContext.get(), nullptr, &length) != 1)
+        throw opensslError(ORVError::SystemUnknown, "EVP_DigestSignFinal");
+    std::vector<unsigned char> der(length);
+    if (EVP_DigestSignFinal(m_pContext.get(), der.data(), &length) != 1)
+        throw opensslError(ORVError::SystemUnknown, "EVP_DigestSignFinal");
+    const unsigned char* position = der.data();
+    const Holder<ECDSA_SIG> signature(d2i_ECDSA_SIG(nullptr, &position, static_cast<long>(length)));
+    if (!signature)
+        throw opensslError(ORVError::SystemUnknown, "d2i_ECDSA_SIG");
+    const BIGNUM *r, *s;
+    ECDSA_SIG_get0(signature.get(), &r, &s);
+    m_aSignature.assign(signatureSize(m_oKey.algo()), 0);
+    const int half = static_cast<int>(m_aSignature.size() / 2);
+    if (BN_bn2binpad(r, m_aSignature.data(), half) < 0 || BN_bn2binpad(s, m_aSignature.data() + half, half) < 0)
+        throw opensslError(ORVError::SystemUnknown, "BN_bn2binpad");
+}
+
+// --- Verifier ---
+
+void Verifier::init() {
+    if (m_bInitialised)
+        return;
+    prepareContext(m_pContext);
+    const EVP_MD* digest = selectDigest(m_oKey, "Unsupported algorithm for verifying");
+    const int result = EVP_DigestVerifyInit(m_pContext.get(), nullptr, digest, nullptr, m_oKey.pkey());
+    if (result != 1)
+        throw opensslError(result == -2 ? ORVError::StringNotValid : ORVError::NoMemory, "EVP_DigestVerifyInit");
+    finaliseInPlace(m_pContext);
+    m_bInitialised = true;
+}
+
+void Verifier::update(const void* data, size_t length) {
+    init();
+    ERR_clear_error();
+    if (EVP_DigestUpdate(m_pContext.get(), data, length) != 1)
+        throw opensslError(ORVError::NoMemory, "EVP_DigestVerifyUpdate");
+}
+
+bool Verifier::matches(const std::vector<unsigned char>& signature) {
+    if (signature.size() != signatureSize(m_oKey.algo()))
+        return false;
+    init();
+    ERR_clear_error();
+    const int result = isECDSA(m_oKey) ? verifyFinal(derOf(signature)) : verifyFinal(signature);
+    if (result < 0)
+        throw opensslError(ORVError::SystemUnknown, "EVP_DigestVerifyFinal");
+    m_bInitialised = false;
+    return result == 1;
+}
+
+int Verifier::verifyFinal(const std::vector<unsigned char>& signature) {
+    return EVP_DigestVerifyFinal(m_pContext.get(), signature.data(), signature.size());
+}
+
+// --- one call ---
+
+std::vector<unsigned char> sign(const void* data, size_t length, const Key& key) {
+    Signer signer(key);
+    signer.update(data, length);
+    return signer.get();
+}
+
+bool verify(const void* data, size_t length, const Key& key, const std::vector<unsigned char>& signature) {
+    Verifier verifier(key);
+    verifier.update(data, length);
+    return verifier.matches(signature);
+}
+
+}  // namespace jwa
