@@ -20,7 +20,8 @@ int64_t earlier(int64_t first, int64_t second) {
 }  // namespace
 
 FeatureProvider::FeatureProvider()
-    : m_aSources{FeatureSource("/etc/orvanta/features.json", "installed"), FeatureSource("", "granted")} {}
+    : m_aSources{FeatureSource("/etc/orvanta/features.json", "installed"),
+                 FeatureSource("/var/lib/orvanta/features.jws", "granted", "/etc/orvanta/features.pem")} {}
 
 void FeatureProvider::init(int64_t now) {
     for (FeatureSource& source : m_aSources)

@@ -1,8 +1,9 @@
 // feature_provider.h: the owner of the device's feature list.
 //
-// The features come from two inputs: what the appliance's maker or administrator installed, and what was granted to
-// this device (not in use yet). The list holds one entry per name: among the entries of that name that are active at
-// the moment, input 0 stands before input 1, and within an input the first. It is ordered by the bytes of the names.
+// The features come from two inputs: what the appliance's maker or administrator installed (0), and what was granted to
+// this device in a signed document (1). The list holds one entry per name: among the entries of that name that are
+// active at the moment, input 0 stands before input 1, and within an input the first. It is ordered by the bytes of the
+// names.
 //
 // `now` and every instant are whole seconds since the Unix epoch. All calls come from one thread. A failure in an input
 // is logged where it is met; the callers learn only whether the list changed.
@@ -21,12 +22,13 @@
 // too, since only a publication arms the loop's timer for it.
 class FeatureProvider {
 public:
+    // FeatureProvider stands for the two inputs and has read none yet.
     FeatureProvider();
 
     // init empties the list; it comes before any other call.
     void init(int64_t now);
 
-    // inputPath gives the path of input 0 or 1; empty when that input isn't in use.
+    // inputPath gives the path of input 0 or 1; an empty one would mean that the input isn't in use.
     std::string inputPath(int inputId) const;
 
     // dropInput forgets what came from an input. If its file is gone it judges and tells whether the list changed. If

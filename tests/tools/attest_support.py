@@ -45,7 +45,7 @@ attest = load_attest()
 
 def run_attest(*arguments, **keywords):
     """Runs the command to its end. None may end with a traceback."""
-    command = [ATTEST, *arguments]
+    command = [sys.executable, ATTEST, *arguments]
     result = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=60, **keywords)
     if b"Traceback" in result.stderr or result.returncode not in (0, 1, 2):
         raise AssertionError(f"attest {arguments}: {result}")

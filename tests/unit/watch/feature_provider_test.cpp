@@ -122,12 +122,12 @@ std::string window(const std::string& name, int64_t from, int64_t until, const s
 
 // --- Inputs
 
-TEST_F(FeatureProviderTest, InstalledFeaturesAreTheOnlyInputInUse) {
+TEST_F(FeatureProviderTest, InputsAreTheInstalledAndTheGrantedFeatures) {
     EXPECT_EQ(m_oProvider.inputPath(0), "/etc/orvanta/features.json");
-    EXPECT_EQ(m_oProvider.inputPath(1), "");
+    EXPECT_EQ(m_oProvider.inputPath(1), "/var/lib/orvanta/features.jws");
 }
 
-TEST_F(FeatureProviderTest, InputThatIsNotInUseNeverChangesTheList) {
+TEST_F(FeatureProviderTest, MissingGrantNeverChangesTheList) {
     load(R"({"name":"a"})");
     RecordCollector collector;
     EXPECT_FALSE(m_oProvider.loadInput(1));
