@@ -143,11 +143,12 @@ JSON::root copyTree(const Container& top) {
 
 #ifdef JSON_VALUES_UNPOOLED
 
-void* JSON::operator new(std::size_t size) {
+// Inlined, one without the other, the two would look like a mismatch to g++.
+[[gnu::noinline]] void* JSON::operator new(std::size_t size) {
     return ::operator new(size);
 }
 
-void JSON::operator delete(void* value, std::size_t) {
+[[gnu::noinline]] void JSON::operator delete(void* value, std::size_t) {
     ::operator delete(value);
 }
 

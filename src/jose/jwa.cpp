@@ -132,8 +132,8 @@ std::vector<unsigned char> derOf(const std::vector<unsigned char>& raw) {
         throw opensslError(ORVError::NoMemory, "BN_bin2bn");
     if (ECDSA_SIG_set0(signature.get(), r.get(), s.get()) != 1)
         throw opensslError(ORVError::SystemUnknown, "ECDSA_SIG_set0");
-    r.release();  // both belong to the signature now
-    s.release();
+    static_cast<void>(r.release());  // both belong to the signature now
+    static_cast<void>(s.release());
     const int length = i2d_ECDSA_SIG(signature.get(), nullptr);
     if (length <= 0)
         throw opensslError(ORVError::SystemUnknown, "i2d_ECDSA_SIG");

@@ -1008,8 +1008,8 @@ ECDSA_SIG_UPtr TPM2Attestor::ecdsaToOssl(const TPMT_SIGNATURE* signature) {
         return failedWithOpenSSL("failed to create new ECDSA signature points");
     if (ECDSA_SIG_set0(result.get(), r.get(), s.get()) != 1)
         return failedWithOpenSSL("failed to set the ECDSA signature points");
-    r.release();  // both belong to the signature now
-    s.release();
+    static_cast<void>(r.release());  // both belong to the signature now
+    static_cast<void>(s.release());
     return result;
 }
 

@@ -3,6 +3,9 @@
 // This file replaces libc's read and write for its test program: on one descriptor that doesn't exist they do what a
 // script says. On any other they are libc's own.
 
+// The fortified headers define read and write themselves.
+#undef _FORTIFY_SOURCE
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
