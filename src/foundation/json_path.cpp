@@ -78,7 +78,8 @@ JSON::root* growTo(JSON::Vector& elements, size_t index) {
     if (index >= elements.max_size())
         throw std::bad_alloc();
     if (index >= elements.size()) {
-        elements.reserve(index + 1);
+        if (index >= elements.capacity())
+            elements.reserve(std::max(index + 1, 2 * elements.size()));  // doubling keeps a rising index linear
         while (elements.size() < index)
             elements.push_back(JSON::Null());
         elements.emplace_back();

@@ -22,6 +22,8 @@ bool isEmpty(const URI::Path& path) {
 
 // normalizeUserInfo brings user information into normal form. A bad escape in it is repaired and no fault.
 bool normalizeUserInfo(std::string& userInfo) {
+    if (userInfo.empty())
+        return true;
     if (userInfo.find_first_of("[]") != userInfo.npos)
         return false;
     userInfo = URI::normalizeURIComponent(userInfo, "!$&'()*+;=", ":,");
@@ -69,8 +71,6 @@ bool parse(const char* text, URI& uri, bool skipPatterns) {
     if (cursor == nullptr)
         return false;
     if (!parseQuery(cursor, uri.query, skipPatterns) || !parseFragment(cursor, uri.fragment, skipPatterns))
-        return false;
-    if (*cursor != '\0')
         return false;
     uri.path.removeDotSegments(!uri.origin.scheme.empty() && hasAuthority);
     return true;
@@ -147,7 +147,7 @@ URI URI::fromString(const char* text, bool skipPatterns) {
         return fromString("file:" + std::string(text), skipPatterns);
     URI uri;
     if (!parse(text, uri, skipPatterns))
-        return URI();
+        uri = URI();
     return uri;
 }
 

@@ -6,7 +6,7 @@
 // which only what would change the URI's structure stays escaped.
 //
 // With `skipPatterns` a region from "[[" through the next "]]", a placeholder of a template text, is passed over and
-// copied unchanged; an opening without a closing is no region.
+// copied unchanged (but see `findSkipPattern`); an opening without a closing is no region.
 //
 // Nothing here throws or logs; failure is an empty value, false or null. Values without locks: copies may be used from
 // different threads.
@@ -118,7 +118,8 @@ public:
         Path topDir() const;
         Path afterTopDir() const;
 
-        // commonBase returns the directory that both paths share; the empty path if only one is absolute.
+        // commonBase returns the directory that both paths share, or the path itself if they are equal and without
+        // trailing slash; the empty path if only one is absolute.
         static Path commonBase(const Path& a, const Path& b);
 
         // clear makes this the empty path.
@@ -177,8 +178,8 @@ public:
         Origin(const std::string& scheme, const std::string& host, uint32_t port = 0);
 
         // parseFromURI parses the origin at `text`. It returns where the origin ends (at `text` if there is no scheme),
-        // or null. `userInfo` gets the text before "@" as it is, `hasAuthority` whether there was a "//"; either may be
-        // null.
+        // or null; then the fields hold what was read so far. `userInfo` gets the text before "@" as it is, if there is
+        // one, `hasAuthority` whether "//" follows the scheme, if there is one; either may be null.
         const char* parseFromURI(const char* text, std::string* userInfo, bool* hasAuthority);
 
         // clear empties all.
@@ -192,6 +193,7 @@ public:
         void setPort(uint32_t value);
 
         // normalizeHostName checks a host that was set by hand and brings it into canonical form; false if it is none.
+        // Brackets are taken off in either case.
         bool normalizeHostName(bool allowTrailingDash);
 
         // normalizeIPv6 checks the zone of `host`. An empty zone behind a final "%" passes.
@@ -346,8 +348,8 @@ public:
     static std::string smartEscapeURIComponent(const std::string& text, const std::string& escapeSet,
                                                bool skipPatterns = false);
 
-    // smartUnescapeURIComponent brings escaped text into the form for people: decoded, but for control characters, the
-    // blank, "%" and what is in `keepEscapedSet`.
+    // smartUnescapeURIComponent brings escaped text into the form for people: decoded, but for bytes up to the blank,
+    // "%" and what is in `keepEscapedSet`.
     static std::string smartUnescapeURIComponent(const std::string& text, const std::string& keepEscapedSet,
                                                  bool skipPatterns = false);
 

@@ -20,6 +20,8 @@ constexpr unsigned MAX_QUAD_VALUE = 255;
 // libidn's time grows with the square of the length. No name in use comes near this limit.
 constexpr size_t MAX_NAME_LENGTH = 16384;
 
+constexpr size_t MAX_LABEL_LENGTH = 63;
+
 struct DefaultPort {
     std::string_view scheme;
     uint32_t port;
@@ -31,6 +33,10 @@ constexpr DefaultPort DEFAULT_PORTS[] = {
     {"rtmps", 443},  {"ftp", 21},         {"ftpes", 21},  {"ftps", 990},   {"coap", 5683}, {"coap+tcp", 5683},
     {"coaps", 5684}, {"coaps+tcp", 5684}, {"mqtt", 1883}, {"mqtts", 8883},
 };
+
+void lowerCase(std::string& text) {
+    std::transform(text.begin(), text.end(), text.begin(), uriToLower);
+}
 
 bool isSchemeCharacter(char c) {
     return uriIsAlnum(c) || c == '+' || c == '-' || c == '.';
@@ -158,7 +164,7 @@ const char* parseScheme(const char* text, std::string& scheme) {
     if (*end != ':')
         return nullptr;
     scheme.assign(text, end);
-    std::transform(scheme.begin(), scheme.end(), scheme.begin(), uriToLower);
+    lowerCase(scheme);
     return end + 1;
 }
 
@@ -191,8 +197,10 @@ bool decodeZone(std::string& host) {
         return false;
     bool valid = false;
     const std::string zone = URI::unescapeURI(escaped, &valid);
+    if (!valid || !isZone(zone))
+        return false;
     host.replace(percent + 1, host.npos, zone);
-    return valid && isZone(zone);
+    return true;
 }
 
 // parseIPv6Literal reads an address in brackets and takes it off the front of the text.
@@ -249,8 +257,31 @@ void applyDefaultPort(URI::Origin& origin) {
         origin.port = URI::defaultPort(origin.scheme);
 }
 
+bool isPlainLabel(std::string_view label) {
+    const auto isPlain = [](char c) { return uriIsAlnum(c) || c == '-'; };
+    return !label.empty() && label.size() <= MAX_LABEL_LENGTH && !label.starts_with('-') && !label.ends_with('-') &&
+           std::all_of(label.begin(), label.end(), isPlain);
+}
+
+// isPlainName tells of the usual names, which libidn would hand back as they are.
+bool isPlainName(std::string_view name) {
+    if (name.empty())
+        return false;
+    while (!name.empty()) {
+        const std::string_view label = name.substr(0, name.find('.'));
+        if (!isPlainLabel(label))
+            return false;
+        name.remove_prefix(std::min(label.size() + 1, name.size()));
+    }
+    return true;
+}
+
 // toASCII gives the name's ASCII form in lower case. libidn would take a NUL for the end of the name.
 bool toASCII(std::string& name) {
+    if (isPlainName(name)) {
+        lowerCase(name);
+        return true;
+    }
     if (name.size() > MAX_NAME_LENGTH || name.find('\0') != name.npos)
         return false;
     char* result = nullptr;
@@ -259,7 +290,7 @@ bool toASCII(std::string& name) {
     if (status != IDNA_SUCCESS || result == nullptr)
         return false;
     name = result;
-    std::transform(name.begin(), name.end(), name.begin(), uriToLower);
+    lowerCase(name);
     return true;
 }
 

@@ -63,7 +63,10 @@ bool appendDecodedSegment(std::string& out, std::string_view text) {
     bool valid = true;
     uriForEachPiece(
         text, [&](std::string_view piece) { valid = valid && uriAppendUnescaped(out, piece); },
-        [&](std::string_view region) { out += valid ? region : std::string_view(); });
+        [&](std::string_view region) {
+            if (valid)
+                out += region;
+        });
     return valid;
 }
 
@@ -101,7 +104,9 @@ URI::Path::Path(std::initializer_list<std::string> list, bool trailing) : traili
 
 URI::Path URI::Path::fromEscapedURIPath(const std::string& text) {
     Path path;
-    return path.parseFromURI(text.c_str()) == nullptr ? Path() : path;
+    if (path.parseFromURI(text.c_str()) == nullptr)
+        path.clear();
+    return path;
 }
 
 const char* URI::Path::parseFromURI(const char* text, bool skipPatterns) {
@@ -199,7 +204,8 @@ URI::Path URI::Path::lastSegment() const {
 }
 
 URI::Path URI::Path::subPath(unsigned first, unsigned last) const {
-    const auto end = segments.begin() + std::min<Segments::difference_type>(last, std::ssize(segments));
+    const size_t count = std::min<size_t>(last, segments.size());
+    const auto end = segments.begin() + static_cast<Segments::difference_type>(count);
     Path part;
     part.absolute = first == 0 && absolute;
     part.trailingSlash = end != segments.end() || trailingSlash;

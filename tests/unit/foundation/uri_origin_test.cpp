@@ -1,6 +1,8 @@
 // uri_origin_test.cpp: scheme, host and port of a URI, URI::Origin of foundation/uri.h.
 
 #include <gtest/gtest.h>
+#include <idn-free.h>
+#include <idna.h>
 
 #include <algorithm>
 #include <array>
@@ -1364,3 +1366,47 @@ TEST(UriOriginRandom, LongTextsAreReadInOneGo) {
 }
 
 }  // namespace
+
+// --- plain names don't go through libidn; the result must be its own
+
+namespace {
+
+std::string libidnForm(const std::string& name) {
+    char* result = nullptr;
+    const int status = idna_to_ascii_8z(name.c_str(), &result, IDNA_ALLOW_UNASSIGNED | IDNA_USE_STD3_ASCII_RULES);
+    std::string form = status == IDNA_SUCCESS ? result : "refused";
+    idn_free(result);
+    std::transform(form.begin(), form.end(), form.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? char(c + 32) : c; });
+    return form;
+}
+
+std::string ourForm(std::string name) {
+    return URI::canonicalizeHostName(name, false) ? name : "refused";
+}
+
+}  // namespace
+
+TEST(UriOriginPlainNames, AllShortOnesAreAsLibidnHasThem) {
+    const std::string letters = "aZ1-.";
+    std::vector<std::string> names = {"a"};
+    for (size_t first = 0; names.size() < 3000; ++first) {
+        EXPECT_EQ(ourForm(names[first]), libidnForm(names[first])) << names[first];
+        for (const char letter : letters)
+            names.push_back(names[first] + letter);
+    }
+    for (const std::string& name : names)
+        for (const char letter : letters)
+            EXPECT_EQ(ourForm(letter + name), libidnForm(letter + name)) << letter + name;
+}
+
+TEST(UriOriginPlainNames, LimitsOfLabelsAreThoseOfLibidn) {
+    for (const size_t size : {1, 62, 63, 64, 200})
+        for (const char* format : {"", "a.", "xn--a."}) {
+            const std::string label(size, 'A');
+            for (const std::string& name : {format + label, format + label + ".", format + label + ".b"})
+                EXPECT_EQ(ourForm(name), libidnForm(name)) << name;
+        }
+    for (const char* name : {"", ".", "..", "a..", "xn--bcher-kva.example", "XN--A", "a_b", "a b"})
+        EXPECT_EQ(ourForm(name), libidnForm(name)) << name;
+}
