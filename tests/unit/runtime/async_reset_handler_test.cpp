@@ -1,8 +1,8 @@
 // async_reset_handler_test.cpp: requests, the resets they cause, the thread's end, and log files that are moved away
 // while others log.
 //
-// This file replaces pthread_create and the pipe calls for its test program, so that they can fail. (With no descriptor
-// left for a pipe the undefined behaviour sanitizer itself would be at a loss.)
+// This file replaces pthread_create and APR's maker of pipes for its test program, so that they can fail. (The
+// undefined behaviour sanitizer makes pipes of its own: they must not fail.)
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -50,18 +50,14 @@ int gs_nRefusedPipes = 0;
 
 }  // namespace
 
-extern "C" int pipe2(int* ends, int flags) noexcept {
+extern "C" int apr_file_pipe_create(apr_file_t** readEnd, apr_file_t** writeEnd, apr_pool_t* pool) {
     if (gs_bRefusePipes) {
         ++gs_nRefusedPipes;
-        errno = EMFILE;
-        return -1;
+        return EMFILE;
     }
-    static const auto make = reinterpret_cast<decltype(pipe2)*>(dlsym(RTLD_NEXT, "pipe2"));
-    return make(ends, flags);
-}
-
-extern "C" int pipe(int* ends) noexcept {
-    return pipe2(ends, 0);
+    static const auto create =
+        reinterpret_cast<decltype(apr_file_pipe_create)*>(dlsym(RTLD_NEXT, "apr_file_pipe_create"));
+    return create(readEnd, writeEnd, pool);
 }
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
