@@ -25,6 +25,7 @@
 
 #include "runtime/orvlog.h"
 #include "runtime/strfmt.h"
+#include "unit/logging_child.h"
 #include "unit/record_collector.h"
 
 namespace {
@@ -39,88 +40,20 @@ using testing::MatchesRegex;
 using testing::Not;
 using testing::UnorderedElementsAre;
 
-int gs_nSyslog = -1;
-
-void keepSyslog(int priority, const char* format, va_list arguments) {
-    if (gs_nSyslog != -1)
-        dprintf(gs_nSyslog, "<%d>%s", priority, strvfmt(format, arguments).c_str());
-}
-
-}  // namespace
-
-extern "C" void syslog(int priority, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    keepSyslog(priority, format, arguments);
-    va_end(arguments);
-}
-
-extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    keepSyslog(priority, format, arguments);
-    va_end(arguments);
-}
-
-namespace {
-
-// Outcome is what a child process left behind.
-struct Outcome {
-    int status = -1;
-    std::string output;
-    std::string error;
-    std::string syslog;
-};
-
-void redirect(int fd, const std::string& path) {
-    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    dup2(file, fd);
-    close(file);
-}
-
-// inChild runs `body` in a child process in the folder. An exception that gets out of it gives the status 99.
+// inChild runs `body` in a child process in the folder.
 template <class Body>
 Outcome inChild(const TempFolder& folder, Body body) {
-    const TempFolder result;
-    fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        redirect(STDOUT_FILENO, result / "output");
-        redirect(STDERR_FILENO, result / "error");
-        gs_nSyslog = open((result / "syslog").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        try {
-            if (chdir(folder.path().c_str()) != 0)
-                _exit(98);
-            body();
-        } catch (...) {
-            _exit(99);
-        }
-        fflush(nullptr);
-        _exit(0);
-    }
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, TempFolder::contentOf(result / "output"),
-            TempFolder::contentOf(result / "error"), TempFolder::contentOf(result / "syslog")};
+    return ::inChild([&] {
+        if (chdir(folder.path().c_str()) != 0)
+            _exit(98);
+        body();
+    });
 }
 
 void expectQuiet(const Outcome& outcome) {
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, "");
     EXPECT_EQ(outcome.error, "");
-}
-
-LoggerPtr testLogger() {
-    return orvlog::getLogger("orv.test");
-}
-
-// logAllLevels makes one record at each level, the text being the level's name in lower case.
-void logAllLevels(const LoggerPtr& logger) {
-    ORVLOG_DEBUG(logger, "debug");
-    ORVLOG_INFO(logger, "info");
-    ORVLOG_WARN(logger, "warn");
-    ORVLOG_ERROR(logger, "error");
-    ORVLOG_FATAL(logger, "fatal");
 }
 
 void requireDefault() {

@@ -21,6 +21,7 @@
 
 #include "runtime/orvlog.h"
 #include "runtime/orvlog_c.h"
+#include "unit/logging_child.h"
 #include "unit/record_collector.h"
 
 // Only with C linkage can this follow the header's declaration.
@@ -35,81 +36,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::SizeIs;
-
-int gs_nSyslog = -1;
-
-void keepSyslog(int priority, const char* format, va_list arguments) {
-    if (gs_nSyslog != -1)
-        dprintf(gs_nSyslog, "<%d>%s", priority, strvfmt(format, arguments).c_str());
-}
-
-}  // namespace
-
-extern "C" void syslog(int priority, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    keepSyslog(priority, format, arguments);
-    va_end(arguments);
-}
-
-extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    keepSyslog(priority, format, arguments);
-    va_end(arguments);
-}
-
-namespace {
-
-// Outcome is what a child process left behind.
-struct Outcome {
-    int status = -1;
-    std::string output;
-    std::string error;
-    std::string syslog;
-};
-
-void redirect(int fd, const std::string& path) {
-    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    dup2(file, fd);
-    close(file);
-}
-
-// inChild runs `body` in a child process. An exception that gets out of it gives the status 99.
-template <class Body>
-Outcome inChild(Body body) {
-    const TempFolder folder;
-    const pid_t child = fork();
-    if (child == 0) {
-        redirect(STDOUT_FILENO, folder / "output");
-        redirect(STDERR_FILENO, folder / "error");
-        gs_nSyslog = open((folder / "syslog").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        try {
-            body();
-        } catch (...) {
-            _exit(99);
-        }
-        fflush(nullptr);
-        _exit(0);
-    }
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, TempFolder::contentOf(folder / "output"),
-            TempFolder::contentOf(folder / "error"), TempFolder::contentOf(folder / "syslog")};
-}
-
-LoggerPtr testLogger() {
-    return orvlog::getLogger("orv.test");
-}
-
-// logAllLevels makes one record at each level, the text being the level's name in lower case.
-void logAllLevels(const LoggerPtr& logger) {
-    ORVLOG_DEBUG(logger, "debug");
-    ORVLOG_INFO(logger, "info");
-    ORVLOG_WARN(logger, "warn");
-    ORVLOG_ERROR(logger, "error");
-    ORVLOG_FATAL(logger, "fatal");
-}
 
 // --- Names
 
