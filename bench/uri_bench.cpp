@@ -15,6 +15,7 @@
 #include <uriparser/Uri.h>
 
 #include <algorithm>
+#include <deque>
 #include <initializer_list>
 #include <iterator>
 #include <memory>
@@ -124,85 +125,55 @@ Texts longReferences() {
 
 // --- the three libraries ---------------------------------------------------------------------------------------------
 
-// Each library has a `Value`, `parse` (false if it refuses the text), `print` and `resolve`.
+// Each library is a value made from a text, or from the text of a reference and a base; `valid` tells whether it took
+// the text, `print` gives the text back.
 struct Ours {
-    using Value = URI;
-    static bool parse(Value& value, const std::string& text) {
-        value = URI::fromString(text);
-        return !value.path.segments.empty() || value.path.trailingSlash || !value.query.empty();
-    }
-    static std::string print(const Value& value) { return value.toString(); }
-    static bool resolve(Value& value, const std::string& reference, const Value& base) {
-        value = URI::fromString(reference);
-        value.resolve(base);
-        return !value.origin.host.empty();
-    }
-};
-
-struct UriparserValue {
-    UriUriA uri = {};
-    UriparserValue() = default;
-    UriparserValue(const UriparserValue&) = delete;
-    UriparserValue& operator=(const UriparserValue&) = delete;
-    ~UriparserValue() { clear(); }
-    void clear() {
-        uriFreeUriMembersA(&uri);
-        uri = {};
-    }
+    URI uri;
+    explicit Ours(const std::string& text) : uri(URI::fromString(text)) {}
+    Ours(const std::string& reference, const Ours& base) : uri(URI::fromString(reference)) { uri.resolve(base.uri); }
+    bool valid() const { return !uri.path.segments.empty() || uri.path.trailingSlash || !uri.query.empty(); }
+    std::string print() const { return uri.toString(); }
 };
 
 struct Uriparser {
-    using Value = UriparserValue;
-    static bool parse(Value& value, const std::string& text) {
-        value.clear();
-        return uriParseSingleUriExA(&value.uri, text.data(), text.data() + text.size(), nullptr) == URI_SUCCESS;
+    UriUriA uri = {};
+    int status;
+    explicit Uriparser(const std::string& text)
+        : status(uriParseSingleUriExA(&uri, text.data(), text.data() + text.size(), nullptr)) {}
+    Uriparser(const std::string& reference, const Uriparser& base) {
+        const Uriparser relative(reference);
+        status = relative.valid() ? uriAddBaseUriA(&uri, &relative.uri, &base.uri) : relative.status;
     }
-    static std::string print(const Value& value) {
+    Uriparser(const Uriparser&) = delete;
+    Uriparser& operator=(const Uriparser&) = delete;
+    ~Uriparser() { uriFreeUriMembersA(&uri); }
+    bool valid() const { return status == URI_SUCCESS; }
+    std::string print() const {
         int size = 0;
-        uriToStringCharsRequiredA(&value.uri, &size);
+        uriToStringCharsRequiredA(&uri, &size);
         std::string text(static_cast<size_t>(size) + 1, '\0');
-        uriToStringA(text.data(), &value.uri, size + 1, nullptr);
+        uriToStringA(text.data(), &uri, size + 1, nullptr);
         text.pop_back();
         return text;
-    }
-    static bool resolve(Value& value, const std::string& reference, const Value& base) {
-        Value relative;
-        value.clear();
-        return parse(relative, reference) && uriAddBaseUriA(&value.uri, &relative.uri, &base.uri) == URI_SUCCESS;
     }
 };
 
 struct UriparserNormal : Uriparser {
-    static bool parse(Value& value, const std::string& text) {
-        return Uriparser::parse(value, text) && uriNormalizeSyntaxA(&value.uri) == URI_SUCCESS;
-    }
-};
-
-struct GLibValue {
-    GUri* uri = nullptr;
-    GLibValue() = default;
-    GLibValue(const GLibValue&) = delete;
-    GLibValue& operator=(const GLibValue&) = delete;
-    ~GLibValue() { set(nullptr); }
-    bool set(GUri* other) {
-        if (uri != nullptr)
-            g_uri_unref(uri);
-        uri = other;
-        return uri != nullptr;
+    explicit UriparserNormal(const std::string& text) : Uriparser(text) {
+        status = valid() ? uriNormalizeSyntaxA(&uri) : status;
     }
 };
 
 struct GLib {
-    using Value = GLibValue;
-    static bool parse(Value& value, const std::string& text) {
-        return value.set(g_uri_parse(text.c_str(), G_URI_FLAGS_NONE, nullptr));
-    }
-    static std::unique_ptr<char, decltype(&g_free)> print(const Value& value) {
-        return {g_uri_to_string(value.uri), g_free};
-    }
-    static bool resolve(Value& value, const std::string& reference, const Value& base) {
-        return value.set(g_uri_parse_relative(base.uri, reference.c_str(), G_URI_FLAGS_NONE, nullptr));
-    }
+    GUri* uri;
+    explicit GLib(const std::string& text) : uri(g_uri_parse(text.c_str(), G_URI_FLAGS_NONE, nullptr)) {}
+    GLib(const std::string& reference, const GLib& base)
+        : uri(g_uri_parse_relative(base.uri, reference.c_str(), G_URI_FLAGS_NONE, nullptr)) {}
+    GLib(const GLib&) = delete;
+    GLib& operator=(const GLib&) = delete;
+    ~GLib() { g_clear_pointer(&uri, g_uri_unref); }
+    bool valid() const { return uri != nullptr; }
+    std::unique_ptr<char, decltype(&g_free)> print() const { return {g_uri_to_string(uri), g_free}; }
 };
 
 // --- the jobs --------------------------------------------------------------------------------------------------------
@@ -218,13 +189,17 @@ void count(benchmark::State& state, const Texts& texts) {
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
 }
 
+void refuse(benchmark::State& state, const std::string& text) {
+    state.SkipWithError(("refused: " + text.substr(0, 100)).c_str());
+}
+
 template <class Library>
 void parse(benchmark::State& state, const Texts& texts) {
     for (auto _ : state) {
         for (const std::string& text : texts) {
-            typename Library::Value value;
-            if (!Library::parse(value, text))
-                return state.SkipWithError(("refused: " + text.substr(0, 100)).c_str());
+            const Library value(text);
+            if (!value.valid())
+                return refuse(state, text);
             benchmark::DoNotOptimize(value);
         }
     }
@@ -232,15 +207,28 @@ void parse(benchmark::State& state, const Texts& texts) {
 }
 
 template <class Library>
+void parseAndPrint(benchmark::State& state, const Texts& texts) {
+    for (auto _ : state) {
+        for (const std::string& text : texts) {
+            const Library value(text);
+            if (!value.valid())
+                return refuse(state, text);
+            benchmark::DoNotOptimize(value.print());
+        }
+    }
+    count(state, texts);
+}
+
+template <class Library>
 void print(benchmark::State& state, const Texts& texts) {
-    std::vector<typename Library::Value> values(texts.size());
-    for (size_t index = 0; index < texts.size(); ++index) {
-        if (!Library::parse(values[index], texts[index]))
-            return state.SkipWithError(("refused: " + texts[index].substr(0, 100)).c_str());
+    std::deque<Library> values;
+    for (const std::string& text : texts) {
+        if (!values.emplace_back(text).valid())
+            return refuse(state, text);
     }
     for (auto _ : state) {
-        for (const auto& value : values)
-            benchmark::DoNotOptimize(Library::print(value));
+        for (const Library& value : values)
+            benchmark::DoNotOptimize(value.print());
     }
     count(state, texts);
 }
@@ -248,14 +236,12 @@ void print(benchmark::State& state, const Texts& texts) {
 template <class Library>
 void resolve(benchmark::State& state, const Texts& texts) {
     const std::string baseText = BASE_TEXT;
-    typename Library::Value base;
-    if (!Library::parse(base, baseText))
-        return state.SkipWithError("refused: the base");
+    const Library base(baseText);
     for (auto _ : state) {
         for (const std::string& text : texts) {
-            typename Library::Value value;
-            if (!Library::resolve(value, text, base))
-                return state.SkipWithError(("refused: " + text.substr(0, 100)).c_str());
+            const Library value(text, base);
+            if (!value.valid())
+                return refuse(state, text);
             benchmark::DoNotOptimize(value);
         }
     }
@@ -264,8 +250,8 @@ void resolve(benchmark::State& state, const Texts& texts) {
 
 // --- texts made to be expensive --------------------------------------------------------------------------------------
 
-// parseAndPrint reads the text as path, query and fragment, whether it is a URI or not, and prints what it got.
-size_t parseAndPrint(const std::string& text) {
+// readAndPrint reads the text as path, query and fragment, whether it is a URI or not, and prints what it got.
+size_t readAndPrint(const std::string& text) {
     size_t size = 0;
     for (const char* start : {"http://name/", "?", "#", "http://", "http://[", "http://a:", "data:,", "data:text/a;b="})
         size += URI::fromString(start + text, true).toString(true).size();
@@ -309,7 +295,7 @@ const struct {
     const char* name;
     size_t (*job)(const std::string&);
 } JOBS[] = {
-    {"ParseAndPrint ", parseAndPrint},
+    {"ReadAndPrint ", readAndPrint},
     {"EscapeAndUnescape ", escapeAndUnescape},
     {"SplitAndMakeQuery ", splitAndMakeQuery},
     {"WalkAndRelate ", walkAndRelate},
@@ -336,6 +322,9 @@ void addBesidePeers(const std::string& suffix, const Texts& whole, const Texts& 
     add("Print" + suffix + "Ours", print<Ours>, whole);
     add("Print" + suffix + "Uriparser", print<Uriparser>, whole);
     add("Print" + suffix + "GLib", print<GLib>, whole);
+    add("ParseAndPrint" + suffix + "Ours", parseAndPrint<Ours>, whole);
+    add("ParseAndPrint" + suffix + "Uriparser", parseAndPrint<Uriparser>, whole);
+    add("ParseAndPrint" + suffix + "GLib", parseAndPrint<GLib>, whole);
     add("Resolve" + suffix + "Ours", resolve<Ours>, relative);
     add("Resolve" + suffix + "Uriparser", resolve<Uriparser>, relative);
     add("Resolve" + suffix + "GLib", resolve<GLib>, relative);

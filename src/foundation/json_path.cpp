@@ -1,3 +1,5 @@
+// json_path.cpp: JSON paths: getting, moving out and setting the value at a path.
+
 #include <algorithm>
 #include <cstdlib>
 #include <new>

@@ -1,3 +1,5 @@
+// uri.cpp: the whole URI: parsing, printing, references (RFC 3986, 5.2), and what gets and sets its components.
+
 #include "foundation/uri.h"
 
 #include <cstring>
@@ -7,7 +9,11 @@
 
 namespace {
 
-constexpr const char* DATA_SCHEME = "data";
+constexpr std::string_view DATA_SCHEME = "data";
+
+constexpr UriNormalForm USER_INFO_FORM("!$&'()*+;=", ":,");
+constexpr UriNormalForm QUERY_FORM("", "+;&=[]");
+constexpr UriNormalForm FRAGMENT_FORM("!$&'()*+,;=:/?@", "[]");
 
 // isRooted tells whether a path of this origin has a root, which is then absolute.
 bool isRooted(const URI::Origin& origin) {
@@ -26,16 +32,17 @@ bool normalizeUserInfo(std::string& userInfo) {
         return true;
     if (userInfo.find_first_of("[]") != userInfo.npos)
         return false;
-    userInfo = URI::normalizeURIComponent(userInfo, "!$&'()*+;=", ":,");
+    std::string normal;
+    uriAppendNormalized(normal, userInfo, USER_INFO_FORM, false);
+    userInfo = std::move(normal);
     return true;
 }
 
 // storeNormalForm checks the escapes of a component and stores its normal form.
-bool storeNormalForm(const std::string& text, const char* decodeSet, const char* preserveSet, bool skipPatterns,
-                     std::string& component) {
-    if (!URI::validateEscaping(text, skipPatterns))
+bool storeNormalForm(std::string_view text, const UriNormalForm& form, bool skipPatterns, std::string& component) {
+    if (!uriHasValidEscapes(text, skipPatterns))
         return false;
-    component = URI::normalizeURIComponent(text, decodeSet, preserveSet, skipPatterns);
+    uriAppendNormalized(component, text, form, skipPatterns);
     return true;
 }
 
@@ -45,7 +52,7 @@ bool parseQuery(const char*& cursor, std::string& query, bool skipPatterns) {
     const char* start = cursor + 1;
     const char* end = skipPatterns ? URI::findSkipPattern(start, '#') : std::strchr(start, '#');
     cursor = end != nullptr ? end : start + std::strlen(start);
-    return storeNormalForm(std::string(start, cursor), "", "+;&=[]", skipPatterns, query);
+    return storeNormalForm(std::string_view(start, cursor), QUERY_FORM, skipPatterns, query);
 }
 
 bool parseFragment(const char*& cursor, std::string& fragment, bool skipPatterns) {
@@ -53,7 +60,7 @@ bool parseFragment(const char*& cursor, std::string& fragment, bool skipPatterns
         return true;
     const char* start = cursor + 1;
     cursor = start + std::strlen(start);
-    return storeNormalForm(std::string(start, cursor), "!$&'()*+,;=:/?@", "[]", skipPatterns, fragment);
+    return storeNormalForm(std::string_view(start, cursor), FRAGMENT_FORM, skipPatterns, fragment);
 }
 
 bool parseData(const char* text, URI& uri) {
@@ -78,22 +85,30 @@ bool parse(const char* text, URI& uri, bool skipPatterns) {
 
 // --- printing --------------------------------------------------------------------------------------------------------
 
-std::string schemeText(const URI::Origin& origin) {
-    return origin.scheme.empty() ? "" : origin.scheme + ":";
-}
-
-// authorityText gives "//" and the authority. Without a host only "udp" and "rtp" have one: their port tells where a
+// appendAuthority writes "//" and the authority. Without a host only "udp" and "rtp" have one: their port tells where a
 // multicast is received.
-std::string authorityText(const URI::Origin& origin, const std::string& userInfo) {
-    if (!origin.host.empty())
-        return "//" + (userInfo.empty() ? "" : userInfo + "@") + origin.escapedHostPort();
-    if (origin.scheme == "udp" || origin.scheme == "rtp")
-        return "//@" + origin.escapedHostPort();
-    return "";
+void appendAuthority(std::string& out, const URI::Origin& origin, const std::string& userInfo) {
+    if (!origin.host.empty()) {
+        out += "//";
+        if (!userInfo.empty())
+            (out += userInfo) += '@';
+        uriAppendHostPort(out, origin);
+    } else if (origin.scheme == "udp" || origin.scheme == "rtp") {
+        out += "//@";
+        uriAppendHostPort(out, origin);
+    }
 }
 
-std::string markedText(char mark, const std::string& component) {
-    return component.empty() ? "" : mark + component;
+void appendMarked(std::string& out, char mark, const std::string& component) {
+    if (!component.empty())
+        (out += mark) += component;
+}
+
+// textLength gives the length of the escaped text, as long as no segment needs an escape.
+size_t textLength(const URI& uri) {
+    constexpr size_t marks = std::string_view(":///@[]:65535?#").size();
+    return uri.origin.scheme.size() + uri.userInfo.size() + uri.origin.host.size() + uriPathLength(uri.path) +
+           uri.query.size() + uri.fragment.size() + marks;
 }
 
 std::string mimeTypeText(const URI::Data& data) {
@@ -172,24 +187,31 @@ URI URI::commonBase(const URI& a, const URI& b) {
 }
 
 std::string URI::toString(bool skipPatterns) const {
-    std::string text = schemeText(origin);
+    std::string text;
+    text.reserve(textLength(*this));
+    uriAppendScheme(text, origin);
     if (origin.scheme == DATA_SCHEME)
         return data == nullptr ? text : text + dataText(*data);
-    text += authorityText(origin, userInfo);
+    appendAuthority(text, origin, userInfo);
     if (!isEmpty(path))
-        text += path.toEscapedURIPath(skipPatterns, origin.scheme == "rtsp");
-    return text + markedText('?', query) + markedText('#', fragment);
+        uriAppendPath(text, path, origin.scheme == "rtsp" ? URI_PATH_RAW_PLUS : URI_PATH_RAW, skipPatterns);
+    appendMarked(text, '?', query);
+    appendMarked(text, '#', fragment);
+    return text;
 }
 
 std::string URI::toUserString(bool skipPatterns) const {
-    std::string text = schemeText(origin);
+    std::string text;
+    text.reserve(textLength(*this));
+    uriAppendScheme(text, origin);
     if (origin.scheme == DATA_SCHEME)
         return data == nullptr ? text : text + dataUserText(*data);
-    text += authorityText(origin, smartUnescapeURIComponent(userInfo, "@:/?#[]"));
+    appendAuthority(text, origin, smartUnescapeURIComponent(userInfo, "@:/?#[]"));
     if (!isEmpty(path))
-        text += path.toUserURIPath(skipPatterns);
-    return text + markedText('?', smartUnescapeURIComponent(query, "&=#", skipPatterns)) +
-           markedText('#', smartUnescapeURIComponent(fragment, "#", skipPatterns));
+        uriAppendPath(text, path, URI_PATH_USER_RAW, skipPatterns);
+    appendMarked(text, '?', smartUnescapeURIComponent(query, "&=#", skipPatterns));
+    appendMarked(text, '#', smartUnescapeURIComponent(fragment, "#", skipPatterns));
+    return text;
 }
 
 std::string URI::getFileName() const {

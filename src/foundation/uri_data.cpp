@@ -1,9 +1,11 @@
+// uri_data.cpp: data URIs (RFC 2397): parsing with the check of the media type, making. `URI::toString` prints them.
+
 #include <algorithm>
 #include <cstring>
 #include <string_view>
 
 #include "foundation/base64.h"
-#include "foundation/uri.h"
+#include "foundation/uri_text.h"
 
 namespace {
 
@@ -63,11 +65,9 @@ bool isMimeType(std::string_view text) {
     return true;
 }
 
-// parseMimeType decodes and checks the media type; the empty text stays empty.
+// parseMimeType decodes and checks the media type, into an empty text; the empty one stays empty.
 bool parseMimeType(std::string_view escaped, std::string& mimeType) {
-    bool valid = false;
-    mimeType = URI::unescapeURI(std::string(escaped), &valid);
-    if (!valid)
+    if (!uriAppendUnescaped(mimeType, escaped))
         return false;
     if (mimeType == "/jpg")
         mimeType = "image/jpeg";
@@ -95,9 +95,8 @@ bool URI::parseFromDataURI(const char* text) {
     std::string mimeType;
     if (!parseMimeType(metadata, mimeType))
         return false;
-    bool valid = false;
-    const std::string content = unescapeURI(comma + 1, &valid);
-    if (!valid)
+    std::string content;
+    if (!uriAppendUnescaped(content, comma + 1))
         return false;
     data = std::make_shared<Data>(isBase64 ? orv::base64Decode(content.data(), content.size()) : bytesOf(content),
                                   std::move(mimeType));

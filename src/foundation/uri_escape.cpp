@@ -1,4 +1,4 @@
-// uri_escape.cpp: percent escapes (RFC 3986, 2.1), the forms of a component, regions, escaped paths, query strings.
+// uri_escape.cpp: percent escapes (RFC 3986, 2.1), the forms of a component, regions, query strings.
 //
 // All of it is linear in the text, however many "%" and "[[" that holds: runs are found and copied as a whole, and who
 // looks for many characters keeps its place.
@@ -11,52 +11,12 @@ namespace {
 
 constexpr size_t NONE = std::string::npos;
 
-// ByteSet is a set of bytes, as a table.
-class ByteSet {
-public:
-    constexpr ByteSet() = default;
-    constexpr explicit ByteSet(std::string_view bytes) { add(bytes); }
-
-    constexpr ByteSet& add(std::string_view bytes) {
-        for (char c : bytes)
-            add(static_cast<unsigned char>(c));
-        return *this;
-    }
-
-    constexpr ByteSet& addRange(unsigned char first, unsigned char last) {
-        for (unsigned byte = first; byte <= last; ++byte)
-            add(static_cast<unsigned char>(byte));
-        return *this;
-    }
-
-    constexpr ByteSet& remove(std::string_view bytes) {
-        for (char c : bytes)
-            m_aHas[static_cast<unsigned char>(c)] = false;
-        return *this;
-    }
-
-    constexpr bool has(char c) const { return m_aHas[static_cast<unsigned char>(c)]; }
-
-private:
-    constexpr void add(unsigned char byte) { m_aHas[byte] = true; }
-
-    std::array<bool, 256> m_aHas{};
-};
-
-constexpr ByteSet NO_BYTES;
-constexpr ByteSet UNRESERVED = ByteSet("-._~").addRange('a', 'z').addRange('A', 'Z').addRange('0', '9');
-
-constexpr ByteSet PATH_KEEP = ByteSet(UNRESERVED).add("!$&'()*,;=:");
-constexpr ByteSet PATH_KEEP_PLUS = ByteSet(PATH_KEEP).add("+");
+constexpr UriBytes NO_BYTES;
 
 constexpr std::string_view SMART_DELIMITERS = "#&/:=?@[]";
 
-// What people read raw whatever the place: all but control characters and "%".
-constexpr ByteSet SMART_RAW = ByteSet().addRange(' ', 255).remove("%");
-constexpr ByteSet PATH_SMART_RAW = ByteSet(SMART_RAW).remove("/?#");
-
 // What people read escaped whatever the place.
-constexpr ByteSet SMART_KEEP_ESCAPED = ByteSet("%").addRange(0, ' ');
+constexpr UriBytes SMART_KEEP_ESCAPED = UriBytes("%").addRange(0, ' ');
 
 // --- regions ---------------------------------------------------------------------------------------------------------
 
@@ -168,17 +128,24 @@ private:
     char m_aBlock[BLOCK];
 };
 
-// --- escaping --------------------------------------------------------------------------------------------------------
-
 // runEnd gives the first place from `at` on whose byte is not in `bytes`.
-size_t runEnd(std::string_view text, size_t at, const ByteSet& bytes) {
+size_t runEnd(std::string_view text, size_t at, const UriBytes& bytes) {
     while (at < text.size() && bytes.has(text[at]))
         ++at;
     return at;
 }
 
-// appendEscaped escapes all bytes but those in `keep`.
-void appendEscaped(std::string& out, std::string_view text, const ByteSet& keep) {
+// appendWhole writes the text if all its bytes are in `bytes`, as those of most texts are that are to be changed.
+bool appendWhole(std::string& out, std::string_view text, const UriBytes& bytes) {
+    const bool whole = runEnd(text, 0, bytes) == text.size();
+    if (whole)
+        out += text;
+    return whole;
+}
+
+// --- escaping --------------------------------------------------------------------------------------------------------
+
+void appendEscaped(std::string& out, std::string_view text, const UriBytes& keep) {
     Appender appender(out);
     for (size_t at = 0; at < text.size();) {
         const size_t end = runEnd(text, at, keep);
@@ -189,21 +156,16 @@ void appendEscaped(std::string& out, std::string_view text, const ByteSet& keep)
     appender.flush();
 }
 
-void appendEscaped(std::string& out, std::string_view text, const ByteSet& keep, bool skipPatterns) {
-    appendAround(out, text, skipPatterns,
-                 [&](std::string& to, std::string_view piece) { appendEscaped(to, piece, keep); });
-}
-
-std::string escaped(std::string_view text, const ByteSet& keep, bool skipPatterns) {
+std::string escaped(std::string_view text, const UriBytes& keep, bool skipPatterns) {
     std::string out;
     out.reserve(text.size());
-    appendEscaped(out, text, keep, skipPatterns);
+    uriAppendEscaped(out, text, keep, skipPatterns);
     return out;
 }
 
 // smartRaw gives what stays raw for people if `escapeSet` is to be escaped, of which only delimiters count.
-ByteSet smartRaw(const std::string& escapeSet) {
-    ByteSet raw = SMART_RAW;
+UriBytes smartRaw(const std::string& escapeSet) {
+    UriBytes raw = URI_USER_RAW;
     for (char c : SMART_DELIMITERS) {
         if (escapeSet.find(c) != NONE)
             raw.remove(std::string_view(&c, 1));
@@ -216,11 +178,16 @@ ByteSet smartRaw(const std::string& escapeSet) {
 // appendDecoded decodes the escapes that `percents` finds, but for bytes in `keep`, whose escapes stay as they are.
 // False if a "%" began no escape; it is copied, and what follows is looked at for itself.
 template <typename Search>
-bool appendDecoded(std::string& out, std::string_view text, const ByteSet& keep, Search percents) {
+bool appendDecoded(std::string& out, std::string_view text, const UriBytes& keep, Search percents) {
+    size_t percent = percents.find(0);
+    if (percent == NONE) {
+        out += text;
+        return true;
+    }
     Appender appender(out);
     bool valid = true;
     size_t copied = 0;
-    for (size_t percent = percents.find(0); percent != NONE;) {
+    while (percent != NONE) {
         const int value = uriDecodeEscape(text, percent);
         valid = valid && value >= 0;
         if (value >= 0 && !keep.has(static_cast<char>(value))) {
@@ -245,21 +212,6 @@ bool allEscapesValid(std::string_view text, Search percents) {
 
 // --- normalising -----------------------------------------------------------------------------------------------------
 
-// NormalForm tells what stands raw in a component's normal form.
-struct NormalForm {
-    // decoded bytes stand raw, also where they were escaped; bare ones stay raw where they were.
-    ByteSet decoded;
-    ByteSet bare;
-
-    // runs are the bare bytes that begin no escape.
-    ByteSet runs;
-
-    NormalForm(std::string_view decodeSet, std::string_view preserveSet)
-        : decoded(ByteSet(UNRESERVED).add(decodeSet)),
-          bare(ByteSet(decoded).add(preserveSet)),
-          runs(ByteSet(bare).remove("%")) {}
-};
-
 void putByte(Appender& appender, char byte, bool raw) {
     if (raw)
         appender.put(byte);
@@ -267,7 +219,7 @@ void putByte(Appender& appender, char byte, bool raw) {
         appender.putEscape(byte);
 }
 
-void appendNormalized(std::string& out, std::string_view text, const NormalForm& form) {
+void appendNormalized(std::string& out, std::string_view text, const UriNormalForm& form) {
     Appender appender(out);
     for (size_t at = 0; at < text.size();) {
         const size_t end = runEnd(text, at, form.runs);
@@ -288,11 +240,9 @@ void appendNormalized(std::string& out, std::string_view text, const NormalForm&
     appender.flush();
 }
 
-std::string normalized(std::string_view text, const NormalForm& form, bool skipPatterns) {
+std::string normalized(std::string_view text, const UriNormalForm& form, bool skipPatterns) {
     std::string out;
-    out.reserve(text.size());
-    appendAround(out, text, skipPatterns,
-                 [&](std::string& to, std::string_view piece) { appendNormalized(to, piece, form); });
+    uriAppendNormalized(out, text, form, skipPatterns);
     return out;
 }
 
@@ -340,8 +290,28 @@ URI::Query strictItems(std::string_view text, Convert&& convert) {
 
 }  // namespace
 
+void uriAppendEscaped(std::string& out, std::string_view text, const UriBytes& keep, bool skipPatterns) {
+    if (appendWhole(out, text, keep))
+        return;
+    appendAround(out, text, skipPatterns,
+                 [&](std::string& to, std::string_view piece) { appendEscaped(to, piece, keep); });
+}
+
 bool uriAppendUnescaped(std::string& out, std::string_view text) {
     return appendDecoded(out, text, NO_BYTES, PlainSearch(text, '%'));
+}
+
+void uriAppendNormalized(std::string& out, std::string_view text, const UriNormalForm& form, bool skipPatterns) {
+    if (appendWhole(out, text, form.runs))
+        return;
+    out.reserve(out.size() + text.size());
+    appendAround(out, text, skipPatterns,
+                 [&](std::string& to, std::string_view piece) { appendNormalized(to, piece, form); });
+}
+
+bool uriHasValidEscapes(std::string_view text, bool skipPatterns) {
+    return skipPatterns ? allEscapesValid(text, PatternSearch(text, '%'))
+                        : allEscapesValid(text, PlainSearch(text, '%'));
 }
 
 size_t URI::findSkipPattern(const std::string& text, char character, size_t start) {
@@ -354,7 +324,7 @@ const char* URI::findSkipPattern(const char* text, char character) {
 }
 
 std::string URI::escapeURIComponent(const std::string& text, const std::string& keepSet, bool skipPatterns) {
-    return escaped(text, ByteSet(UNRESERVED).add(keepSet), skipPatterns);
+    return escaped(text, UriBytes(URI_UNRESERVED).add(keepSet), skipPatterns);
 }
 
 std::string URI::unescapeURI(const std::string& text, bool* valid, bool skipPatterns) {
@@ -373,7 +343,7 @@ std::string URI::smartEscapeURIComponent(const std::string& text, const std::str
 
 std::string URI::smartUnescapeURIComponent(const std::string& text, const std::string& keepEscapedSet,
                                            bool skipPatterns) {
-    const ByteSet keep = ByteSet(SMART_KEEP_ESCAPED).add(keepEscapedSet);
+    const UriBytes keep = UriBytes(SMART_KEEP_ESCAPED).add(keepEscapedSet);
     std::string out;
     out.reserve(text.size());
     appendAround(out, text, skipPatterns, [&](std::string& to, std::string_view piece) {
@@ -384,29 +354,11 @@ std::string URI::smartUnescapeURIComponent(const std::string& text, const std::s
 
 std::string URI::normalizeURIComponent(const std::string& text, const std::string& decodeSet,
                                        const std::string& preserveSet, bool skipPatterns) {
-    return normalized(text, NormalForm(decodeSet, preserveSet), skipPatterns);
+    return normalized(text, UriNormalForm(decodeSet, preserveSet), skipPatterns);
 }
 
 bool URI::validateEscaping(const std::string& text, bool skipPatterns) {
-    return skipPatterns ? allEscapesValid(text, PatternSearch(text, '%'))
-                        : allEscapesValid(text, PlainSearch(text, '%'));
-}
-
-std::string URI::Path::toEscapedURIPath(bool skipPatterns, bool keepPlus) const {
-    const ByteSet& keep = keepPlus ? PATH_KEEP_PLUS : PATH_KEEP;
-    return uriPrintPath(
-        *this, [&](std::string& out, const std::string& segment) { appendEscaped(out, segment, keep, skipPatterns); });
-}
-
-std::string URI::Path::toCanonicalURIPath() const {
-    return uriPrintPath(*this,
-                        [](std::string& out, const std::string& segment) { appendEscaped(out, segment, UNRESERVED); });
-}
-
-std::string URI::Path::toUserURIPath(bool skipPatterns) const {
-    return uriPrintPath(*this, [&](std::string& out, const std::string& segment) {
-        appendEscaped(out, segment, PATH_SMART_RAW, skipPatterns);
-    });
+    return uriHasValidEscapes(text, skipPatterns);
 }
 
 void URI::splitQueryString(const std::string& text, Query& items, bool skipPatterns) {
@@ -422,7 +374,7 @@ URI::Query URI::queryString() const {
 }
 
 URI::Query URI::queryStringCanonical() const {
-    const NormalForm form("", "");
+    const UriNormalForm form("", "");
     return strictItems(query, [&](std::string_view text) { return normalized(text, form, false); });
 }
 
@@ -431,9 +383,9 @@ std::string URI::makeQueryString(const Query& items, bool skipPatterns) {
     for (const auto& [key, value] : items) {
         if (!out.empty())
             out += '&';
-        appendEscaped(out, key, UNRESERVED, skipPatterns);
+        uriAppendEscaped(out, key, URI_UNRESERVED, skipPatterns);
         out += '=';
-        appendEscaped(out, value, UNRESERVED, skipPatterns);
+        uriAppendEscaped(out, value, URI_UNRESERVED, skipPatterns);
     }
     return out;
 }

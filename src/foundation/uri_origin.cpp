@@ -2,7 +2,6 @@
 #include <idna.h>
 
 #include <algorithm>
-#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -22,6 +21,12 @@ constexpr size_t MAX_NAME_LENGTH = 16384;
 
 constexpr size_t MAX_LABEL_LENGTH = 63;
 
+// An authority goes on up to one of these or the terminator.
+constexpr UriBytes AUTHORITY_BYTES = UriBytes().addRange(1, 255).remove("/?#");
+
+constexpr UriBytes LETTERS_AND_DIGITS = UriBytes().addRange('a', 'z').addRange('A', 'Z').addRange('0', '9');
+constexpr UriBytes SCHEME_BYTES = UriBytes(LETTERS_AND_DIGITS).add("+-.");
+
 struct DefaultPort {
     std::string_view scheme;
     uint32_t port;
@@ -36,10 +41,6 @@ constexpr DefaultPort DEFAULT_PORTS[] = {
 
 void lowerCase(std::string& text) {
     std::transform(text.begin(), text.end(), text.begin(), uriToLower);
-}
-
-bool isSchemeCharacter(char c) {
-    return uriIsAlnum(c) || c == '+' || c == '-' || c == '.';
 }
 
 bool isControl(char c) {
@@ -74,6 +75,29 @@ bool isHostName(const std::string& host, bool allowTrailingDash) {
 
 bool isZone(std::string_view zone) {
     return std::all_of(zone.begin(), zone.end(), isZoneCharacter);
+}
+
+bool isLabelLength(size_t length) {
+    return length > 0 && length <= MAX_LABEL_LENGTH;
+}
+
+bool isDashInLabel(std::string_view name, size_t at) {
+    return name[at] == '-' && at > 0 && name[at - 1] != '.' && at + 1 < name.size() && name[at + 1] != '.';
+}
+
+// isPlainName tells of the usual names, which no step would change but for capitals: they needn't pass through libidn.
+bool isPlainName(std::string_view name) {
+    size_t label = 0;
+    for (size_t at = 0; at < name.size(); ++at) {
+        if (LETTERS_AND_DIGITS.has(name[at]))
+            continue;
+        if (name[at] == '.' && isLabelLength(at - label))
+            label = at + 1;
+        else if (!isDashInLabel(name, at))
+            return false;
+    }
+    const bool endsInDot = label > 0 && label == name.size();
+    return endsInDot || isLabelLength(name.size() - label);
 }
 
 // --- addresses -------------------------------------------------------------------------------------------------------
@@ -131,6 +155,8 @@ bool isGroupCount(unsigned groups, bool compressed) {
 // isIPv6Address is no full test of RFC 4291. Kept: "::" alone is none, a group before a zone doesn't count, and a
 // single ":" may stand at the end.
 bool isIPv6Address(std::string_view text) {
+    if (text.find(':') == text.npos)
+        return false;
     bool compressed = false;
     if (takeCompression(text, compressed) && text.empty())
         return false;
@@ -158,14 +184,12 @@ bool isIPv6Address(std::string_view text) {
 const char* parseScheme(const char* text, std::string& scheme) {
     if (!uriIsAlpha(*text))
         return nullptr;
-    const char* end = text;
-    while (isSchemeCharacter(*end))
-        ++end;
-    if (*end != ':')
-        return nullptr;
-    scheme.assign(text, end);
-    lowerCase(scheme);
-    return end + 1;
+    for (; SCHEME_BYTES.has(*text); ++text)
+        scheme += uriToLower(*text);
+    if (*text == ':')
+        return text + 1;
+    scheme.clear();
+    return nullptr;
 }
 
 // takeUserInfo takes the user information and its "@" off the front of the text.
@@ -179,9 +203,7 @@ void takeUserInfo(std::string_view& text, std::string* userInfo) {
 }
 
 bool parseOpaqueHost(std::string_view text, std::string& host) {
-    bool valid = false;
-    host = URI::unescapeURI(std::string(text), &valid);
-    return valid && !host.empty() && isOpaqueHost(host);
+    return uriAppendUnescaped(host, text) && !host.empty() && isOpaqueHost(host);
 }
 
 // decodeZone replaces an escaped zone behind "%25" (RFC 6874) by "%" and the zone.
@@ -192,12 +214,11 @@ bool decodeZone(std::string& host) {
         return true;
     if (host.compare(percent, mark.size(), mark) != 0 || percent + mark.size() == host.size())
         return false;
-    const std::string escaped = host.substr(percent + mark.size());
+    const std::string_view escaped = std::string_view(host).substr(percent + mark.size());
     if (escaped.find_first_of("[]@") != escaped.npos)
         return false;
-    bool valid = false;
-    const std::string zone = URI::unescapeURI(escaped, &valid);
-    if (!valid || !isZone(zone))
+    std::string zone;
+    if (!uriAppendUnescaped(zone, escaped) || !isZone(zone))
         return false;
     host.replace(percent + 1, host.npos, zone);
     return true;
@@ -215,13 +236,14 @@ bool parseIPv6Literal(std::string_view& text, std::string& host) {
 
 // parseHostName reads a name up to a colon and takes it off the front of the text.
 bool parseHostName(std::string_view& text, URI::Origin& origin) {
-    const std::string name(text.substr(0, text.find(':')));
+    const std::string_view name = text.substr(0, text.find(':'));
     text.remove_prefix(name.size());
-    if (name.find_first_of("[]@") != name.npos)
-        return false;
-    bool valid = false;
-    origin.host = URI::unescapeURI(name, &valid);
-    if (!valid)
+    if (isPlainName(name)) {
+        origin.host = name;
+        lowerCase(origin.host);
+        return true;
+    }
+    if (name.find_first_of("[]@") != name.npos || !uriAppendUnescaped(origin.host, name))
         return false;
     if (origin.host.empty())
         return mayHavePortWithoutHost(origin.scheme);
@@ -257,25 +279,6 @@ void applyDefaultPort(URI::Origin& origin) {
         origin.port = URI::defaultPort(origin.scheme);
 }
 
-bool isPlainLabel(std::string_view label) {
-    const auto isPlain = [](char c) { return uriIsAlnum(c) || c == '-'; };
-    return !label.empty() && label.size() <= MAX_LABEL_LENGTH && !label.starts_with('-') && !label.ends_with('-') &&
-           std::all_of(label.begin(), label.end(), isPlain);
-}
-
-// isPlainName tells of the usual names, which libidn would hand back as they are.
-bool isPlainName(std::string_view name) {
-    if (name.empty())
-        return false;
-    while (!name.empty()) {
-        const std::string_view label = name.substr(0, name.find('.'));
-        if (!isPlainLabel(label))
-            return false;
-        name.remove_prefix(std::min(label.size() + 1, name.size()));
-    }
-    return true;
-}
-
 // toASCII gives the name's ASCII form in lower case. libidn would take a NUL for the end of the name.
 bool toASCII(std::string& name) {
     if (isPlainName(name)) {
@@ -292,6 +295,22 @@ bool toASCII(std::string& name) {
     name = result;
     lowerCase(name);
     return true;
+}
+
+// --- printing --------------------------------------------------------------------------------------------------------
+
+void appendHost(std::string& out, const URI::Origin& origin) {
+    const std::string_view host = origin.host;
+    if (isOpaqueHostScheme(origin.scheme)) {
+        uriAppendEscaped(out, host, URI_UNRESERVED, false);
+    } else if (origin.isIPv6()) {
+        const size_t zone = std::min(host.find('%'), host.size());
+        (out += '[') += host.substr(0, zone);
+        uriAppendEscaped(out, host.substr(zone), URI_UNRESERVED, false);
+        out += ']';
+    } else {
+        out += host;
+    }
 }
 
 }  // namespace
@@ -318,8 +337,8 @@ const char* URI::Origin::parseFromURI(const char* text, std::string* rawUserInfo
         return cursor;
 
     cursor += 2;
-    std::string_view hostAndPort(cursor, std::strcspn(cursor, "/?#"));
-    const char* end = cursor + hostAndPort.size();
+    const char* end = uriSkip(cursor, AUTHORITY_BYTES);
+    std::string_view hostAndPort(cursor, end);
     takeUserInfo(hostAndPort, rawUserInfo);
     if (!parseHostAndPort(hostAndPort, *this))
         return nullptr;
@@ -389,25 +408,34 @@ int URI::Origin::compare(const Origin& other) const {
 }
 
 std::string URI::Origin::escapedHost() const {
-    if (isOpaqueHostScheme(scheme))
-        return escapeURIComponent(host, "");
-    if (!isIPv6())
-        return host;
-    const size_t zone = std::min(host.find('%'), host.size());
-    return std::string("[").append(host, 0, zone).append(escapeURIComponent(host.substr(zone), "")).append("]");
+    std::string text;
+    appendHost(text, *this);
+    return text;
 }
 
 std::string URI::Origin::escapedHostPort() const {
-    if (port == defaultPort(scheme) || isOpaqueHostScheme(scheme))
-        return escapedHost();
-    return escapedHost() + ":" + std::to_string(port);
+    std::string text;
+    uriAppendHostPort(text, *this);
+    return text;
 }
 
 std::string URI::Origin::toString() const {
-    std::string text = scheme.empty() ? "" : scheme + ":";
+    std::string text;
+    uriAppendScheme(text, *this);
     if (!host.empty())
         text += "//" + escapedHostPort() + "/";
     return text;
+}
+
+void uriAppendScheme(std::string& out, const URI::Origin& origin) {
+    if (!origin.scheme.empty())
+        (out += origin.scheme) += ':';
+}
+
+void uriAppendHostPort(std::string& out, const URI::Origin& origin) {
+    appendHost(out, origin);
+    if (origin.port != URI::defaultPort(origin.scheme) && !isOpaqueHostScheme(origin.scheme))
+        (out += ':') += std::to_string(origin.port);
 }
 
 uint32_t URI::defaultPort(const std::string& scheme) {

@@ -1,43 +1,43 @@
 // uri_path.cpp: paths: parsing, file names, relations between paths, dot segments (RFC 3986, 5.2 and 6.2.2.3).
 
 #include <algorithm>
-#include <cstring>
 #include <iterator>
 
 #include "foundation/uri_text.h"
 
 namespace {
 
-constexpr const char* PATH_END = "?#";
+constexpr UriBytes ALL_BYTES = UriBytes().addRange(0, 255);
 
-// PathScanner cuts an escaped path into its segments, still escaped.
-class PathScanner {
+// A segment ends at one of these, and unless that is a slash the path does. Plain bytes need no second look.
+constexpr UriBytes SEGMENT_ENDS = UriBytes(std::string_view("/?#\0", 4));
+constexpr UriBytes SEGMENT_BYTES = UriBytes(ALL_BYTES).remove(std::string_view("/?#\0", 4));
+constexpr UriBytes PLAIN_BYTES = UriBytes(SEGMENT_BYTES).remove("%[");
+
+// Most paths have no more segments.
+constexpr size_t USUAL_SEGMENTS = 4;
+
+constexpr std::string_view CURRENT = ".";
+constexpr std::string_view PARENT = "..";
+
+// SegmentScanner finds where segments end, still escaped.
+class SegmentScanner {
 public:
-    PathScanner(const char* text, bool skipPatterns)
-        : m_pEnd(pathEnd(text)), m_strRest(skipPatterns ? std::string_view(text) : std::string_view()) {}
+    SegmentScanner(const char* text, bool skipPatterns)
+        : m_strRest(skipPatterns ? std::string_view(text) : std::string_view()) {}
 
-    // end gives the end of the path as far as known: a region in the segment found last may have moved it.
-    const char* end() const { return m_pEnd; }
-
-    // segmentEnd gives the first slash from `start` on outside regions, or the end of the path. A region that begins
-    // in the path belongs to it as a whole.
+    // segmentEnd gives the end of the segment at `start`. A region that begins in a segment belongs to it as a whole.
     const char* segmentEnd(const char* start) {
-        const char* candidate = slashOrEnd(start);
-        while (const char* behind = regionEnd(start, candidate)) {
+        const char* end = uriSkip(start, SEGMENT_BYTES);
+        while (const char* behind = regionEnd(start, end)) {
             start = behind;
-            if (start > m_pEnd)
-                m_pEnd = pathEnd(start);
-            if (start > candidate)
-                candidate = slashOrEnd(start);
+            if (start > end)
+                end = uriSkip(start, SEGMENT_BYTES);
         }
-        return candidate;
+        return end;
     }
 
 private:
-    static const char* pathEnd(const char* text) { return text + std::strcspn(text, PATH_END); }
-
-    const char* slashOrEnd(const char* start) const { return std::find(start, m_pEnd, '/'); }
-
     // regionEnd gives what follows the first region that begins from `start` on and before `limit`, null without one.
     const char* regionEnd(const char* start, const char* limit) {
         if (m_strRest.empty())
@@ -51,8 +51,6 @@ private:
         m_strRest = {};
         return nullptr;
     }
-
-    const char* m_pEnd;
 
     // The text with what follows the path; empty when there are no regions, or none any more.
     std::string_view m_strRest;
@@ -70,8 +68,22 @@ bool appendDecodedSegment(std::string& out, std::string_view text) {
     return valid;
 }
 
-void appendVerbatim(std::string& out, const std::string& segment) {
-    out += segment;
+bool isPathEnd(char c) {
+    return SEGMENT_ENDS.has(c) && c != '/';
+}
+
+// storeDecoded decodes a segment and stores it; false at a bad escape, also then it is stored.
+bool storeDecoded(URI::Path::Segments& segments, std::string_view escaped, bool skipPatterns) {
+    std::string& segment = segments.emplace_back();
+    segment.reserve(escaped.size());
+    return skipPatterns ? appendDecodedSegment(segment, escaped) : uriAppendUnescaped(segment, escaped);
+}
+
+std::string pathText(const URI::Path& path, const UriBytes& keep, bool skipPatterns) {
+    std::string out;
+    out.reserve(uriPathLength(path));
+    uriAppendPath(out, path, keep, skipPatterns);
+    return out;
 }
 
 // sharedSegments gives the number of leading segments that both have.
@@ -79,13 +91,13 @@ size_t sharedSegments(const URI::Path::Segments& a, const URI::Path::Segments& b
     return static_cast<size_t>(std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
 }
 
-URI::Path::Segments::iterator at(URI::Path::Segments& segments, size_t index) {
+URI::Path::Segments::iterator segmentAt(URI::Path::Segments& segments, size_t index) {
     return segments.begin() + static_cast<URI::Path::Segments::difference_type>(index);
 }
 
 // cancelsNothing tells whether a ".." behind these segments has to stay.
 bool cancelsNothing(const URI::Path::Segments& segments, size_t count) {
-    return count == 0 || segments[count - 1] == "..";
+    return count == 0 || segments[count - 1] == PARENT;
 }
 
 }  // namespace
@@ -110,25 +122,25 @@ URI::Path URI::Path::fromEscapedURIPath(const std::string& text) {
 }
 
 const char* URI::Path::parseFromURI(const char* text, bool skipPatterns) {
-    PathScanner scanner(text, skipPatterns);
-    if (text == scanner.end())
-        return text;
-    segments.reserve(static_cast<size_t>(std::count(text, scanner.end(), '/')) + 1);
     const char* at = text;
     if (*at == '/') {
         absolute = true;
         ++at;
     }
-    while (at < scanner.end()) {
-        const char* segmentEnd = scanner.segmentEnd(at);
-        const std::string_view segment(at, segmentEnd);
-        std::string& decoded = segments.emplace_back();
-        decoded.reserve(segment.size());
-        if (!(skipPatterns ? appendDecodedSegment(decoded, segment) : uriAppendUnescaped(decoded, segment)))
-            return nullptr;
-        at = segmentEnd < scanner.end() ? segmentEnd + 1 : segmentEnd;
+    SegmentScanner scanner(text, skipPatterns);
+    segments.reserve(isPathEnd(*at) ? 0 : USUAL_SEGMENTS);
+    while (!isPathEnd(*at)) {
+        const char* end = uriSkip(at, PLAIN_BYTES);
+        if (SEGMENT_ENDS.has(*end)) {
+            segments.emplace_back(at, end);
+        } else {
+            end = scanner.segmentEnd(at);
+            if (!storeDecoded(segments, std::string_view(at, end), skipPatterns))
+                return nullptr;
+        }
+        at = *end == '/' ? end + 1 : end;
     }
-    trailingSlash = trailingSlash || at[-1] == '/';
+    trailingSlash = trailingSlash || (at > text && at[-1] == '/');
     return at;
 }
 
@@ -155,11 +167,46 @@ URI::Path URI::Path::fromString(const std::string& name) {
 // --- printing --------------------------------------------------------------------------------------------------------
 
 std::string URI::Path::toString() const {
-    return uriPrintPath(*this, appendVerbatim);
+    return pathText(*this, ALL_BYTES, false);
 }
 
 std::string URI::Path::toFileName() const {
     return toString();
+}
+
+std::string URI::Path::toEscapedURIPath(bool skipPatterns, bool keepPlus) const {
+    return pathText(*this, keepPlus ? URI_PATH_RAW_PLUS : URI_PATH_RAW, skipPatterns);
+}
+
+std::string URI::Path::toCanonicalURIPath() const {
+    return pathText(*this, URI_UNRESERVED, false);
+}
+
+std::string URI::Path::toUserURIPath(bool skipPatterns) const {
+    return pathText(*this, URI_PATH_USER_RAW, skipPatterns);
+}
+
+size_t uriPathLength(const URI::Path& path) {
+    size_t length = path.segments.size() + 2;
+    for (const std::string& segment : path.segments)
+        length += segment.size();
+    return length;
+}
+
+void uriAppendPath(std::string& out, const URI::Path& path, const UriBytes& keep, bool skipPatterns) {
+    if (path.segments.empty()) {
+        out += path.absolute ? "/" : path.trailingSlash ? "./" : "";
+        return;
+    }
+    bool separate = path.absolute;
+    for (const std::string& segment : path.segments) {
+        if (separate)
+            out += '/';
+        separate = true;
+        uriAppendEscaped(out, segment, keep, skipPatterns);
+    }
+    if (path.trailingSlash)
+        out += '/';
 }
 
 // --- looking ---------------------------------------------------------------------------------------------------------
@@ -302,7 +349,7 @@ bool URI::Path::removeRoot(const Path& root) {
     const size_t count = root.segments.size();
     if (absolute != root.absolute || sharedSegments(segments, root.segments) != count)
         return false;
-    segments.erase(segments.begin(), at(segments, count));
+    segments.erase(segments.begin(), segmentAt(segments, count));
     absolute = false;
     trailingSlash = trailingSlash || segments.empty();
     return true;
@@ -312,8 +359,8 @@ URI::Path& URI::Path::removeDotSegments(bool rooted) {
     size_t kept = 0;
     bool removed = false;
     for (std::string& segment : segments) {
-        const bool up = segment == ".." && (rooted || !cancelsNothing(segments, kept));
-        removed = up || segment == ".";
+        const bool up = segment == PARENT && (rooted || !cancelsNothing(segments, kept));
+        removed = up || segment == CURRENT;
         if (up && kept > 0)
             --kept;
         if (removed)
@@ -356,7 +403,7 @@ URI::Path& URI::Path::makeRelative(const Path& base) {
     // The base's last segment names a resource, so one that is shared stays in the result.
     const size_t shared = std::min(sharedSegments(segments, base.segments), dirCount);
     absolute = false;
-    segments.erase(segments.begin(), at(segments, shared));
-    segments.insert(segments.begin(), dirCount - shared, "..");
+    segments.erase(segments.begin(), segmentAt(segments, shared));
+    segments.insert(segments.begin(), dirCount - shared, std::string(PARENT));
     return *this;
 }

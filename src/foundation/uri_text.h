@@ -1,5 +1,7 @@
-// uri_text.h: what the sources of `URI` share: byte classes of their own (no locale), escapes, regions, path text. For
-// this folder only.
+// uri_text.h: what the sources of `URI` share: byte classes of their own (no locale), escapes, normal forms, regions,
+// the texts of paths and origins. For this folder only.
+//
+// The functions that write a text append it to one that the caller reserved: a printed URI is one allocation.
 #pragma once
 
 #include <array>
@@ -8,6 +10,64 @@
 #include <string_view>
 
 #include "foundation/uri.h"
+
+// UriBytes is a set of bytes, as a table.
+class UriBytes {
+public:
+    constexpr UriBytes() = default;
+    constexpr explicit UriBytes(std::string_view bytes) { add(bytes); }
+
+    constexpr UriBytes& add(std::string_view bytes) {
+        for (char c : bytes)
+            add(static_cast<unsigned char>(c));
+        return *this;
+    }
+
+    constexpr UriBytes& addRange(unsigned char first, unsigned char last) {
+        for (unsigned byte = first; byte <= last; ++byte)
+            add(static_cast<unsigned char>(byte));
+        return *this;
+    }
+
+    constexpr UriBytes& remove(std::string_view bytes) {
+        for (char c : bytes)
+            m_aHas[static_cast<unsigned char>(c)] = false;
+        return *this;
+    }
+
+    constexpr bool has(char c) const { return m_aHas[static_cast<unsigned char>(c)]; }
+
+private:
+    constexpr void add(unsigned char byte) { m_aHas[byte] = true; }
+
+    std::array<bool, 256> m_aHas{};
+};
+
+// URI_UNRESERVED are the unreserved characters (RFC 3986, 2.3).
+inline constexpr UriBytes URI_UNRESERVED = UriBytes("-._~").addRange('a', 'z').addRange('A', 'Z').addRange('0', '9');
+
+// URI_USER_RAW is what people read raw whatever the place: all but control characters and "%".
+inline constexpr UriBytes URI_USER_RAW = UriBytes().addRange(' ', 255).remove("%");
+
+// What stands raw in a segment: in escaped text, in that of a scheme that keeps "+", in the text for people.
+inline constexpr UriBytes URI_PATH_RAW = UriBytes(URI_UNRESERVED).add("!$&'()*,;=:");
+inline constexpr UriBytes URI_PATH_RAW_PLUS = UriBytes(URI_PATH_RAW).add("+");
+inline constexpr UriBytes URI_PATH_USER_RAW = UriBytes(URI_USER_RAW).remove("/?#");
+
+// UriNormalForm tells what stands raw in a component's normal form; see `URI::normalizeURIComponent` for the sets.
+struct UriNormalForm {
+    // decoded bytes stand raw, also where they were escaped; bare ones stay raw where they were.
+    UriBytes decoded;
+    UriBytes bare;
+
+    // runs are the bare bytes that begin no escape.
+    UriBytes runs;
+
+    constexpr UriNormalForm(std::string_view decodeSet, std::string_view preserveSet)
+        : decoded(UriBytes(URI_UNRESERVED).add(decodeSet)),
+          bare(UriBytes(decoded).add(preserveSet)),
+          runs(UriBytes(bare).remove("%")) {}
+};
 
 // uriIsAlpha, uriIsDigit and uriIsAlnum tell whether `c` is an ASCII letter, an ASCII digit, either.
 constexpr bool uriIsAlpha(char c) {
@@ -63,8 +123,33 @@ inline int uriCompareText(std::string_view a, std::string_view b) {
     return b.size() - a.size() > limit ? std::numeric_limits<int>::min() : -static_cast<int>(b.size() - a.size());
 }
 
-// uriAppendUnescaped decodes all escapes of `text` behind `out`; false if a "%" began none (it is copied).
+// uriSkip gives the first place from `text` on whose byte is not in `bytes`, which must not hold the terminator.
+inline const char* uriSkip(const char* text, const UriBytes& bytes) {
+    while (bytes.has(*text))
+        ++text;
+    return text;
+}
+
+// uriAppendEscaped escapes all bytes but those in `keep`.
+void uriAppendEscaped(std::string& out, std::string_view text, const UriBytes& keep, bool skipPatterns);
+
+// uriAppendUnescaped decodes all escapes; false if a "%" began none (it is copied).
 bool uriAppendUnescaped(std::string& out, std::string_view text);
+
+// uriAppendNormalized brings escaped text into a normal form.
+void uriAppendNormalized(std::string& out, std::string_view text, const UriNormalForm& form, bool skipPatterns);
+
+// uriHasValidEscapes is `URI::validateEscaping`.
+bool uriHasValidEscapes(std::string_view text, bool skipPatterns);
+
+// uriAppendScheme writes the scheme and its colon, if there is one, uriAppendHostPort `Origin::escapedHostPort`.
+void uriAppendScheme(std::string& out, const URI::Origin& origin);
+void uriAppendHostPort(std::string& out, const URI::Origin& origin);
+
+// uriAppendPath writes a path with all bytes of its segments escaped but those in `keep`. uriPathLength gives the
+// length of that, at most, as long as nothing needs an escape.
+void uriAppendPath(std::string& out, const URI::Path& path, const UriBytes& keep, bool skipPatterns);
+size_t uriPathLength(const URI::Path& path);
 
 // uriForEachPiece cuts `text` at its regions "[[" ... "]]", which are taken from the left: `plain` gets the text
 // before, between and behind them, never empty, `region` gets the regions with their brackets. In the order of the
@@ -83,27 +168,4 @@ void uriForEachPiece(std::string_view text, Plain&& plain, Region&& region) {
     }
     if (at < text.size())
         plain(text.substr(at));
-}
-
-// uriPrintPath gives the text of a path; `appendSegment(out, segment)` writes each segment.
-template <typename AppendSegment>
-std::string uriPrintPath(const URI::Path& path, AppendSegment&& appendSegment) {
-    if (path.segments.empty())
-        return path.absolute ? "/" : path.trailingSlash ? "./" : "";
-    size_t length = path.segments.size() + 1;
-    for (const std::string& segment : path.segments)
-        length += segment.size();
-
-    std::string out;
-    out.reserve(length);
-    bool separate = path.absolute;
-    for (const std::string& segment : path.segments) {
-        if (separate)
-            out += '/';
-        separate = true;
-        appendSegment(out, segment);
-    }
-    if (path.trailingSlash)
-        out += '/';
-    return out;
 }
