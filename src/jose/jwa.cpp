@@ -77,12 +77,6 @@ void prepareContext(DigestContext& context) {
         throw opensslError(ORVError::NoMemory, "EVP_MD_CTX_new");
 }
 
-// finaliseInPlace spares the copy of the context that OpenSSL would otherwise make to end a message: no message goes on
-// behind its end here.
-void finaliseInPlace(const DigestContext& context) {
-    EVP_MD_CTX_set_flags(context.get(), EVP_MD_CTX_FLAG_FINALISE);
-}
-
 bool isECDSA(const Key& key) {
     return describe(key.algo()).keyType == EVP_PKEY_EC;
 }
@@ -277,7 +271,6 @@ void Signer::init() {
     const int result = EVP_DigestSignInit(m_pContext.get(), nullptr, digest, nullptr, m_oKey.pkey());
     if (result != 1)
         throw opensslError(result == -2 ? ORVError::StringNotValid : ORVError::SystemUnknown, "EVP_DigestSignInit");
-    finaliseInPlace(m_pContext);
     m_bInitialised = true;
     m_bFinished = false;
 }
@@ -340,7 +333,6 @@ void Verifier::init() {
     const int result = EVP_DigestVerifyInit(m_pContext.get(), nullptr, digest, nullptr, m_oKey.pkey());
     if (result != 1)
         throw opensslError(result == -2 ? ORVError::StringNotValid : ORVError::NoMemory, "EVP_DigestVerifyInit");
-    finaliseInPlace(m_pContext);
     m_bInitialised = true;
 }
 

@@ -87,7 +87,8 @@ struct DigestContextDeleter {
 
 using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextDeleter>;
 
-// Signer signs messages, one after the other, with one key. After an error it must not be used any further.
+// Signer signs messages, one after the other, with one key. An error leaves the message as it is: `get` tries to finish
+// it again, `update` goes on with it.
 class Signer {
 public:
     // Signer keeps a copy of the key; nothing is tested yet.
@@ -116,8 +117,8 @@ private:
     std::vector<unsigned char> m_aSignature;
 };
 
-// Verifier checks signatures of messages, one after the other, with one key. After an error it must not be used any
-// further.
+// Verifier checks signatures of messages, one after the other, with one key. An error leaves the message as it is:
+// `matches` tries to finish it again, `update` goes on with it.
 class Verifier {
 public:
     // Verifier keeps a copy of the key; nothing is tested yet.

@@ -63,6 +63,8 @@ inline std::string digestName(jwa::Algo algo) {
 
 // --- Failures ---
 
+inline const std::string NO_FAILURE = "no failure";
+
 // failureOf calls `call` and gives the code and the text of the ORVError that it throws, as "CODE TEXT".
 template <class Call>
 std::string failureOf(Call call) {
@@ -71,7 +73,7 @@ std::string failureOf(Call call) {
     } catch (const ORVError& error) {
         return std::to_string(static_cast<int>(error.getCode())) + " " + error.what();
     }
-    return "no failure";
+    return NO_FAILURE;
 }
 
 // failureText gives what `failureOf` gives for a code and a detail.

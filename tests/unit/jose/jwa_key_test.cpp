@@ -414,7 +414,7 @@ TEST_F(JwaKey, SetHMACTakesKeysOfAnyLength) {
             jwa::Key key;
             key.setHMAC(algo, reinterpret_cast<const unsigned char*>(secret.data()), secret.size());
             EXPECT_EQ(key.algo(), algo);
-            EXPECT_EQ(failureOf([&] { key.checkKey(); }), "no failure");
+            EXPECT_EQ(failureOf([&] { key.checkKey(); }), NO_FAILURE);
             EXPECT_EQ(jwa::sign("abc", 3, key).size(), jwa::signatureSize(algo));
         }
     }
@@ -427,7 +427,7 @@ TEST_F(JwaKey, SetHMACTakesAnEmptyKey) {
             key.setHMAC(algo, bytes, 0);
             EXPECT_EQ(key.algo(), algo);
             ASSERT_NE(key.pkey(), nullptr);
-            EXPECT_EQ(failureOf([&] { key.checkKey(); }), "no failure");
+            EXPECT_EQ(failureOf([&] { key.checkKey(); }), NO_FAILURE);
             // an empty key counts like any number of NUL bytes up to the block size
             EXPECT_EQ(jwa::sign("abc", 3, key), jwa::sign("abc", 3, hmacKey(algo, std::string(5, '\0'))));
         }
@@ -493,7 +493,7 @@ TEST_F(JwaKey, CheckKeyHoldsEachKindAgainstEachAlgorithm) {
     for (const auto& row : rows) {
         const jwa::Key loaded = privateKey(jwa::None, row.kind);
         for (const AlgoRow& algo : ALGOS) {
-            std::string expected = "no failure";
+            std::string expected = NO_FAILURE;
             if (std::string(row.fits).find(algo.name) == std::string::npos && algo.algo != jwa::None) {
                 const char* detail = isHMAC(algo.algo) ? "key type must be HMAC for: "
                                      : isEC(algo.algo) ? row.failureEC
@@ -510,7 +510,7 @@ TEST_F(JwaKey, CheckKeyOfAnHMACKey) {
     for (const std::string& secret : {std::string("secret"), std::string()}) {
         const jwa::Key key = hmacKey(jwa::HS256, secret);
         for (const AlgoRow& algo : ALGOS) {
-            const std::string expected = algo.algo == jwa::None || isHMAC(algo.algo) ? "no failure"
+            const std::string expected = algo.algo == jwa::None || isHMAC(algo.algo) ? NO_FAILURE
                                          : isEC(algo.algo) ? BAD + "key type must be EC for: " + algo.name
                                                            : BAD + "key type must be RSA for: " + algo.name;
             EXPECT_EQ(failureOf([&] { withAlgo(algo.algo, key).checkKey(); }), expected) << algo.name;
@@ -522,20 +522,20 @@ TEST_F(JwaKey, CheckKeyOfANullKey) {
     for (const AlgoRow& algo : ALGOS) {
         jwa::Key key;
         key.set(algo.algo, nullptr);
-        const std::string expected = algo.algo == jwa::None ? "no failure"
+        const std::string expected = algo.algo == jwa::None ? NO_FAILURE
                                      : isHMAC(algo.algo)    ? BAD + "key type must be HMAC for: " + algo.name
                                      : isEC(algo.algo)      ? BAD + "key type must be EC for: " + algo.name
                                                             : BAD + "key type must be RSA for: " + algo.name;
         EXPECT_EQ(failureOf([&] { key.checkKey(); }), expected) << algo.name;
     }
-    EXPECT_EQ(failureOf([&] { jwa::Key().checkKey(); }), "no failure");
+    EXPECT_EQ(failureOf([&] { jwa::Key().checkKey(); }), NO_FAILURE);
 }
 
 TEST_F(JwaKey, CheckKeyPassesAlgorithmsOutsideTheTable) {
     for (const uint32_t value : {0u, 10u, 42u, 0xffffffffu}) {
         const auto algo = static_cast<jwa::Algo>(value);
-        EXPECT_EQ(failureOf([&] { withAlgo(algo, hmac()).checkKey(); }), "no failure");
-        EXPECT_EQ(failureOf([&] { privateKey(algo, "P-224").checkKey(); }), "no failure");
+        EXPECT_EQ(failureOf([&] { withAlgo(algo, hmac()).checkKey(); }), NO_FAILURE);
+        EXPECT_EQ(failureOf([&] { privateKey(algo, "P-224").checkKey(); }), NO_FAILURE);
     }
 }
 
@@ -770,7 +770,7 @@ TEST_F(JwaKey, EncryptedKeysFailWithoutAPrompt) {
 TEST_F(JwaKey, EncryptedKeyLeavesThePreviousKey) {
     converted("ec -aes256 -passout pass:secret", "P-256");
     jwa::Key key = hmac();
-    EXPECT_NE(failureOf([&] { key.loadPrivateKey(jwa::ES256, path("converted")); }), "no failure");
+    EXPECT_NE(failureOf([&] { key.loadPrivateKey(jwa::ES256, path("converted")); }), NO_FAILURE);
     EXPECT_EQ(key.algo(), jwa::HS256);
     EXPECT_EQ(jwa::sign("abc", 3, key).size(), 32u);
 }
@@ -828,13 +828,13 @@ TEST_F(JwaKey, DERKeysLoad) {
         const std::string kind = kindOf(row.algo);
         for (const char* command : {"pkey -outform DER", "pkcs8 -topk8 -nocrypt -outform DER"}) {
             jwa::Key key = hmac();
-            EXPECT_EQ(failureOfPrivateDER(key, row.algo, converted(command, kind)), "no failure") << command;
+            EXPECT_EQ(failureOfPrivateDER(key, row.algo, converted(command, kind)), NO_FAILURE) << command;
             expectIs(key, row.algo, kind);
         }
         jwa::Key key = hmac();
-        EXPECT_EQ(failureOfPrivateDER(key, row.algo, converted("pkey -traditional -outform DER", kind)), "no failure");
+        EXPECT_EQ(failureOfPrivateDER(key, row.algo, converted("pkey -traditional -outform DER", kind)), NO_FAILURE);
         expectIs(key, row.algo, kind);
-        EXPECT_EQ(failureOfPublicDER(key, row.algo, converted("pkey -pubout -outform DER", kind)), "no failure");
+        EXPECT_EQ(failureOfPublicDER(key, row.algo, converted("pkey -pubout -outform DER", kind)), NO_FAILURE);
         expectIs(key, row.algo, kind);
     }
 }

@@ -613,37 +613,54 @@ TEST_F(JwaSignature, EarlierFalseVerificationsDoNotReachTheText) {
     }
 }
 
-// An object is not reset by an error, and it must not do harm either.
-TEST_F(JwaSignature, ObjectsAfterAnErrorDoNoHarm) {
+// An object is not reset by an error: what was added before belongs to the message that is finished later.
+TEST_F(JwaSignature, MessageGoesOnBehindAnErrorOfTheSigner) {
     for (const FaultRow& row : SIGNING_FAULTS) {
+        const std::string name = std::string(row.function) + " " + jwa::name(row.algo);
         const jwa::Key key = isHMAC(row.algo) ? hmacKey(row.algo, "secret") : usualKey(row.algo);
-        jwa::Signer signer(key);
-        {
+        const auto isSignature = [&](const std::string& message, const Bytes& signature) {
+            return isEC(row.algo) ? verify(message, key, signature) : sign(message, key) == signature;
+        };
+        std::string message;
+        jwa::Signer again(key);
+        jwa::Signer longer(key);
+        for (jwa::Signer* signer : {&again, &longer}) {
             const OpensslWatch watch(row.function, row.result, row.nth);
-            failureOf([&] {
-                signer.update("abc", 3);
-                signer.get();
-            });
+            message = failureOf([&] { signer->update("abc", 3); }) == NO_FAILURE ? "abc" : "";
+            if (!message.empty()) {
+                EXPECT_NE(failureOf([&] { signer->get(); }), NO_FAILURE) << name;
+            }
         }
-        failureOf([&] { signer.get(); });
-        failureOf([&] { signer.update("abc", 3); });
-        failureOf([&] { EXPECT_EQ(signer.get().size(), jwa::signatureSize(row.algo)); });
+        EXPECT_TRUE(isSignature(message, again.get())) << name;
+        longer.update("def", 3);
+        EXPECT_TRUE(isSignature(message + "def", longer.get())) << name;
     }
+}
+
+TEST_F(JwaSignature, MessageGoesOnBehindAnErrorOfTheVerifier) {
     for (const FaultRow& row : VERIFYING_FAULTS) {
+        const std::string name = std::string(row.function) + " " + jwa::name(row.algo);
         const jwa::Key key = usualKey(row.algo);
+        std::string message;
+        jwa::Verifier again(key);
+        jwa::Verifier longer(key);
         const Bytes signature = sign("abc", key);
-        jwa::Verifier verifier(key);
-        {
+        for (jwa::Verifier* verifier : {&again, &longer}) {
             const OpensslWatch watch(row.function, row.result, row.nth);
-            failureOf([&] {
-                verifier.update("abc", 3);
-                verifier.matches(signature);
-            });
+            message = failureOf([&] { verifier->update("abc", 3); }) == NO_FAILURE ? "abc" : "";
+            if (!message.empty()) {
+                EXPECT_NE(failureOf([&] { verifier->matches(signature); }), NO_FAILURE) << name;
+            }
         }
-        failureOf([&] { verifier.matches(signature); });
-        failureOf([&] { verifier.update("abc", 3); });
-        failureOf([&] { verifier.matches(signature); });
+        EXPECT_TRUE(again.matches(sign(message, key))) << name;
+        longer.update("def", 3);
+        EXPECT_TRUE(longer.matches(sign(message + "def", key))) << name;
     }
+}
+
+TEST_F(JwaSignature, NoContextIsToldBeforeTheKeyIsLookedAt) {
+    const OpensslWatch watch("EVP_MD_CTX_new");
+    EXPECT_THAT(failureOf([] { jwa::Signer(jwa::Key()).init(); }), StartsWith("19 No Memory : EVP_MD_CTX_new"));
 }
 
 TEST_F(JwaSignature, SignerThatFailedInInitWorksOnceInitDoes) {
@@ -651,7 +668,7 @@ TEST_F(JwaSignature, SignerThatFailedInInitWorksOnceInitDoes) {
     jwa::Signer signer(key);
     {
         const OpensslWatch watch("EVP_DigestSignInit");
-        EXPECT_NE(failureOf([&] { signer.update("abc", 3); }), "no failure");
+        EXPECT_NE(failureOf([&] { signer.update("abc", 3); }), NO_FAILURE);
     }
     signer.update("abc", 3);
     EXPECT_EQ(signer.get(), sign("abc", key));
@@ -664,7 +681,7 @@ TEST_F(JwaSignature, SignatureOfTheLastMessageStaysWhenTheNextFailsInInit) {
     const Bytes signature = signer.get();
     {
         const OpensslWatch watch("EVP_DigestSignInit");
-        EXPECT_NE(failureOf([&] { signer.update("def", 3); }), "no failure");
+        EXPECT_NE(failureOf([&] { signer.update("def", 3); }), NO_FAILURE);
     }
     EXPECT_EQ(signer.get(), signature) << "still finished";
 }
