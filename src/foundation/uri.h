@@ -330,8 +330,8 @@ public:
     static uint32_t defaultPort(const std::string& scheme);
 
     // canonicalizeHostName replaces a host name by its ASCII form in lower case (IDNA, RFC 3490); on false it stays.
-    // With `allowTrailingDash` one dash at its end is no fault. Names over 16384 bytes are refused, as the conversion's
-    // time grows with the square of the length.
+    // With `allowTrailingDash` one dash at its end is no fault. A name with a NUL is refused, and one of more than
+    // 16384 bytes that isn't plain ASCII, as the conversion's time grows with the square of the length.
     static bool canonicalizeHostName(std::string& host, bool allowTrailingDash);
 
     // --- escaping ----------------------------------------------------------------------------------------------------

@@ -837,6 +837,8 @@ public:
         std::string text(below(2) * 16, 'x');
         for (size_t pieces = below(16); pieces > 0; --pieces)
             text += below(4) == 0 ? oneByte(static_cast<int>(below(256))) : m_pieces[below(m_pieces.size())];
+        if (below(16) == 0)
+            addRun(text);
         return std::string(text.data(), text.size());
     }
 
@@ -848,6 +850,14 @@ public:
     }
 
 private:
+    // addRun adds one piece many times, as results are gathered in blocks, and something behind it.
+    void addRun(std::string& text) {
+        const std::string& piece = m_pieces[below(m_pieces.size())];
+        for (size_t count = 200 + below(400); count > 0; --count)
+            text += piece;
+        text += m_pieces[below(m_pieces.size())];
+    }
+
     std::mt19937 m_random;
     std::vector<std::string> m_pieces;
 };

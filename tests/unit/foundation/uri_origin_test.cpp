@@ -1122,6 +1122,7 @@ TEST(UriOriginPrint, HostsAsTheyStandInAURI) {
         {"http", "fe80::1%eth0", "[fe80::1%25eth0]"},
         {"http", "fe80::1%", "[fe80::1%25]"},
         {"http", "fe80::1%a b/%:]\xFF", "[fe80::1%25a%20b%2F%25%3A%5D%FF]"},  // the empty keep set
+        {"http", "fe80::1%[[a]]", "[fe80::1%25%5B%5Ba%5D%5D]"},               // patterns are off
         {"http", "::1.2.3.4%a-b_c.d~e", "[::1.2.3.4%25a-b_c.d~e]"},
         {"http", "::1%eth0", "::1%eth0"},  // no address by the rules
         {"orv", "name", "name"},
@@ -1386,6 +1387,21 @@ std::string ourForm(std::string name) {
 }
 
 }  // namespace
+
+TEST(UriOriginCanonical, OnlyNamesThatAreNotPlainHaveALimit) {
+    std::string plain = "a";
+    while (plain.size() < 20000)
+        plain += ".a";
+    EXPECT_EQ(ourForm(plain), plain);
+    const std::string longest = "\xC3\xA4" + plain.substr(1, 16382);
+    EXPECT_EQ(ourForm(longest), "xn--4ca" + plain.substr(1, 16382));
+    EXPECT_EQ(ourForm(longest + "a"), "refused");
+}
+
+TEST(UriOriginCanonical, NameWithANulIsRefused) {
+    EXPECT_EQ(ourForm(std::string("a\0b", 3)), "refused");
+    EXPECT_EQ(ourForm(std::string("a\0", 2)), "refused");
+}
 
 TEST(UriOriginPlainNames, AllShortOnesAreAsLibidnHasThem) {
     const std::string letters = "aZ1-.";

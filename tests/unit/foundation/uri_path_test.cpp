@@ -206,6 +206,13 @@ TEST(UriPathPrinters, SlashFromAnEscapeIsBareInPlainTextAndEscapedInEscapedText)
 
 // ---- parseFromURI and fromEscapedURIPath ----
 
+TEST(UriPathParse, FlagsAreOnlySet) {
+    Path path;
+    path.absolute = path.trailingSlash = true;
+    ASSERT_NE(path.parseFromURI("a"), nullptr);
+    EXPECT_EQ("/<a>/", show(path));
+}
+
 TEST(UriPathParse, Table) {
     const struct {
         std::string text, expected;

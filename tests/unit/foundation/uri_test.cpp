@@ -471,6 +471,12 @@ TEST(UriPatterns, TheTextForPeopleKeepsThem) {
     EXPECT_EQ("http://name/a [[%2520%2F]]?%20[[A&]]#\xC3\xA4[[A]]", uri.toUserString());
 }
 
+TEST(UriPatterns, UserInformationHasNone) {
+    URI uri = parse("http://name/");
+    uri.setUserInfo("[[%41]]");
+    EXPECT_EQ("http://[[A]]@name/", uri.toUserString(true));
+}
+
 // ---- Printing ----
 
 TEST(UriPrint, FieldsSetByHand) {
@@ -494,6 +500,7 @@ TEST(UriPrint, FieldsSetByHand) {
         {"", "", "", 0, "", "q", "f", "?q#f"},
         {"", "", "", 0, "<a b><c/d>T", "%zz #", "#", "a%20b/c%2Fd/?%zz ###"},  // the setters' text as it is
         {"rtsp", "", "name", 554, "A<a+b>", "", "", "rtsp://name/a+b"},
+        {"rtsps", "", "name", 0, "A<a+b>", "", "", "rtsps://name/a%2Bb"},
         {"http", "", "name", 80, "A<a+b>", "", "", "http://name/a%2Bb"},
         {"RTSP", "", "name", 0, "A<a+b>", "", "", "RTSP://name/a%2Bb"},
         {"rtmp", "", "name", 1935, "A<!$&'()*,;=:@[]>", "", "", "rtmp://name/!$&'()*,;=:%40%5B%5D"},
