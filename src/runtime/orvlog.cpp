@@ -56,6 +56,10 @@ void claimConfiguration() {
     log4cxx::LogManager::getLoggerRepository()->setConfigured(true);
 }
 
+log4cxx::LoggerPtr rootAsItIs() {
+    return log4cxx::LogManager::getLoggerRepository()->getRootLogger();
+}
+
 log4cxx::AppenderPtr makeSyslogAppender(bool bSilent) {
     const auto appender = std::make_shared<log4cxx::net::SyslogAppender>();
     appender->setLayout(std::make_shared<log4cxx::PatternLayout>(SYSLOG_PATTERN));
@@ -73,19 +77,20 @@ std::string append(const std::string& parent, const std::string& name) {
 
 log4cxx::LoggerPtr getLogger(const std::string& name) {
     claimConfiguration();
-    return log4cxx::LogManager::getLogger(name);
+    return log4cxx::LogManager::getLoggerRepository()->getLogger(name);
 }
 
 bool configureBasic(bool toStdErr, bool bSilent) {
     try {
         log4cxx::LogManager::resetConfiguration();
         claimConfiguration();
-        const log4cxx::LoggerPtr root = log4cxx::LogManager::getRootLogger();
+        const log4cxx::LoggerPtr root = rootAsItIs();
         root->setLevel(log4cxx::Level::getInfo());
         root->addAppender(makeConsoleAppender(toStdErr, bSilent));
         root->addAppender(makeSyslogAppender(bSilent));
         return true;
     } catch (const log4cxx::helpers::Exception& failure) {
+        claimConfiguration();
         fprintf(stderr, "ERROR: orvlog::startupConfigure() failed with exception '%s'\n", failure.what());
         return false;
     }

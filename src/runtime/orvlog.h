@@ -64,8 +64,8 @@ bool configureFromXML(const std::string& file);
 bool configureFromINI(const std::string& file);
 
 // reset makes all appenders reopen their targets: log files that were moved away are made anew. A failure is told on
-// standard error; one logger's appenders don't keep the others from being reset. AsyncResetHandler does this without
-// the caller waiting.
+// standard error; one logger's appenders, the root's excepted, don't keep the others from being reset.
+// AsyncResetHandler does this without the caller waiting.
 void reset();
 
 // fini ends logging; meant for atexit.

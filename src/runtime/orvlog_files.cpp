@@ -66,7 +66,7 @@ void attachMainFile(const log4cxx::LoggerPtr& root) {
 void setUpFiles() {
     log4cxx::LogManager::resetConfiguration();
     orvlog::claimConfiguration();
-    const log4cxx::LoggerPtr root = log4cxx::LogManager::getRootLogger();
+    const log4cxx::LoggerPtr root = orvlog::rootAsItIs();
     root->setLevel(log4cxx::Level::getInfo());
     makeLogFolder();
     silenceProfiling();
@@ -96,11 +96,6 @@ bool configureGuarded(const char* scope, const char* name, SetUp setUp) {
         fprintf(stderr, "ERROR: %s::%s() failed with exception '%s'\n", scope, name, failure.what());
         return false;
     }
-}
-
-// rootAsItIs asks the repository itself: LogManager would first configure what another thread has just shut down.
-log4cxx::LoggerPtr rootAsItIs() {
-    return log4cxx::LogManager::getLoggerRepository()->getRootLogger();
 }
 
 void reopenAppenders(const log4cxx::LoggerPtr& logger, log4cxx::helpers::Pool& pool) {

@@ -2,12 +2,17 @@
 #pragma once
 
 #include <log4cxx/appender.h>
+#include <log4cxx/logger.h>
 
 namespace orvlog {
 
 // claimConfiguration keeps log4cxx from looking for configuration files. A reset of the configuration forgets the
 // claim.
 void claimConfiguration();
+
+// rootAsItIs returns the root logger as the repository has it: log4cxx's own way to it would first configure what
+// another thread has just shut down.
+log4cxx::LoggerPtr rootAsItIs();
 
 // makeSyslogAppender returns an appender for syslog, ready for use; with `bSilent` only FATAL records pass it.
 log4cxx::AppenderPtr makeSyslogAppender(bool bSilent);

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace {
 
@@ -38,6 +39,14 @@ private:
     size_t m_nSize;
 };
 
+std::string copyOf(const char* text, size_t length) {
+    try {
+        return std::string(text, length);
+    } catch (const std::bad_alloc&) {
+        return std::string();
+    }
+}
+
 }  // namespace
 
 std::string strvfmt(const char* format, va_list arguments) {
@@ -50,7 +59,7 @@ std::string strvfmt(const char* format, va_list arguments) {
         const int length = vsnprintf(buffer.text(), buffer.size(), format, attempt);
         va_end(attempt);
         if (buffer.holds(length))
-            return std::string(buffer.text(), static_cast<size_t>(length));
+            return copyOf(buffer.text(), static_cast<size_t>(length));
         if (!buffer.growFor(length))
             return std::string();
     }
