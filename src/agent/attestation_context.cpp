@@ -11,39 +11,41 @@ bool isObject(const JSON& value) {
     return value.type == JSON::ObjectType;
 }
 
-// takeBytes decodes a member that is present; false unless it is a text that gives at least one byte.
-bool takeBytes(const JSON* member, std::vector<unsigned char>& field) {
-    const std::string* text = jsonText(member);
-    if (text == nullptr)
-        return false;
-    field = orv::base64Decode(text->data(), text->size());
-    return !field.empty();
+std::vector<unsigned char> decoded(const std::string& text) {
+    return orv::base64Decode(text.data(), text.size());
 }
 
-// takeOptionalBytes is takeBytes for a member that may be absent.
-bool takeOptionalBytes(const JSON* member, std::vector<unsigned char>& field) {
-    field.clear();
-    return member == nullptr || takeBytes(member, field);
-}
-
+// takeOptionalText stores a member that may be absent; false, and no change, unless a present one is a text.
 bool takeOptionalText(const JSON* member, std::string& field) {
-    field.clear();
-    if (member == nullptr)
-        return true;
     const std::string* text = jsonText(member);
-    if (text == nullptr)
+    if (member != nullptr && text == nullptr)
         return false;
-    field = *text;
+    field = text == nullptr ? "" : *text;
     return true;
 }
 
-// takeKey takes both areas of the attestation key or none.
+// takeOptionalBytes decodes one; a present one must give at least one byte.
+bool takeOptionalBytes(const JSON* member, std::vector<unsigned char>& field) {
+    std::string text;
+    if (!takeOptionalText(member, text))
+        return false;
+    field = decoded(text);
+    return member == nullptr || !field.empty();
+}
+
+// takeKey takes both areas of the attestation key or none. Both are looked at before one is decoded.
 bool takeKey(const JSON& ak, AttestationContext& context) {
     const JSON* pub = ak.get("pubTpm2B");
     const JSON* priv = ak.get("privTpm2B");
     if ((pub == nullptr) != (priv == nullptr))
         return false;
-    return takeOptionalBytes(pub, context.akPub) && takeOptionalBytes(priv, context.akPriv);
+    std::string pubText;
+    std::string privText;
+    if (!takeOptionalText(pub, pubText) || !takeOptionalText(priv, privText))
+        return false;
+    context.akPub = decoded(pubText);
+    context.akPriv = decoded(privText);
+    return pub == nullptr || (!context.akPub.empty() && !context.akPriv.empty());
 }
 
 }  // namespace

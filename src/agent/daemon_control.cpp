@@ -8,11 +8,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <optional>
 
 #include "agent/glib_log_handlers.h"
+#include "agent/pipe_signal.h"
 #include "agent/user_switch.h"
 #include "watch/main_loop.h"
 #include "watch/program.h"
@@ -37,9 +37,8 @@ void setPidFile() {
 // sendStatus tells the starting command how the start went. A starter that has gone away in the meantime, for it was
 // killed or has waited long enough, must not end the daemon by a broken pipe.
 int sendStatus(int status) {
-    const auto previous = std::signal(SIGPIPE, SIG_IGN);
+    const IgnoredPipeSignal ignored;
     daemon_retval_send(status);
-    std::signal(SIGPIPE, previous);
     return status;
 }
 

@@ -12,6 +12,7 @@
 
 #include "agent/daemon_control.h"
 #include "agent/device_report.h"
+#include "agent/pipe_signal.h"
 #include "main/standard_descriptors.h"
 #include "tpm/tpm2_attestor.h"
 #include "watch/clock.h"
@@ -109,7 +110,10 @@ bool isValidCombination(const CommandLine& line) {
            !(line.bWatch && g_strWatchFile.empty());
 }
 
+// reportDevice outlives its readers: ended by one that went away, it would leave a session behind in the TPM, which has
+// room for few.
 int reportDevice(const CommandLine& line) {
+    const IgnoredPipeSignal ignored;
     TPM2Attestor tpm;
     if (line.bIncrement && !(tpm.open() && tpm.incrementCounter())) {
         ORVLOG_FATAL(gs_pAppLogger, "failed incrementing the tally counter");

@@ -1,0 +1,19 @@
+// pipe_signal.h: where a reader that went away must not end the process.
+//
+// Elsewhere SIGPIPE does what it always does: whoever cuts off this program's output wants it gone.
+#pragma once
+
+#include <csignal>
+
+// IgnoredPipeSignal has SIGPIPE ignored as long as it lives: a write to a broken pipe fails with EPIPE instead. For one
+// thread at a time, as the disposition belongs to the process.
+class IgnoredPipeSignal {
+public:
+    IgnoredPipeSignal() : m_pPrevious(std::signal(SIGPIPE, SIG_IGN)) {}
+    IgnoredPipeSignal(const IgnoredPipeSignal&) = delete;
+    IgnoredPipeSignal& operator=(const IgnoredPipeSignal&) = delete;
+    ~IgnoredPipeSignal() { std::signal(SIGPIPE, m_pPrevious); }
+
+private:
+    void (*m_pPrevious)(int);
+};
