@@ -149,12 +149,13 @@ void MainLoop::input_file_changed(GFileMonitor*, GFile* file, GFile*, GFileMonit
 void MainLoop::inputChanged(int inputId, GFile* file, GFileMonitorEvent event) {
     if (m_bQuitting)
         return;
-    // A rename in the input's folder is told under the other name as well, which is no change of the input.
-    if (!g_file_equal(file, m_aInputs[inputId].m_pInputFile))
-        return;
+    const bool unmounted = event == G_FILE_MONITOR_EVENT_UNMOUNTED;
     const bool present = event == G_FILE_MONITOR_EVENT_CREATED || event == G_FILE_MONITOR_EVENT_CHANGED;
-    const bool gone = event == G_FILE_MONITOR_EVENT_DELETED || event == G_FILE_MONITOR_EVENT_UNMOUNTED;
-    if (!present && !gone)
+    if (!present && !unmounted && event != G_FILE_MONITOR_EVENT_DELETED)
+        return;
+    // A rename in the input's folder is told under the other name as well, which is no change of the input. An unmount
+    // is told of the folder.
+    if (!unmounted && !g_file_equal(file, m_aInputs[inputId].m_pInputFile))
         return;
     ORVLOG_INFO(gs_pAppLogger, "features input %s was modified", g_oFeatureProvider.inputPath(inputId).c_str());
     const bool changed = present ? reloadInput(inputId) : g_oFeatureProvider.dropInput(inputId);
