@@ -347,9 +347,12 @@ bool TPM2Attestor::guardOpen() const {
 
 // startSession starts a session salted with the EK and bound to nothing, without parameter encryption.
 bool TPM2Attestor::startSession(ESysTransient& session, TPM2_SE type, const char* failure) {
-    return succeeded(Esys_StartAuthSession(m_pContext, m_hEK, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
-                                           nullptr, type, &NO_SYMMETRIC, TPM2_ALG_SHA256, &session.handle),
-                     failure);
+    if (succeeded(Esys_StartAuthSession(m_pContext, m_hEK, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
+                                        nullptr, type, &NO_SYMMETRIC, TPM2_ALG_SHA256, &session.handle),
+                  failure))
+        return true;
+    session.release();  // out of memory, the library may leave a handle to nothing
+    return false;
 }
 
 TSS2_RC TPM2Attestor::setSessionAttributes(TPMA_SESSION flags, TPMA_SESSION mask) {
@@ -540,8 +543,10 @@ bool TPM2Attestor::createPrimaryEK(const TPM2B_PUBLIC& ekTemplate, ESysTransient
 void TPM2Attestor::saveEK(ESysTransient& primary, ESysClosable& persistent) {
     if (!succeededOrWarn(Esys_EvictControl(m_pContext, ESYS_TR_RH_OWNER, primary.handle, ESYS_TR_PASSWORD, ESYS_TR_NONE,
                                            ESYS_TR_NONE, EK_HANDLE, &persistent.handle),
-                         "failed to save endorsement key to persistent handle"))
+                         "failed to save endorsement key to persistent handle")) {
+        persistent.release();  // as in `startSession`
         return;
+    }
     ORVLOG_DEBUG(gs_pTallyLogger, "saved new ECC NIST P256 EK to persistent handle");
     primary.release();
 }
