@@ -28,6 +28,9 @@
 
 // JSON is the abstract value. Its operations beyond conversion, printing and copying belong to containers; on a value
 // that has no use for one, it answers with an empty result and changes nothing.
+//
+// The six classes below are all its classes: printing, copying and destroying a document go by `type`, as calls from
+// value to value would nest as deep as the document does.
 class JSON {
 public:
     // JSON::root is the owning pointer to a value. An operation that takes a `JSON::root&&` moves from it only when it

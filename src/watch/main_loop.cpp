@@ -154,7 +154,7 @@ void MainLoop::inputChanged(int inputId, GFile* file, GFileMonitorEvent event) {
     if (!present && !unmounted && event != G_FILE_MONITOR_EVENT_DELETED)
         return;
     // A rename in the input's folder is told under the other name as well, which is no change of the input. An unmount
-    // is told of the folder.
+    // may be told of the folder.
     if (!unmounted && !g_file_equal(file, m_aInputs[inputId].m_pInputFile))
         return;
     ORVLOG_INFO(gs_pAppLogger, "features input %s was modified", g_oFeatureProvider.inputPath(inputId).c_str());
