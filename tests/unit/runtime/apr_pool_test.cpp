@@ -8,7 +8,6 @@
 #include <apr_general.h>
 #include <apr_pools.h>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,6 +19,7 @@
 #include <type_traits>
 
 #include "runtime/apr_pool.h"
+#include "unit/child_status.h"
 
 namespace {
 
@@ -136,20 +136,6 @@ apr_pool_t* globalPool() {
 // nextNumber is the number that the next tag will carry.
 unsigned long nextNumber() {
     return std::stoul(APRPool("number").tag()) + 1;
-}
-
-// childStatus gives how a child process ended that runs `body`; 0 if that returned.
-template <class Body>
-int childStatus(Body body) {
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
-        body();
-        _exit(0);
-    }
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return status;
 }
 
 // require ends the child process with the number of the line that was not true.
@@ -443,13 +429,18 @@ TEST(APRPoolAssignment, OwnedRootPoolLivesOn) {
     const APRPool other("other");
     int deaths = 0;
     apr_pool_t* left = nullptr;
+    std::string tag;
     {
-        APRPool pool("left alone");
+        APRPool pool("left alone, with a tag that fills more than a short string");
         left = pool.get();
+        tag = pool.tag();
         countDeaths(left, deaths);
         pool = other;
+        EXPECT_NE(gs_oBooks.tag, pool.tag().c_str()) << "the tag must live as long as the pool";
     }
     EXPECT_EQ(deaths, 0);
+    EXPECT_EQ(gs_oBooks.taggedPool, left);
+    EXPECT_EQ(gs_oBooks.tag, tag);
     EXPECT_EQ(apr_pool_parent_get(left), globalPool());
     apr_pool_destroy(left);
     EXPECT_EQ(deaths, 1);

@@ -25,6 +25,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -33,6 +34,8 @@
 #include "runtime/async_reset_handler.h"
 #include "runtime/orvlog.h"
 #include "runtime/strfmt.h"
+#include "unit/activated_appender.h"
+#include "unit/logging_child.h"
 #include "unit/record_collector.h"
 
 namespace {
@@ -99,22 +102,6 @@ public:
     }
 
 private:
-    class Appender final : public log4cxx::AppenderSkeleton {
-    public:
-        explicit Appender(std::function<void()> onActivated) : m_fOnActivated(std::move(onActivated)) {}
-        const log4cxx::helpers::Class& getClass() const override {
-            static const TestAppender::TestAppenderClass type;
-            return type;
-        }
-        void activateOptions(log4cxx::helpers::Pool&) override { m_fOnActivated(); }
-        void close() override {}
-        bool requiresLayout() const override { return false; }
-        void append(const log4cxx::spi::LoggingEventPtr&, log4cxx::helpers::Pool&) override {}
-
-    private:
-        std::function<void()> m_fOnActivated;
-    };
-
     void onReset() {
         std::unique_lock lock(m_oMutex);
         m_nCount++;
@@ -126,7 +113,7 @@ private:
     std::condition_variable m_oChanged;
     int m_nCount = 0;
     bool m_bHeld = false;
-    log4cxx::AppenderPtr m_pAppender = std::make_shared<Appender>([this] { onReset(); });
+    log4cxx::AppenderPtr m_pAppender = std::make_shared<ActivatedAppender>([this] { onReset(); });
 };
 
 // descriptors gives the open descriptors of this process.
@@ -426,6 +413,25 @@ TEST(AsyncResetHandler, FullPipeHoldsNoDestructionUp) {
     handler.reset();
     EXPECT_EQ(statesOfHandlers(), "");
     EXPECT_EQ(counter.count(), 0);
+}
+
+TEST(AsyncResetHandler, FailedResetIsToldAndTheNextOneIsMade) {
+    const Outcome outcome = inChild([] {
+        ResetCounter counter;
+        log4cxx::Logger::getRootLogger()->addAppender(
+            std::make_shared<ActivatedAppender>([] { throw std::runtime_error("disk 100%s full"); }));
+        AsyncResetHandler handler;
+        if (!handler.start())
+            _exit(1);
+        for (const int count : {1, 2}) {
+            handler.reset();
+            if (!counter.waitFor(count))
+                _exit(2);
+        }
+    });
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.error, "ERROR: orvlog::reset() failed (disk 100%s full)\n"
+                             "ERROR: orvlog::reset() failed (disk 100%s full)\n");
 }
 
 TEST(AsyncResetHandler, AnyThreadMaySend) {

@@ -373,6 +373,39 @@ TEST(ORVErrorTruncateName, KeepsHalfOfTheLimitAtEachEnd) {
     }
 }
 
+TEST(ORVErrorTruncateName, TakesNamesThatAreNotUtf8) {
+    const struct {
+        std::string name;
+        int maxLength;
+        std::string result;
+        const char* why;
+    } rows[] = {
+        {"\xfc\xe4z.txt", 7, "\xfc\xe4z.txt", "Latin-1, short enough: the bytes are left as they are"},
+        {"\xfc\xe4z.txt", 6, "??z...txt", "Latin-1: a question mark for each letter that is kept"},
+        {"M\xfcller", 4, "M?...er", "Latin-1 in front"},
+        {"Spa\xdf", 2, "S...?", "Latin-1 behind"},
+        {"M\xfcller", 2, "M...r", "Latin-1 in the middle goes like any letter"},
+        {repeated("\xe4", 101), 100, std::string(50, '?') + "..." + std::string(50, '?'), "lead bytes alone"},
+        {"\xa7\xa7wxyz\xa7", 4, "\xa7\xa7wxyz\xa7", "stray continuation bytes don't count"},
+        {"\xa7\xa7wxyz\xa7", 3, "w...z", "nor are they kept"},
+        {repeated("\x80", 1000), 0, repeated("\x80", 1000), "no code point at all"},
+        {"wxyz\xe2\x82", 4, "wx...z?", "cut off at the end"},
+        {"\xe2\x82wxyz", 4, "?w...yz", "cut off by a letter"},
+        {"\xc0\xafxyz\xf4\x90\x80\x80", 4, "?x...z?", "longer than need be, beyond the last code point"},
+        {"\xed\xa0\x80vwxyz", 4, "v...yz", "a surrogate counts and vanishes"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(truncated(row.name, row.maxLength), row.result) << row.why;
+    }
+}
+
+TEST(ORVErrorTruncateName, NulByteInANameIsACodePoint) {
+    EXPECT_EQ(truncated("ab\0cd"s, 5), "ab\0cd"s);
+    EXPECT_EQ(truncated("ab\0cd"s, 4), "ab...cd");
+    EXPECT_EQ(truncated("a\0bcde\0"s, 4), "a\0...e\0"s);
+    EXPECT_EQ(truncated("\0\0\0"s, 2), "\0...\0"s);
+}
+
 TEST(ORVErrorTruncateName, LeavesTheNameOfTheCallerAlone) {
     const std::string name = NAME_OF_101;
     ORVError::truncateName(name, 10);

@@ -25,6 +25,7 @@
 
 #include "runtime/orvlog.h"
 #include "runtime/strfmt.h"
+#include "unit/activated_appender.h"
 #include "unit/logging_child.h"
 #include "unit/record_collector.h"
 
@@ -542,25 +543,6 @@ TEST(Reset, BasicSetupGoesOn) {
     EXPECT_EQ(outcome.syslog, "<24>FATAL orv.test             - fatal\n");
     EXPECT_THAT(namesIn(folder.path()), IsEmpty());
 }
-
-// ActivatedAppender calls a function each time its options are activated; the function may throw.
-class ActivatedAppender final : public log4cxx::AppenderSkeleton {
-public:
-    explicit ActivatedAppender(std::function<void()> onActivated) : m_fOnActivated(std::move(onActivated)) {}
-
-    const log4cxx::helpers::Class& getClass() const override {
-        static const TestAppender::TestAppenderClass type;
-        return type;
-    }
-
-    void activateOptions(log4cxx::helpers::Pool&) override { m_fOnActivated(); }
-    void close() override {}
-    bool requiresLayout() const override { return false; }
-    void append(const log4cxx::spi::LoggingEventPtr&, log4cxx::helpers::Pool&) override {}
-
-private:
-    std::function<void()> m_fOnActivated;
-};
 
 // attach attaches an appender to a logger that calls `onActivated`.
 void attach(const LoggerPtr& logger, std::function<void()> onActivated) {

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <log4cxx/helpers/exception.h>
+#include <log4cxx/logmanager.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "runtime/orvlog.h"
@@ -142,9 +144,9 @@ TEST(ConfigureBasic, Utf8PassesUnchangedInTheUtf8CharacterType) {
 }
 
 TEST(ConfigureBasic, ReplacesWhatWasConfigured) {
-    int before = 0;
-    RecordCollector::useAlone(std::make_shared<TestAppender>([&](const Record&) { before++; }));
-    const Outcome outcome = inChild([&] {
+    const Outcome outcome = inChild([] {
+        int before = 0;
+        RecordCollector::useAlone(std::make_shared<TestAppender>([&](const Record&) { before++; }));
         testLogger()->setLevel(Level::getDebug());
         if (!orvlog::configureBasic(true, false) || !orvlog::configureBasic(true, true))
             _exit(1);
@@ -209,6 +211,8 @@ TEST(Fini, EndsLogging) {
 
 // FirstUse is also what a fresh process runs in a folder with configuration files, see below.
 TEST(FirstUse, MakesARecordOrNone) {
+    // In a process with other tests: theirs.
+    log4cxx::LogManager::getLoggerRepository()->getRootLogger()->removeAllAppenders();
     const LoggerPtr logger = orvlog::getLogger("orv.first");
     ORVLOG_FATAL(logger, "first");
     EXPECT_EQ(logger->getName(), "orv.first");
@@ -216,6 +220,16 @@ TEST(FirstUse, MakesARecordOrNone) {
 
 TEST(FirstUse, ConfigureBasicComesFirst) {
     EXPECT_TRUE(orvlog::configureBasic(true, true));
+}
+
+TEST(FirstUse, FailedConfigureBasicComesFirst) {
+    const auto failOnce = [failed = false]() mutable {
+        if (!std::exchange(failed, true))
+            throw log4cxx::helpers::Exception("cannot close");
+    };
+    RecordCollector::useAlone(std::make_shared<TestAppender>([](const Record&) {}, failOnce));
+    EXPECT_FALSE(orvlog::configureBasic(true, true));
+    log4cxx::Logger::getRootLogger()->removeAllAppenders();
 }
 
 // FirstUse.OfLog4cxxItself is the counter-proof: this way the files are read.
@@ -283,6 +297,7 @@ TEST(Configuration, NothingOfTheFolderOrTheEnvironmentIsRead) {
         EXPECT_TRUE(isCaught(trap, "FirstUse.OfLog4cxxItself"));
         EXPECT_FALSE(isCaught(trap, "FirstUse.MakesARecordOrNone"));
         EXPECT_FALSE(isCaught(trap, "FirstUse.ConfigureBasicComesFirst"));
+        EXPECT_FALSE(isCaught(trap, "FirstUse.FailedConfigureBasicComesFirst"));
     }
 }
 

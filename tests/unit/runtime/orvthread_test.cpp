@@ -4,7 +4,6 @@
 // books at the tests' wish. Otherwise they are libc's own.
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
@@ -19,10 +18,13 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <condition_variable>
 #include <csignal>
 #include <functional>
 #include <future>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <system_error>
@@ -33,6 +35,7 @@
 #include "runtime/orv_error.h"
 #include "runtime/orvthread.h"
 #include "runtime/strfmt.h"
+#include "unit/child_status.h"
 #include "unit/record_collector.h"
 
 namespace {
@@ -156,6 +159,14 @@ extern "C" int sched_get_priority_max(int policy) noexcept {
 
 namespace {
 
+// wasToldOf waits on a condition and tells whether a notification found `predicate` true. What the last look finds when
+// the time has run out doesn't count: nobody told of it.
+template <class Predicate>
+bool wasToldOf(std::condition_variable& condition, std::unique_lock<std::mutex>& lock, Predicate predicate) {
+    const auto deadline = std::chrono::steady_clock::now() + LIMIT;
+    return condition.wait_until(lock, deadline, predicate) && std::chrono::steady_clock::now() < deadline;
+}
+
 // Worker is a thread whose body is a function; without one it waits for the stop.
 class Worker : public ORVThread {
 public:
@@ -181,8 +192,11 @@ public:
 
     bool waitFor(State state) {
         std::unique_lock lock(m_oMutex);
-        return m_oCondition.wait_for(lock, LIMIT, [=, this] { return m_eState == state; });
+        return wasToldOf(m_oCondition, lock, [=, this] { return m_eState == state; });
     }
+
+    // wakeWaiters notifies without a change of state.
+    void wakeWaiters() { m_oCondition.notify_all(); }
 
     void waitForStop() {
         std::unique_lock lock(m_oMutex);
@@ -250,23 +264,9 @@ void expectInvalidState(Call call, const std::string& detail) {
     }
 }
 
-// childEnd gives how a child process ended that runs `body`. 0 is the status of a body that returns.
-template <class Body>
-int childEnd(Body body) {
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
-        body();
-        _exit(0);
-    }
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return status;
-}
-
 template <class Body>
 void expectAbort(Body body) {
-    const int status = childEnd(body);
+    const int status = childStatus(body);
     EXPECT_TRUE(WIFSIGNALED(status)) << status;
     EXPECT_EQ(WTERMSIG(status), SIGABRT);
 }
@@ -292,6 +292,18 @@ public:
     Attempt& operator=(const Attempt&) = delete;
 
     bool comesBack() { return m_oDone.wait_for(LIMIT) == std::future_status::ready; }
+
+    // comesBackFrom repeats `push` until the call has come back, as a first push may come too early to count.
+    bool comesBackFrom(const std::function<void()>& push) {
+        const auto deadline = std::chrono::steady_clock::now() + LIMIT;
+        while (!isDone()) {
+            if (std::chrono::steady_clock::now() > deadline)
+                return false;
+            push();
+            std::this_thread::yield();
+        }
+        return true;
+    }
 
     // waits tells whether the call came to a wait in place of coming back.
     bool waits() {
@@ -439,6 +451,19 @@ TEST(ORVThreadLife, RunIsOnAThreadOfItsOwnAndOutsideTheMutex) {
     EXPECT_NE(id, std::thread::id());
 }
 
+TEST(ORVThreadLife, EndWakesWaiters) {
+    Gate finish;
+    Worker worker("awaited", [&](Worker&) { finish.wait(); });
+    worker.start();
+    ASSERT_TRUE(worker.waitFor(ORVThread::Running));
+    bool told = false;
+    Attempt waiter([&] { told = worker.waitFor(ORVThread::Ended); });
+    EXPECT_TRUE(waiter.waits());
+    finish.open();
+    EXPECT_TRUE(waiter.comesBack());
+    EXPECT_TRUE(told);
+}
+
 TEST(ORVThreadLife, StopsUnderTheMutexTakeTheSameSteps) {
     Worker worker("locked");
     worker.stopUnderLock();
@@ -556,6 +581,22 @@ TEST(ORVThreadLife, ExceptionOutOfRunEndsTheProcess) {
     });
 }
 
+TEST(ORVThreadStart, WakesWaitersBeforeTheThreadRuns) {
+    Gate hold;
+    Worker worker("awaited");
+    bool told = false;
+    Attempt waiter([&] { told = worker.waitFor(ORVThread::Starting); });
+    EXPECT_TRUE(waiter.waits());
+    {
+        const UseCreation creation({0, &hold});
+        worker.start();
+    }
+    EXPECT_TRUE(waiter.comesBack());
+    EXPECT_TRUE(told);
+    hold.open();
+    worker.stop();
+}
+
 // --- Start that fails
 
 TEST(ORVThreadStart, FailureIsToldAndThrownOn) {
@@ -609,6 +650,27 @@ TEST(ORVThreadStart, FailureWakesWaiters) {
     }
 }
 
+TEST(ORVThreadStart, FailureIsToldWhileStartingAndBehindThatWakesWaiters) {
+    Worker worker("awaited");
+    std::optional<Attempt> waiter;
+    const auto onRecord = [&](const Record& record) {
+        gs_oCreation = {};
+        EXPECT_EQ(record.level, "ERROR");
+        EXPECT_EQ(worker.state(), ORVThread::Starting);
+        waiter.emplace([&] { worker.waitForStart(0); });
+        EXPECT_TRUE(waiter->waits());
+    };
+    const log4cxx::LoggerPtr root = RecordCollector::useAlone(std::make_shared<TestAppender>(onRecord));
+    {
+        const UseCreation creation({EAGAIN, nullptr});
+        EXPECT_THROW(worker.start(), std::system_error);
+    }
+    root->removeAllAppenders();
+    ASSERT_TRUE(waiter);
+    EXPECT_TRUE(waiter->comesBack());
+    worker.wakeWaiters();
+}
+
 // --- waitForStart
 
 TEST(WaitForStart, ReturnsAtOnceUnlessStarting) {
@@ -656,6 +718,26 @@ TEST(WaitForStart, StartEndsTheWait) {
         EXPECT_TRUE(attempt.waits()) << timeout;
         hold.open();
         EXPECT_TRUE(attempt.comesBack()) << timeout;
+        EXPECT_TRUE(result) << timeout;
+        worker.stop();
+    }
+}
+
+TEST(WaitForStart, AnyWakeUpEndsTheWait) {
+    for (const long timeout : {0L, LONG_MAX}) {
+        Gate hold;
+        Worker worker("held");
+        {
+            const UseCreation creation({0, &hold});
+            worker.start();
+        }
+        bool result = false;
+        Attempt attempt([&] { result = worker.waitForStart(timeout); });
+        EXPECT_TRUE(attempt.waits()) << timeout;
+        EXPECT_TRUE(attempt.comesBackFrom([&] { worker.wakeWaiters(); })) << timeout;
+        EXPECT_EQ(worker.state(), ORVThread::Starting) << timeout;
+        hold.open();
+        ASSERT_TRUE(attempt.comesBack()) << timeout;
         EXPECT_TRUE(result) << timeout;
         worker.stop();
     }
@@ -750,7 +832,7 @@ public:
 
     bool waitFor(State state) {
         std::unique_lock lock(m_oMutex);
-        return m_oCondition.wait_for(lock, LIMIT, [=, this] { return m_eState == state; });
+        return wasToldOf(m_oCondition, lock, [=, this] { return m_eState == state; });
     }
 
 private:
@@ -1105,7 +1187,7 @@ int failedCheckWithoutRight() {
 }
 
 TEST(PriorityOfTheSystem, FifoWithoutTheRightIsRefused) {
-    const int status = childEnd([] { _exit(failedCheckWithoutRight()); });
+    const int status = childStatus([] { _exit(failedCheckWithoutRight()); });
     EXPECT_EQ(status, 0) << WEXITSTATUS(status);
 }
 
@@ -1134,7 +1216,7 @@ int failedCheckAsWeAre() {
 
 // Whether the right is there is the system's matter; both ways the answer must be true.
 TEST(PriorityOfTheSystem, FifoIsHadExactlyWhenTheSystemGrantsIt) {
-    const int status = childEnd([] { _exit(failedCheckAsWeAre()); });
+    const int status = childStatus([] { _exit(failedCheckAsWeAre()); });
     EXPECT_EQ(status, 0) << WEXITSTATUS(status);
 }
 

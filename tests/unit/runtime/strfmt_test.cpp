@@ -207,6 +207,17 @@ TEST_F(StrfmtWithoutMemory, TextThatDoesNotFitIntoMemoryIsEmpty) {
         testing::ExitedWithCode(0), "");
 }
 
+#ifndef __SANITIZE_ADDRESS__  // its operator new ends the process
+TEST_F(StrfmtWithoutMemory, TextThatOnlyTheBufferFindsMemoryForIsEmpty) {
+    EXPECT_EXIT(
+        {
+            const std::string text(96 * MEBIBYTE, 'x');
+            exitWithin(150 * MEBIBYTE, [&] { return strfmt("%s", text.c_str()); });
+        },
+        testing::ExitedWithCode(0), "");
+}
+#endif
+
 // A character that the locale has no bytes for fails at every size, so the buffer grows until memory ends.
 TEST_F(StrfmtWithoutMemory, FormatThatAlwaysFailsGivesEmptyText) {
     EXPECT_EXIT(exitWithin(48 * MEBIBYTE, [] { return strfmt("%lc", static_cast<wint_t>(0x20AC)); }),
