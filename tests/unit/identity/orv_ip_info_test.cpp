@@ -992,6 +992,17 @@ TEST_F(OrvIpInfo, InterfaceThatIsDownLeavesOnlyItsHardwareAddress) {
     }
 }
 
+// Its kind is looked at first: what has none by then is passed over.
+TEST_F(OrvIpInfo, OneThatIsDownAndHasNoKindAnyMoreStaysListed) {
+    Machine machine({ethernet("if0", MAC_0, {}, DOWN)});
+    machine.onCall = [&](const std::string& call) {
+        if (call == "getifaddrs") {
+            machine.devices["if0"].devtype = "bridge";
+        }
+    };
+    EXPECT_THAT(listingOf(machine), ElementsAre("if0 kind 1 mac " + MAC_0));
+}
+
 TEST_F(OrvIpInfo, OneThatIsDownDoesNotTouchTheOthers) {
     Machine machine({ethernet("eth0", MAC_0, {}, DOWN), ethernet("eth1", MAC_1)});
     EXPECT_THAT(listingOf(machine), ElementsAre("eth1 kind 1 mac " + MAC_1));

@@ -23,6 +23,9 @@ public:
     // INJECTED is the code of a fault that names none; no command of the tests ends with it by itself.
     static constexpr uint32_t INJECTED = 0x902;
 
+    // LEFT_HANDLE is a handle of ESYS that stands for nothing: its counter begins far below and never gets there.
+    static constexpr ESYS_TR LEFT_HANDLE = 0x4fffffff;
+
     // reset forgets all faults, actions and listed calls.
     void reset() { *this = FaultInjector(); }
 
@@ -34,6 +37,11 @@ public:
 
     // failCall makes the call number `nth` fail, whatever function it is.
     void failCall(int nth) { fail("", INJECTED, nth); }
+
+    // leaveHandles makes each failing call leave `LEFT_HANDLE` in its output for a handle, as the library may when its
+    // memory runs out.
+    void leaveHandles() { m_bLeavesHandles = true; }
+    bool leavesHandles() const { return m_bLeavesHandles; }
 
     // failed names the function whose call failed last by injection; empty if none did.
     const std::string& failed() const { return m_strFailed; }
@@ -86,6 +94,7 @@ private:
     std::map<std::string, std::function<void(void*)>> m_aAlter;
     std::vector<std::string> m_aCalls;
     std::string m_strFailed;
+    bool m_bLeavesHandles = false;
 };
 
 extern FaultInjector g_oFaults;
@@ -189,7 +198,16 @@ void allocated(Argument argument, Use use) {
     }
 }
 
-// leaveLitter gives outputs although the call failed, as the library may: the caller has to free them.
+// leaveHandle leaves a handle to nothing where a call would give one.
+template <class Argument>
+void leaveHandle([[maybe_unused]] Argument argument) {
+    if constexpr (std::is_same_v<Argument, ESYS_TR*>) {
+        *argument = FaultInjector::LEFT_HANDLE;
+    }
+}
+
+// leaveLitter gives outputs although the call failed, as the library may: the caller has to free those that were
+// allocated, and must not use a handle.
 template <class... Arguments>
 void leaveLitter(Arguments... arguments) {
     [[maybe_unused]] const auto give = [](auto& output) {
@@ -197,6 +215,9 @@ void leaveLitter(Arguments... arguments) {
         output = static_cast<Structure*>(calloc(1, sizeof(Structure)));
     };
     (allocated(arguments, give), ...);
+    if (g_oFaults.leavesHandles()) {
+        (leaveHandle(arguments), ...);
+    }
 }
 
 // realFunction gives the library's own function.

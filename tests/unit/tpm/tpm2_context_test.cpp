@@ -351,6 +351,26 @@ TEST_F(Open, FailedSessionFlushesTheTransientEK) {
     expectNothingLeft();
 }
 
+// Out of memory the library fails and yet leaves a handle, to nothing. It must not be flushed: when the holder of the
+// session ends, the context is gone.
+TEST_F(Open, HandleOfAFailedSessionIsGivenUp) {
+    makeEK();
+    g_oFaults.leaveHandles();
+    g_oFaults.fail("Esys_StartAuthSession", TSS2_ESYS_RC_MEMORY);
+    StderrText text;
+    EXPECT_FALSE(attestor().open());
+    EXPECT_THAT(problems(), ElementsAre("ERROR " + failedWith("failed to create TPM2 session", TSS2_ESYS_RC_MEMORY)));
+    EXPECT_EQ(g_oFaults.made("Esys_FlushContext"), 0U);
+    EXPECT_THAT(g_oFaults.calls("Esys_TR_Close"), ElementsAre("Esys_TR_Close 0x8101000a"));
+    EXPECT_EQ(g_oFaults.calls().back(), "Esys_Finalize");
+    EXPECT_FALSE(attestor().isOpen());
+    expectNothingLeft();
+    EXPECT_TRUE(attestor().open()) << "the next time there is memory";
+    m_oTPM->endAttestor();
+    EXPECT_EQ(text.take(), "");
+    expectNothingLeft();
+}
+
 TEST_F(Open, WorksAfterEachFailure) {
     StderrText text;
     for (const char* const function : {"Esys_Initialize", "Esys_StartAuthSession"}) {

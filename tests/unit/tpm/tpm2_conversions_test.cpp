@@ -9,6 +9,7 @@
 #include <tss2/tss2_tpm2_types.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -209,14 +210,6 @@ TEST_F(Conversions, EccKeyFailuresOfOpenssl) {
     }
 }
 
-TEST_F(Conversions, ErrorThatOtherCodeLeftIsNotReported) {
-    ERR_raise(ERR_LIB_RSA, ERR_R_INTERNAL_ERROR);
-    const std::string reason = fail("EC_KEY_new_by_curve_name");
-    const TPMT_PUBLIC publicArea = eccKey();
-    EXPECT_FALSE(TPM2Attestor::eccPubkeyToOssl(&publicArea));
-    EXPECT_THAT(lines(), ElementsAre("ERROR failed to create new ECC key by curve ID: " + reason));
-}
-
 // --- toPEM, toDER of a key
 
 TEST_F(Conversions, KeyAsPem) {
@@ -369,6 +362,40 @@ TEST_F(Conversions, SignatureDerFailuresOfOpenssl) {
             EXPECT_THAT(lines(), ElementsAre("ERROR failed to serialize ECDSA signature to DER: " + reason))
                 << call << code;
         }
+    }
+}
+
+// --- all five
+
+TEST_F(Conversions, ErrorThatOtherCodeLeftIsNotReported) {
+    const TPMT_PUBLIC publicArea = eccKey();
+    const TPMT_SIGNATURE signature = ecdsa("01", "02");
+    const EC_KEY_UPtr key = TPM2Attestor::eccPubkeyToOssl(&publicArea);
+    const ECDSA_SIG_UPtr converted = TPM2Attestor::ecdsaToOssl(&signature);
+    const struct {
+        const char* function;
+        int code;
+        const char* record;
+        std::function<void()> convert;
+    } ROWS[] = {
+        {"EC_KEY_new_by_curve_name", 0, "failed to create new ECC key by curve ID: ",
+         [&] { EXPECT_FALSE(TPM2Attestor::eccPubkeyToOssl(&publicArea)); }},
+        {"BIO_new", 0, "failed to create PEM memory buffer: ", [&] { EXPECT_EQ(TPM2Attestor::toPEM(key), ""); }},
+        {"i2d_EC_PUBKEY", -1,
+         "failed to serialize ECC public key to DER: ", [&] { EXPECT_EQ(TPM2Attestor::toDER(key), Bytes()); }},
+        {"ECDSA_SIG_new", 0,
+         "failed to create new ECDS signature: ", [&] { EXPECT_FALSE(TPM2Attestor::ecdsaToOssl(&signature)); }},
+        {"i2d_ECDSA_SIG", -1,
+         "failed to serialize ECDSA signature to DER: ", [&] { EXPECT_EQ(TPM2Attestor::toDER(converted), Bytes()); }},
+    };
+    for (const auto& row : ROWS) {
+        m_oRecords.clear();
+        g_oFaults.reset();
+        ERR_clear_error();
+        ERR_raise(ERR_LIB_RSA, ERR_R_INTERNAL_ERROR);
+        const std::string reason = fail(row.function, row.code);
+        row.convert();
+        EXPECT_THAT(lines(), ElementsAre("ERROR " + (row.record + reason))) << row.function;
     }
 }
 

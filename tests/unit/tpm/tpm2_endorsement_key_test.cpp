@@ -281,6 +281,26 @@ TEST_F(EndorsementKey, KeyThatCannotBeSavedIsUsedAndFlushed) {
     EXPECT_EQ(persistentObjects(), "");
 }
 
+// Out of memory the library fails and yet leaves a handle, to nothing.
+TEST_F(EndorsementKey, HandleOfAFailedSaveCountsAsNotSaved) {
+    g_oFaults.leaveHandles();
+    g_oFaults.fail("Esys_EvictControl", TSS2_ESYS_RC_MEMORY);
+    StderrText text;
+    ASSERT_TRUE(attestor().open()) << testing::PrintToString(lines());
+    EXPECT_THAT(problems(), ElementsAre("WARN " + failedWith("failed to save endorsement key to persistent handle",
+                                                             TSS2_ESYS_RC_MEMORY)));
+    EXPECT_THAT(g_oFaults.calls("Esys_StartAuthSession"), ElementsAre(StartsWith("Esys_StartAuthSession 0x80000000 ")));
+    EXPECT_EQ(transientObjects(), "- 0x80000000\n");
+    EXPECT_TRUE(attestor().createAK()) << "it is a good EK";
+    clear();
+    m_oTPM->endAttestor();
+    EXPECT_THAT(g_oFaults.calls(),
+                ElementsAre("Esys_FlushContext 0x80000000", "Esys_FlushContext 0x2000000", "Esys_Finalize"));
+    EXPECT_EQ(text.take(), "");
+    expectNothingLeft();
+    EXPECT_EQ(persistentObjects(), "");
+}
+
 TEST_F(EndorsementKey, FailedPrimaryFails) {
     g_oFaults.fail("Esys_CreatePrimary");
     EXPECT_FALSE(attestor().open());
@@ -319,6 +339,45 @@ TEST_F(EndorsementKey, FailureLeavesTheFieldsAsTheyWere) {
     EXPECT_EQ(text.take(), "");
     EXPECT_THAT(g_oFaults.calls("Esys_TR_Close"), ElementsAre("Esys_TR_Close 0x8101000a"));
     expectNothingLeft();
+}
+
+// A transient EK is known while the slot is occupied; the next attempt fails behind the look into the slot.
+TEST_F(EndorsementKey, FailedPrimaryBesideAnOccupiedSlotLeavesTheFieldsAsTheyWere) {
+    const char* const OTHER = "DEBUG persistent EK does not match requirements, creating transient one";
+    const std::string UNREADABLE =
+        "WARN " + failedWith("failed reading public area of persistent endorsement key", 0x123);
+    const std::string NO_PRIMARY = "ERROR " + failedWith("failed to create endorsement key");
+    for (const bool isReadable : {true, false}) {
+        SCOPED_TRACE(isReadable ? "does not match" : "cannot be read");
+        renewTPM();
+        storeInSlot("ecc256:aes128cfb", ATTRIBUTES + "|noda");
+        g_oFaults.fail("Esys_GetCapability", INJECTED, 3);  // so that the slot counts as empty
+        StderrText text;
+        open();
+        const std::string key = hex(attestor().getEndorsementKeyTPMPub());
+        ASSERT_EQ(transientObjects(), "- 0x80000000\n");
+
+        clear();
+        g_oFaults.reset();
+        g_oFaults.fail("Esys_CreatePrimary");
+        if (!isReadable) {
+            g_oFaults.fail("Esys_ReadPublic", 0x123);
+        }
+        EXPECT_FALSE(attestor().createEK());
+        EXPECT_THAT(lines(),
+                    ElementsAre("DEBUG creating ECC NIST P256 EK", isReadable ? OTHER : UNREADABLE, NO_PRIMARY));
+        EXPECT_THAT(g_oFaults.calls("Esys_TR_Close"), ElementsAre("Esys_TR_Close 0x8101000a"));
+        EXPECT_EQ(g_oFaults.made("Esys_FlushContext"), 0U);
+        EXPECT_EQ(hex(attestor().getEndorsementKeyTPMPub()), key);
+        EXPECT_NE(keyInSlot(), key);
+
+        clear();
+        m_oTPM->endAttestor();
+        EXPECT_THAT(g_oFaults.calls(),
+                    ElementsAre("Esys_FlushContext 0x80000000", "Esys_FlushContext 0x2000000", "Esys_Finalize"));
+        EXPECT_EQ(text.take(), "");
+        expectNothingLeft();
+    }
 }
 
 // --- non-default template and nonce
@@ -415,6 +474,9 @@ TEST_F(EndorsementKey, NonceFillsUniqueOfTheTemplate) {
                                 "DEBUG created ECC NIST P256 EK"));
         EXPECT_THAT(g_oFaults.calls("Esys_CreatePrimary"),
                     ElementsAre(createPrimaryCall(TEMPLATE_L2 + "0020" + row.x + "0020" + ZEROS_32)));
+        EXPECT_THAT(g_oFaults.calls("Esys_TR_Close"),
+                    testing::UnorderedElementsAre("Esys_TR_Close 0x1c0000c", "Esys_TR_Close 0x1c0000b"))
+            << "the holders of both indices are closed";
     }
 }
 
@@ -568,6 +630,8 @@ protected:
                                     "Esys_TRSess_SetAttributes 0x2000000 0x0 0x80"};
     const std::string NOT_RESTORED =
         "failed to restore session attributes after reading tally counter NV index public info";
+    const std::string MALFORMED =
+        "ERROR " + failedWith("failed reading data from NV-index", TSS2_ESYS_RC_MALFORMED_RESPONSE);
 
 private:
     ESysClosable m_oHandle;
@@ -684,7 +748,9 @@ TEST_F(ReadNVIndex, NoDataAtAllDoNotHangIt) {
     g_oFaults.before("Esys_NV_Read", refuseAfter(100));
     Bytes out;
     EXPECT_FALSE(attestor().readNVIndex(index, &out));
-    EXPECT_TRUE(hasProblem());
+    EXPECT_THAT(lines(), ElementsAre(MALFORMED));
+    EXPECT_EQ(g_oFaults.made("Esys_NV_Read"), 1U);
+    EXPECT_THAT(out, IsEmpty());
 }
 
 TEST_F(ReadNVIndex, MoreDataThanAskedAreRefused) {
@@ -693,8 +759,9 @@ TEST_F(ReadNVIndex, MoreDataThanAskedAreRefused) {
     g_oFaults.before("Esys_NV_Read", refuseAfter(100));
     Bytes out;
     EXPECT_FALSE(attestor().readNVIndex(index, &out));
-    EXPECT_TRUE(hasProblem());
+    EXPECT_THAT(lines(), ElementsAre(MALFORMED));
     EXPECT_EQ(g_oFaults.made("Esys_NV_Read"), 1U);
+    EXPECT_THAT(out, IsEmpty());
 }
 
 // --- createEHPolSession
@@ -725,6 +792,13 @@ TEST_F(EndorsementKey, PolicySessionFailures) {
     EXPECT_EQ(attestor().createEHPolSession().handle, ESYS_TR_NONE);
     EXPECT_THAT(lines(), ElementsAre("ERROR " + failedWith("failed to create TPM2 session for endorsement hierarchy")));
     EXPECT_EQ(g_oFaults.calls().size(), 1U);
+
+    clear();
+    g_oFaults.reset();
+    g_oFaults.leaveHandles();
+    g_oFaults.fail("Esys_StartAuthSession", TSS2_ESYS_RC_MEMORY);
+    EXPECT_EQ(attestor().createEHPolSession().handle, ESYS_TR_NONE);
+    EXPECT_EQ(g_oFaults.calls().size(), 1U) << "a handle to nothing is not flushed";
 
     clear();
     g_oFaults.reset();
