@@ -282,7 +282,7 @@ class WatchTest(SandboxTest):
         wait_for(lambda: self.runs() >= count, f"{count} runs of the hook", limit)
 
     def recheck(self, daemon):
-        """Asks for a recheck and waits until it is done."""
+        """Asks for a recheck and waits until it has found whether the list changed; the document comes after that."""
         before = self.count(REQUESTED)
         daemon.signal(signal.SIGHUP)
         self.wait_for_record(REQUESTED, before + 1)

@@ -2,7 +2,8 @@
 //
 //   TEST_PERIOD=N          a timer of 3600 seconds becomes one of N seconds; all others stay
 //   TEST_HOLD_RENAME=FILE  each rename waits until FILE is gone
-//   TEST_FAIL=NAME         the function NAME fails at each call with errno EAGAIN; the last ones here can
+//   TEST_FAIL=NAME         the function NAME fails at each call with errno EAGAIN; the last ones here can. That of GLib
+//                          tells "no monitor left" as its error
 //   TEST_NV_VALUE=N        each read of eight bytes of the TPM's NV memory gives N, whatever the TPM said
 
 #define _GNU_SOURCE
@@ -20,6 +21,8 @@
 
 typedef unsigned AddTimer(unsigned seconds, int (*function)(void*), void* data);
 typedef int Rename(const char* from, const char* to);
+typedef void* MonitorFile(void* file, int flags, void* cancellable, void** error);
+typedef void SetError(void** error, unsigned domain, int code, const char* message);
 
 unsigned g_timeout_add_seconds(unsigned seconds, int (*function)(void*), void* data) {
     const char* period = getenv("TEST_PERIOD");
@@ -106,6 +109,14 @@ int prctl(int option, ...) {
     if (fails("prctl"))
         return -1;
     return NEXT(int (*)(int, ...), "prctl")(option, arguments[0], arguments[1], arguments[2], arguments[3]);
+}
+
+void* g_file_monitor_file(void* file, int flags, void* cancellable, void** error) {
+    if (fails("g_file_monitor_file")) {
+        NEXT(SetError*, "g_set_error_literal")(error, 1, 0, "no monitor left");
+        return NULL;
+    }
+    return NEXT(MonitorFile*, "g_file_monitor_file")(file, flags, cancellable, error);
 }
 
 int system(const char* command) {

@@ -246,6 +246,13 @@ class ScanTest(CliTest):
         self.assert_daemon_started(start_daemon(arguments=["-o", "", "-o", other]), other)
         self.assert_invalid_combination(run_agent("-w", "-o", other, "-o", ""))
 
+    def test_later_hook_replaces_the_earlier(self):
+        "Of two -x the second is run."
+        hooks = [f"touch {self.work_path(name)}" for name in ("first", "second")]
+        with Daemon(hook=hooks[1], arguments=["-x", hooks[0], "--no-switch-user"]) as daemon:
+            daemon.stop()
+        self.assertEqual(os.listdir("."), ["second"])
+
     def test_flags_may_be_repeated(self):
         "A flag given twice is the same as given once."
         self.assert_report(run_agent("-d", "-d"))

@@ -122,6 +122,12 @@ class FormTest(PlainTest):
         self.assertEqual([feature["params"] for feature in document["features"]], [params, {}])
         self.assertEqual(result.stdout, document_bytes(document))
 
+    def test_numbers_have_sixteen_digits(self):
+        "A number of more than 16 significant digits comes out with 16 of them."
+        install_features({"name": "x", "params": {"a": 0.30000000000000004, "b": 12345678901234567, "c": 2**53}})
+        params = self.document(run_agent())["features"][0]["params"]
+        self.assertEqual(params, {"a": 0.3, "b": 12345678901234570, "c": 2**53})
+
     def test_names_are_sorted_by_bytes(self):
         "Names stand in the order of their bytes, whatever the order in the file."
         expected = ["-", "A", "Z", "a", "a b", "aa", "b", "é", "日本", "😀"]

@@ -1,5 +1,6 @@
 """The TPM section of the device report: its form, the attested report and what refuses it, -R, and no TPM at all."""
 
+import errno
 import json
 import os
 import re
@@ -31,6 +32,7 @@ from tpm_harness import (
     make_challenge,
     name_of,
     nv_define,
+    nv_undefine,
     parse_public,
     parse_report,
     restart_tpm,
@@ -557,6 +559,41 @@ class IncrementTest(TpmTest):
             run_agent(*options)
         self.assertEqual((handles("persistent"), handles("nv-index")), ([], []))
         self.assertEqual(os.listdir(RUN), [])
+
+
+class BrokenPipeTest(PreparedTpmTest):
+    """BrokenPipeTest has nobody read what a report writes: it ends in order, as only it can give back its session."""
+
+    REFUSED = ("ERROR", f"failed to write the device report: {os.strerror(errno.EPIPE)}")
+
+    def broken_pipe(self):
+        """The writing end of a pipe whose reader is gone."""
+        reader, writer = os.pipe()
+        os.close(reader)
+        self.addCleanup(os.close, writer)
+        return writer
+
+    def test_report_without_a_reader(self):
+        "A report that nobody reads fails with two records and leaves nothing loaded; -R has added one all the same."
+        value = counter()
+        path = write_file(self.work_path("context.json"), context(NONCE))
+        for options, increment in ((["-d"], 0), (["-R"], 1), (["-d", "-A", path], 0), (["-R", "-A", path], 1)):
+            with self.subTest(options):
+                self.assert_failed(run_agent(*options, stdout=self.broken_pipe()), self.REFUSED, NO_REPORT)
+                self.assert_nothing_loaded()
+                value += increment
+                self.assertEqual(counter(), value)
+
+    def test_records_without_a_reader(self):
+        "With nobody reading the records a report is printed, another refused as ever, and nothing is left loaded."
+        nv_undefine(COUNTER)
+        report = self.assert_reported(run_agent("-d", stderr=self.broken_pipe()))
+        self.assert_nothing_loaded()
+        self.assertEqual(self.syslog.texts(), ["INFO  orv.tally            - " + COUNTER_CREATED[1]])
+        self.assert_failed(self.run_with_context(context(b"n" * 65), stderr=self.broken_pipe()))
+        self.assert_nothing_loaded()
+        self.assertEqual(counter(), report.value)
+        self.assertEqual(len(self.syslog.texts()), 3)
 
 
 class NoTpmTest(TpmTest):

@@ -47,6 +47,7 @@ from harness import (
     has_user_switch,
     install_features,
     preload,
+    process_state,
     read_file,
     wait_for,
     write_file,
@@ -296,10 +297,10 @@ class SignalTest(WatchTest):
             self.wait_for_record(started(daemon.pid))
             replace_unnoticed("b")
             self.recheck(daemon)
-            self.assertEqual(daemon.names(), ["b"])
+            daemon.wait_for_names("b")
             unmount(INSTALLED_FEATURES)
             self.recheck(daemon)
-            self.assertEqual(daemon.names(), ["a"])
+            daemon.wait_for_names("a")
             daemon.stop()
         expected = [REQUESTED, updated("b"), REQUESTED, updated("a"), TERMINATING]
         self.assertEqual(self.records(daemon.pid)[2:], expected)
@@ -316,7 +317,7 @@ class SignalTest(WatchTest):
             os.mkdir(ETC)
             install_features("b")
             self.recheck(daemon)
-            self.assertEqual(daemon.names(), ["b"])
+            daemon.wait_for_names("b")
             daemon.stop()
 
     def test_recheck_in_foreground(self):
@@ -327,6 +328,36 @@ class SignalTest(WatchTest):
             daemon.wait_for_record(UNCHANGED[1])
             daemon.signal(signal.SIGTERM)
             self.assertEqual(foreground_result(daemon).status, 0)
+
+    def halt(self, daemon):
+        """What the daemon is told from now on waits for its SIGCONT."""
+        daemon.signal(signal.SIGSTOP)
+        wait_for(lambda: process_state(daemon.pid) == "T", "the daemon's halt")
+
+    def test_signals_at_once(self):
+        "SIGTERM, SIGINT and SIGHUP that all wait for the daemon end it once, with status 0 and nothing behind that."
+        with Daemon(foreground=True) as daemon:
+            daemon.wait_for_record("started")
+            self.halt(daemon)
+            for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGCONT):
+                daemon.signal(number)
+            result = foreground_result(daemon)
+        self.assert_success(result)
+        records = [(record.level, record.text) for record in result.records[2:]]
+        self.assertIn(records, ([TERMINATING], [REQUESTED, UNCHANGED, TERMINATING]), str(result))
+
+    def test_change_behind_a_stop_signal(self):
+        "A change of an input that waits for the daemon beside SIGTERM is no longer looked at once the daemon ends."
+        for number in range(8):  # which of the two comes first is up to GLib
+            with Daemon(foreground=True) as daemon:
+                daemon.wait_for_record("started")
+                self.halt(daemon)
+                install_features(f"a{number}")
+                daemon.signal(signal.SIGTERM)
+                daemon.signal(signal.SIGCONT)
+                result = foreground_result(daemon)
+            self.assert_success(result)
+            self.assertEqual((result.records[-1].level, result.records[-1].text), TERMINATING, str(result))
 
     def test_flood_of_signals(self):
         "Three hundred SIGHUPs amid thirty changes neither end the daemon nor spoil a document."
@@ -412,6 +443,25 @@ class TimerTest(WatchTest):
             self.wait_for_record(scheduled((distance & 0xFFFFFFFF) + 1))
             daemon.stop()
 
+    def test_timer_without_a_change(self):
+        "A scheduled check that finds nothing new publishes nothing and schedules nothing; later changes still do."
+        with Daemon(hook=HOOK) as daemon:
+            self.wait_for_record(started(daemon.pid))
+            end = int(time.time()) + (1 << 32) + 4  # the seconds to it are cut to 32 bits
+            self.change(daemon, {"name": "a", "validUntil": instant(end)})
+            before = daemon.document_bytes()
+            self.wait_for_record(UNCHANGED)
+            self.assertEqual(daemon.document_bytes(), before)
+            self.change(daemon, "b")
+            daemon.stop()
+        interval = end - (1 << 32) - seconds_of(json.loads(before)["checkDate"]) + 1
+        texts = [text for _, text in self.records(daemon.pid)[2:]]
+        self.assertRegex(texts.pop(3), "^scheduled .*check")
+        publications = [modified(), updated("a"), scheduled(interval), UNCHANGED, modified(), updated("b"), TERMINATING]
+        self.assertEqual(texts, [text for _, text in publications])
+        self.assertEqual(self.plain_lines(), [])
+        self.assertEqual(self.runs(), 3)
+
     def test_periodic_check(self):
         "The hourly timer, made short, repeats: without a change it writes nothing, and it finds what no event told."
         install_features("a")
@@ -440,7 +490,7 @@ class BadInputTest(WatchTest):
             make()
             wait_for(lambda: any(level == "ERROR" for level, _ in self.records()), "an ERROR")
             self.recheck(daemon)
-            self.assertEqual(daemon.names(), [])
+            daemon.wait_for_names()
             undo()
             self.change(daemon, "again")
             daemon.stop()

@@ -165,10 +165,37 @@ TEST(AttestationContext, ChecksInOrderAndKeepsTheFieldsSetBeforeAFault) {
     EXPECT_THAT(context.akPub, IsEmpty());
     EXPECT_THAT(context.akActChall, IsEmpty()) << "the key comes before the challenge";
     EXPECT_FALSE(parsed(R"({"tpm2":{"ak":{"privTpm2B":"Qg==","pubTpm2B":5}}})", context));
-    EXPECT_THAT(context.akPriv, IsEmpty()) << "the public area comes first";
+    EXPECT_THAT(context.akPriv, IsEmpty()) << "both types come before the areas' bytes";
+    EXPECT_FALSE(parsed(R"({"tpm2":{"ak":{"pubTpm2B":"QQ==","privTpm2B":5}}})", context));
+    EXPECT_THAT(context.akPub, IsEmpty()) << "both types come before the areas' bytes";
+    EXPECT_FALSE(parsed(R"({"tpm2":{"ak":{"pubTpm2B":"","privTpm2B":"Qg=="}}})", context));
+    EXPECT_THAT(context.akPub, IsEmpty());
+    EXPECT_EQ(context.akPriv, bytes("B")) << "both areas are decoded before their lengths count";
     EXPECT_FALSE(parsed(R"({"tpm2":{"ak":{"privTpm2B":"Qg==","pubTpm2B":"QQ==","actChall":5}}})", context));
     EXPECT_EQ(context.akPub, bytes("A"));
     EXPECT_EQ(context.akPriv, bytes("B"));
+}
+
+// Each row spoils one member of a document that set all fields before.
+const char* const WRONG_TYPES[] = {
+    R"({"cbData":5})",
+    R"({"cbData":"x","nonce":5})",
+    R"({"cbData":"x","nonce":"Tg==","tpm2":{"ak":{"pubTpm2B":5,"privTpm2B":"WA=="}}})",
+    R"({"cbData":"x","nonce":"Tg==","tpm2":{"ak":{"pubTpm2B":"WA==","privTpm2B":5}}})",
+    R"({"cbData":"x","nonce":"Tg==","tpm2":{"ak":{"pubTpm2B":"QQ==","privTpm2B":"Qg==","actChall":5}}})",
+};
+
+TEST(AttestationContext, MemberOfAWrongTypeKeepsItsField) {
+    for (const char* text : WRONG_TYPES) {
+        SCOPED_TRACE(text);
+        AttestationContext context{"x", bytes("N"), bytes("A"), bytes("B"), bytes("C")};
+        EXPECT_FALSE(parsed(text, context));
+        EXPECT_EQ(context.cbData, "x");
+        EXPECT_EQ(context.nonce, bytes("N"));
+        EXPECT_EQ(context.akPub, bytes("A"));
+        EXPECT_EQ(context.akPriv, bytes("B"));
+        EXPECT_EQ(context.akActChall, bytes("C"));
+    }
 }
 
 // --- Files

@@ -264,6 +264,7 @@ TEST_F(UserSwitchTest, EntryOfNoNameIsNullWithGLibsWarning) {
     ASSERT_THAT(log.lines, SizeIs(1));
     EXPECT_THAT(log.lines[0], HasSubstr("CRITICAL "));
     EXPECT_THAT(log.lines[0], HasSubstr("get_passwd_entry"));
+    EXPECT_THAT(log.lines[0], HasSubstr("assertion 'name"));
 }
 
 TEST_F(UserSwitchTest, FailedLookUpGivesNull) {
@@ -343,7 +344,7 @@ TEST_F(UserSwitchTest, NoUserIsAFailedPrecondition) {
         ASSERT_THAT(log.lines, SizeIs(1));
         EXPECT_THAT(log.lines[0], HasSubstr("CRITICAL "));
         EXPECT_THAT(log.lines[0], HasSubstr("daemon_user_switch"));
-        EXPECT_THAT(log.lines[0], HasSubstr("user"));
+        EXPECT_THAT(log.lines[0], HasSubstr("assertion 'user"));
         EXPECT_THAT(gs_oCalls.list, IsEmpty());
     }
 }
