@@ -24,8 +24,7 @@ constexpr size_t MAX_LABEL_LENGTH = 63;
 // An authority goes on up to one of these or the terminator.
 constexpr UriBytes AUTHORITY_BYTES = UriBytes().addRange(1, 255).remove("/?#");
 
-constexpr UriBytes LETTERS_AND_DIGITS = UriBytes().addRange('a', 'z').addRange('A', 'Z').addRange('0', '9');
-constexpr UriBytes SCHEME_BYTES = UriBytes(LETTERS_AND_DIGITS).add("+-.");
+constexpr UriBytes SCHEME_BYTES = UriBytes(URI_ALNUM).add("+-.");
 
 struct DefaultPort {
     std::string_view scheme;
@@ -48,11 +47,11 @@ bool isControl(char c) {
 }
 
 bool isZoneCharacter(char c) {
-    return uriIsAlnum(c) || c == '-';
+    return URI_ALNUM.has(c) || c == '-';
 }
 
 bool isHostCharacter(char c) {
-    return uriIsAlnum(c) || c == '-' || c == '.' || static_cast<unsigned char>(c) >= 0x80;
+    return URI_ALNUM.has(c) || c == '-' || c == '.' || static_cast<unsigned char>(c) >= 0x80;
 }
 
 bool isOpaqueHostScheme(std::string_view scheme) {
@@ -89,7 +88,7 @@ bool isDashInLabel(std::string_view name, size_t at) {
 bool isPlainName(std::string_view name) {
     size_t label = 0;
     for (size_t at = 0; at < name.size(); ++at) {
-        if (LETTERS_AND_DIGITS.has(name[at]))
+        if (URI_ALNUM.has(name[at]))
             continue;
         if (name[at] == '.' && isLabelLength(at - label))
             label = at + 1;
@@ -184,12 +183,12 @@ bool isIPv6Address(std::string_view text) {
 const char* parseScheme(const char* text, std::string& scheme) {
     if (!uriIsAlpha(*text))
         return nullptr;
-    for (; SCHEME_BYTES.has(*text); ++text)
+    const char* end = uriSkip(text, SCHEME_BYTES);
+    if (*end != ':')
+        return nullptr;
+    for (; text != end; ++text)
         scheme += uriToLower(*text);
-    if (*text == ':')
-        return text + 1;
-    scheme.clear();
-    return nullptr;
+    return end + 1;
 }
 
 // takeUserInfo takes the user information and its "@" off the front of the text.

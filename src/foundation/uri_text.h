@@ -43,8 +43,9 @@ private:
     std::array<bool, 256> m_aHas{};
 };
 
-// URI_UNRESERVED are the unreserved characters (RFC 3986, 2.3).
-inline constexpr UriBytes URI_UNRESERVED = UriBytes("-._~").addRange('a', 'z').addRange('A', 'Z').addRange('0', '9');
+// URI_ALNUM are the ASCII letters and digits, URI_UNRESERVED the unreserved characters (RFC 3986, 2.3).
+inline constexpr UriBytes URI_ALNUM = UriBytes().addRange('a', 'z').addRange('A', 'Z').addRange('0', '9');
+inline constexpr UriBytes URI_UNRESERVED = UriBytes(URI_ALNUM).add("-._~");
 
 // URI_USER_RAW is what people read raw whatever the place: all but control characters and "%".
 inline constexpr UriBytes URI_USER_RAW = UriBytes().addRange(' ', 255).remove("%");
@@ -69,17 +70,13 @@ struct UriNormalForm {
           runs(UriBytes(bare).remove("%")) {}
 };
 
-// uriIsAlpha, uriIsDigit and uriIsAlnum tell whether `c` is an ASCII letter, an ASCII digit, either.
+// uriIsAlpha and uriIsDigit tell whether `c` is an ASCII letter, an ASCII digit.
 constexpr bool uriIsAlpha(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
 constexpr bool uriIsDigit(char c) {
     return c >= '0' && c <= '9';
-}
-
-constexpr bool uriIsAlnum(char c) {
-    return uriIsAlpha(c) || uriIsDigit(c);
 }
 
 // uriToLower gives the small letter of an ASCII capital, any other byte as it is.
