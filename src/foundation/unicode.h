@@ -237,3 +237,7 @@ bool isValidUTF8Z(const unsigned char* in);
 
 // isValidUTF8N is isValidUTF8Z for `count` bytes; a sequence cut off by their end is invalid.
 bool isValidUTF8N(const unsigned char* in, int count);
+
+// isStrictUTF8N returns whether `count` bytes at `in` are well-formed UTF-8 (RFC 3629): beyond what isValidUTF8N
+// checks, it refuses stray continuation bytes and encoded surrogates, as other readers of UTF-8 do.
+bool isStrictUTF8N(const unsigned char* in, int count);
