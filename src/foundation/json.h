@@ -187,7 +187,7 @@ public:
     // Number returns a new number.
     static root Number(double value);
 
-    // String returns a new string, a copy of `text`. `text` may hold any byte.
+    // String returns a new string, a copy of `text`, which may hold any byte. Kept: a text given up is copied as well.
     static root String(const std::string& text);
     static root String(std::string&& text);
 

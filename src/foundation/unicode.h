@@ -28,6 +28,20 @@
 
 #include <string>
 
+// ---- Surrogates ----
+
+// isHighSurrogate and isLowSurrogate return whether `unit` is the first or second unit of a pair in UTF-16,
+// isSurrogate whether it is either.
+constexpr bool isHighSurrogate(char32_t unit) {
+    return (unit & 0xFFFFFC00) == 0xD800;
+}
+constexpr bool isLowSurrogate(char32_t unit) {
+    return (unit & 0xFFFFFC00) == 0xDC00;
+}
+constexpr bool isSurrogate(char32_t unit) {
+    return (unit & 0xFFFFF800) == 0xD800;
+}
+
 // ---- UCS-4 to UTF-8 ----
 //
 // Code points in the surrogate range (0xD800 to 0xDFFF) and those of 0x110000 or above are dropped without replacement.
