@@ -78,8 +78,8 @@ struct UTCClockValue {
 std::optional<int64_t> parseInstant(const std::string& text);
 
 // num_ticks returns the nanoseconds of `ticks` ticks of which there are `period` in a second, cut towards zero. Up to
-// 9223372035 ticks it computes in 64 bits and a period of 0 is the processor's division error (SIGFPE); a negative
-// number of ticks is always among these, and its product wraps. Above, it computes in 128 bits, saturates, and throws
+// 9223372035 ticks it computes in 64 bits, and a period of 0 ends the process by SIGFPE; a negative number of ticks is
+// always among these, and its product wraps. Above, it computes in 128 bits, saturates, and throws
 // std::overflow_error "Division by zero." for a period of 0. (Kept: the common case stays one multiplication and one
 // division.)
 int64_t num_ticks(long ticks, long period);
