@@ -26,7 +26,7 @@ namespace {
 
 using Digest = const EVP_MD* (*)();
 
-// Algorithm is what RFC 7518 says of one algorithm. `bits` is 0 where a key may have any size.
+// Algorithm describes one algorithm of RFC 7518. `bits` is 0 where a key may have any size.
 struct Algorithm {
     const char* name;
     size_t signatureSize;
@@ -53,8 +53,8 @@ const Algorithm& describe(Algo algo) {
     return ALGORITHMS[algo < std::size(ALGORITHMS) ? algo : None];
 }
 
-// opensslError makes an error of the first entry in OpenSSL's queue. Whoever calls OpenSSL clears the queue first, so
-// that this is its own error.
+// opensslError returns an error with the first entry of OpenSSL's queue. Each caller of OpenSSL clears the queue first,
+// so that the entry is its own.
 ORVError opensslError(ORVError::Errors code, const char* call) {
     return ORVError(code, std::string(call) + ": " + takeOpenSSLError());
 }
@@ -63,7 +63,7 @@ ORVError notValid(const std::string& detail) {
     return ORVError(ORVError::StringNotValid, detail);
 }
 
-// selectDigest returns the digest of a signing algorithm; `failure` is the detail of the error if there is none.
+// selectDigest returns the digest of the key's algorithm, and throws an error with the detail `failure` if it has none.
 const EVP_MD* selectDigest(const Key& key, const char* failure) {
     const Algorithm& algorithm = describe(key.algo());
     if (algorithm.digest == nullptr)
@@ -71,6 +71,7 @@ const EVP_MD* selectDigest(const Key& key, const char* failure) {
     return algorithm.digest();
 }
 
+// prepareContext makes the context at its first use and clears the error queue.
 void prepareContext(DigestContext& context) {
     ERR_clear_error();
     if (!context)
@@ -83,13 +84,14 @@ bool isECDSA(const Key& key) {
     return describe(key.algo()).keyType == EVP_PKEY_EC;
 }
 
-// noPassword stands where OpenSSL would ask the terminal for a password.
+// noPassword is the callback that supplies no password: without one OpenSSL would prompt on the terminal.
 int noPassword(char*, int, int, void*) {
     return -1;
 }
 
 using ReadPEM = EVP_PKEY* (*)(FILE*, EVP_PKEY**, pem_password_cb*, void*);
 
+// readPEM reads a key file by `read`, OpenSSL's reader called `call`; the caller owns the key.
 EVP_PKEY* readPEM(const std::string& path, ReadPEM read, const char* call) {
     const FileHolder file(fopen(path.c_str(), "re"));
     if (!file)
@@ -101,10 +103,11 @@ EVP_PKEY* readPEM(const std::string& path, ReadPEM read, const char* call) {
     return key;
 }
 
+// typeOf returns the key's type as ALGORITHMS has it.
 int typeOf(const EVP_PKEY* key) {
     if (key == nullptr)
         return EVP_PKEY_NONE;
-    // HMAC keys have no base type, and those of no bytes have no type at all.
+    // HMAC keys have no base type, and an HMAC key of length 0 has no type at all.
     return EVP_PKEY_is_a(key, "HMAC") ? EVP_PKEY_HMAC : EVP_PKEY_base_id(key);
 }
 
@@ -126,8 +129,8 @@ OpenSSLHolder<EVP_PKEY> parsePublicKey(const std::string& pem) {
     return key;
 }
 
-// isOnCurve returns whether an EC key names its curve and the curve is `curve`. A curve that is written out as
-// parameters is not named, whatever it equals: RFC 5480, section 2.1.1, takes names only.
+// isOnCurve returns whether an EC key names its curve, and names `curve`. RFC 5480, section 2.1.1, forbids writing the
+// curve out as parameters, even where they equal a named one.
 bool isOnCurve(const EVP_PKEY* key, const char* curve) {
     char name[64] = {};
     int explicitly = 1;
@@ -136,7 +139,7 @@ bool isOnCurve(const EVP_PKEY* key, const char* curve) {
            std::strcmp(name, curve) == 0;
 }
 
-// hasSafeExponent returns whether an RSA key's public exponent is 3 or more: with 1 a signature is its own message.
+// hasSafeExponent returns whether an RSA key's public exponent is 3 or more: with 1 anybody can sign.
 bool hasSafeExponent(const EVP_PKEY* key) {
     BIGNUM* exponent = nullptr;
     EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_E, &exponent);
@@ -144,7 +147,7 @@ bool hasSafeExponent(const EVP_PKEY* key) {
     return owner && BN_num_bits(exponent) > 1 && !BN_is_word(exponent, 2);
 }
 
-// algoOf returns the algorithm that a public key's kind decides on; None for any other kind.
+// algoOf returns the algorithm that follows from a public key's kind, or None.
 Algo algoOf(const EVP_PKEY* key) {
     const int type = typeOf(key);
     if (type == EVP_PKEY_EC && isOnCurve(key, SN_X9_62_prime256v1))
@@ -156,7 +159,8 @@ Algo algoOf(const EVP_PKEY* key) {
     return None;
 }
 
-// requireSound throws if OpenSSL finds a public key wrong in itself: a point off its curve, a modulus with a factor.
+// requireSound throws if OpenSSL refuses the values of a public key: a point off its curve, a modulus with a small
+// factor.
 void requireSound(EVP_PKEY* key) {
     ERR_clear_error();
     const OpenSSLHolder<EVP_PKEY_CTX> context(EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr));
@@ -166,7 +170,7 @@ void requireSound(EVP_PKEY* key) {
         throw opensslError(ORVError::StringNotValid, "EVP_PKEY_public_check");
 }
 
-// derOf turns r and s side by side into OpenSSL's form of an ECDSA signature.
+// derOf returns an ECDSA signature, r and s side by side, in OpenSSL's form.
 std::vector<unsigned char> derOf(const std::vector<unsigned char>& raw) {
     const int half = static_cast<int>(raw.size() / 2);
     const OpenSSLHolder<ECDSA_SIG> signature(ECDSA_SIG_new());
@@ -252,7 +256,7 @@ void Key::setHMAC(Algo algo, const unsigned char* key, size_t length) {
     if (describe(algo).keyType != EVP_PKEY_HMAC)
         throw notValid("Algorithm must be HMAC");
     ERR_clear_error();
-    // EVP_PKEY_new_mac_key takes no key without bytes, and counts them in an int.
+    // EVP_PKEY_new_mac_key refuses a key of length 0 and takes the length as an int.
     const bool countable = length > 0 && length <= INT_MAX;
     EVP_PKEY* made = countable ? EVP_PKEY_new_mac_key(EVP_PKEY_HMAC, nullptr, key, static_cast<int>(length))
                                : EVP_PKEY_new_raw_private_key(EVP_PKEY_HMAC, nullptr, key, length);
@@ -336,7 +340,7 @@ void Signer::update(const void* data, size_t length) {
     init();
     ERR_clear_error();
     if (EVP_DigestUpdate(m_pContext.get(), data, length) != 1)
-        throw opensslError(ORVError::NoMemory, "EVP_DigestSignUpdate");
+        throw opensslError(ORVError::NoMemory, "EVP_DigestSignUpdate");  // kept: OpenSSL's older name of this call
 }
 
 const std::vector<unsigned char>& Signer::get() {
@@ -360,7 +364,7 @@ void Signer::finishRaw() {
         throw opensslError(ORVError::SystemUnknown, "EVP_DigestSignFinal");
 }
 
-// finishECDSA turns OpenSSL's DER form into r and s, each padded with zeros on the left.
+// finishECDSA converts OpenSSL's DER form to r and s, each padded with zeros on the left.
 void Signer::finishECDSA() {
     size_t length = 0;
     if (EVP_DigestSignFinal(m_pContext.get(), nullptr, &length) != 1)
@@ -397,7 +401,7 @@ void Verifier::update(const void* data, size_t length) {
     init();
     ERR_clear_error();
     if (EVP_DigestUpdate(m_pContext.get(), data, length) != 1)
-        throw opensslError(ORVError::NoMemory, "EVP_DigestVerifyUpdate");
+        throw opensslError(ORVError::NoMemory, "EVP_DigestVerifyUpdate");  // kept: as above
 }
 
 bool Verifier::matches(const std::vector<unsigned char>& signature) {
