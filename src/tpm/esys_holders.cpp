@@ -6,7 +6,7 @@
 
 namespace {
 
-// reportRelease tells a failed release on standard error: it happens in destructors, where no record is made.
+// reportRelease reports a failed release on standard error, as releases happen in destructors, where no record is made.
 bool reportRelease(TSS2_RC rc, const ESYS_CONTEXT* ctx, const char* verb, ESYS_TR handle) {
     if (rc != TSS2_RC_SUCCESS)
         fprintf(stderr, "TPM2 ctx %p failed %s of resource 0x%x: 0x%x\n", static_cast<const void*>(ctx), verb, handle,

@@ -175,9 +175,9 @@ public:
     // incrementOpenCounter increments the counter once, after workaroundCounterRollbackOnClear.
     bool incrementOpenCounter();
 
-    // workaroundCounterRollbackOnClear defines a temporary counter, increments it and removes it. A TPM gives a new
-    // counter the highest value that any counter ever had, and keeps that value for good; passing it through here keeps
-    // the tally counter from rolling back when the TPM is cleared. What an interrupted run left is taken over or
+    // workaroundCounterRollbackOnClear defines a temporary counter, increments it and removes it. A TPM starts a new
+    // counter at the highest value that any counter ever had, and keeps that value for good; passing it through here
+    // keeps the tally counter from rolling back when the TPM is cleared. What an interrupted run left is taken over or
     // removed.
     bool workaroundCounterRollbackOnClear();
 
