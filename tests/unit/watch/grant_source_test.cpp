@@ -269,7 +269,7 @@ TEST_F(GrantSourceTest, EntriesAreThoseOfThePayloadWithTheirSource) {
                               R"({"name":"a"}],"serial":"0000abcd","other":[1]})")),
                 ElementsAre("b", "a"));
     std::string text;
-    m_oSource.features()[0].entry->stringify(text, -1);
+    JSON::parse(m_oSource.features()[0].text)->stringify(text, -1);
     EXPECT_EQ(text,
               R"({ "name": "b", "params": { "n": 4 }, "source": "granted", "validUntil": "2027-01-01T00:00:00Z" })");
     EXPECT_EQ(m_oSource.features()[0].validUntil, 1798761600);
