@@ -2,8 +2,8 @@
 //
 // The features come from two inputs: what the appliance's maker or administrator installed (0), and what was granted to
 // this device in a signed document (1). The list holds one entry per name: of the entries of that name that are active
-// at the moment, one of input 0 goes before one of input 1, and within an input the first counts. The list is ordered by
-// the bytes of the names.
+// at the moment, one of input 0 goes before one of input 1, and within an input the first counts. The list is ordered
+// by the bytes of the names.
 //
 // `now` and every instant are whole seconds since the Unix epoch. All calls come from one thread. A failure in an input
 // is logged where it is met; the callers learn only whether the list changed.
@@ -43,8 +43,8 @@ public:
     // loadInput reads an input's file, judges and returns whether the list changed.
     bool loadInput(int inputId);
 
-    // recheckAll reads each input again whose file isn't the one that was read, judges for `now` and returns whether the
-    // list changed. So a change that no event reported is found at the next evaluation.
+    // recheckAll reads each input again whose file isn't the one that was read, judges for `now` and returns whether
+    // the list changed. So a change that no event reported is found at the next evaluation.
     bool recheckAll(int64_t now);
 
     // writeFeatures writes the features document for `now` and its newline to `stream`. It returns the next instant at

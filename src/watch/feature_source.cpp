@@ -46,8 +46,8 @@ std::optional<Refusal> whyNotThisDevice(const JSON& document, bool mustNameIt) {
     return std::nullopt;
 }
 
-// takeInstant moves the optional member `key` of a feature into `entry` and its instant into `instant`. Returns false if
-// the member is not an instant.
+// takeInstant moves the optional member `key` of a feature into `entry` and its instant into `instant`. Returns false
+// if the member is not an instant.
 bool takeInstant(JSON& value, const char* key, JSON& entry, int64_t& instant) {
     const JSON* member = value.get(key);
     if (member == nullptr)

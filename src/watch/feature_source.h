@@ -8,15 +8,15 @@
 //                       "validFrom": "2026-01-01T00:00:00Z",
 //                       "validUntil": "2027-01-01T00:00:00Z" } ] }
 //
-// A file of granted features is a grant (grant.h) with that object as its payload. It must name this device: `serial` is
-// required there.
+// A file of granted features is a grant (grant.h) with that object as its payload. It must name this device: `serial`
+// is required there.
 //
 // Otherwise `serial`, `validFrom`, `validUntil` and `params` are optional; unknown members are ignored. An entry that
 // breaks the form is left out with a WARN that names the file, the entry's index and the reason, and the others are
 // taken. After twenty such records of one reading a last one tells how many more were left out.
 //
-// A file that can't be used counts as empty, with one ERROR that names it and the reason; a missing file is not a fault.
-// Nothing of a file's content is logged.
+// A file that can't be used counts as empty, with one ERROR that names it and the reason; a missing file is not a
+// fault. Nothing of a file's content is logged.
 #pragma once
 
 #include <sys/types.h>
