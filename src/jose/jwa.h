@@ -8,13 +8,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
-// The types of OpenSSL, so that its headers reach only those who use them.
-using EVP_PKEY = struct evp_pkey_st;
-using EVP_MD_CTX = struct evp_md_ctx_st;
+#include "runtime/openssl.h"
 
 namespace jwa {
 
@@ -75,17 +72,19 @@ public:
     void loadPrivateKeyDER(Algo algo, const void* data, int length);
     void loadPublicKeyDER(Algo algo, const void* data, int length);
 
+    // loadPublicKeyByKind reads the first block "PUBLIC KEY" of the PEM text `pem` and takes the algorithm from the
+    // key's kind alone: ES256 for P-256, ES384 for P-384, RS256 for RSA of 2048 bits with a public exponent of 3 or
+    // more. It is stricter than the other loaders: another curve of the same size, a curve that is written out instead
+    // of named, and a key that EVP_PKEY_public_check refuses are failures. On any failure the old key stays.
+    void loadPublicKeyByKind(const std::string& pem);
+
 private:
     Algo m_eAlgo = None;
     EVP_PKEY* m_pKey = nullptr;
 };
 
-// DigestContextDeleter releases an EVP_MD_CTX.
-struct DigestContextDeleter {
-    void operator()(EVP_MD_CTX* context) const noexcept;
-};
-
-using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextDeleter>;
+// DigestContext owns the state of a message that is being signed or verified; null when empty.
+using DigestContext = OpenSSLHolder<EVP_MD_CTX>;
 
 // Signer signs messages, one after the other, with one key. An error leaves the message as it is: `get` tries to finish
 // it again, `update` goes on with it.

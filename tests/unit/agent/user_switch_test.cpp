@@ -29,6 +29,7 @@
 
 #include "agent/user_switch.h"
 #include "foundation/strfmt.h"
+#include "unit/own_process.h"
 #include "unit/record_collector.h"
 
 namespace {
@@ -157,7 +158,7 @@ protected:
     static Lines report(const std::function<Lines()>& body) {
         const TempFolder folder;
         const int file = open((folder / "report").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        const pid_t child = fork();
+        const pid_t child = startedProcess(fork());
         if (child == 0) {
             for (const std::string& line : body()) {
                 dprintf(file, "%s\n", line.c_str());
@@ -165,9 +166,7 @@ protected:
             _exit(0);
         }
         close(file);
-        int status = -1;
-        EXPECT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0);
+        EXPECT_EQ(awaitChild(child), 0);
         std::istringstream stream(TempFolder::contentOf(folder / "report"));
         Lines lines;
         for (std::string line; std::getline(stream, line);) {
