@@ -20,10 +20,6 @@ constexpr int MAXIMUM_DEPTH = 100;
 constexpr size_t MAXIMUM_WARNINGS = 20;  // of one reading: a file of nothing but faults must not flood the log
 constexpr int DOCUMENT_INDENT = 2;       // of an entry in the features document
 
-Refusal unfit(const std::string& reason) {
-    return {Refusal::Kind::Unfit, reason};
-}
-
 // isUTF8 is stricter than the validator, which accepts stray continuation bytes that readers of the document would
 // reject.
 bool isUTF8(const std::string& text) {
@@ -35,14 +31,14 @@ bool isUTF8(const std::string& text) {
 std::optional<Refusal> whyNotThisDevice(const JSON& document, bool mustNameIt) {
     const JSON* member = document.get("serial");
     if (member == nullptr)
-        return mustNameIt ? std::optional(unfit("it names no serial number")) : std::nullopt;
+        return mustNameIt ? std::optional(Refusal::unfit("it names no serial number")) : std::nullopt;
     if (!ORVSerial::ms_bHasSerialNumber)
         ORVSerial::load();  // what can't be read counts as no serial number, and is read again at the next look
     if (!ORVSerial::ms_bHasSerialNumber)
         return Refusal{Refusal::Kind::MayPass, "this device has no serial number"};
     const std::string* serial = jsonText(member);
     if (serial == nullptr || *serial != ORVSerial::ms_strSerialNumber)
-        return unfit("it is for another device");
+        return Refusal::unfit("it is for another device");
     return std::nullopt;
 }
 
@@ -191,22 +187,22 @@ std::optional<Refusal> FeatureSource::readDocument() {
     if (refusal)
         return refusal;
     if (!isUTF8(content))
-        return unfit("it is not UTF-8");
+        return Refusal::unfit("it is not UTF-8");
     const JSON::root document = JSON::parse(content);
     if (document == nullptr)
-        return unfit("it is not JSON");
+        return Refusal::unfit("it is not JSON");
     return takeDocument(*document);
 }
 
 // takeDocument takes the features of a parsed file, or returns why it counts as empty.
 std::optional<Refusal> FeatureSource::takeDocument(JSON& document) {
     if (!isObject(&document))
-        return unfit("it is no JSON object");
+        return Refusal::unfit("it is no JSON object");
     if (const std::optional<Refusal> refusal = whyNotThisDevice(document, isGrant()))
         return refusal;
     JSON* list = document.get("features");
     if (list == nullptr || list->type != JSON::ArrayType)
-        return unfit("it has no list of features");
+        return Refusal::unfit("it has no list of features");
     takeFeatures(*list);
     return std::nullopt;
 }

@@ -7,11 +7,10 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <memory>
+
+#include "runtime/file_holder.h"
 
 namespace {
-
-using FileHolder = std::unique_ptr<FILE, int (*)(FILE*)>;
 
 // openForReading returns an open stream, or null with errno. It never blocks, not even on a FIFO.
 FileHolder openForReading(const std::string& path) {
@@ -19,16 +18,12 @@ FileHolder openForReading(const std::string& path) {
     FILE* file = fd == -1 ? nullptr : fdopen(fd, "rb");
     if (file == nullptr && fd != -1)
         close(fd);
-    return FileHolder(file, fclose);
+    return FileHolder(file);
 }
 
 // systemFault returns the refusal for a call that failed with `error`.
 Refusal systemFault(int error) {
     return {error == ENOENT ? Refusal::Kind::Absent : Refusal::Kind::MayPass, g_strerror(error)};
-}
-
-Refusal unfit(const std::string& reason) {
-    return {Refusal::Kind::Unfit, reason};
 }
 
 }  // namespace
@@ -41,9 +36,9 @@ std::optional<Refusal> readWholeFile(const std::string& path, const SizeLimit& l
     if (fstat(fileno(file.get()), &status) != 0)
         return systemFault(errno);
     if (!S_ISREG(status.st_mode))
-        return unfit("it is not a regular file");
+        return Refusal::unfit("it is not a regular file");
     if (status.st_size > limit.bytes)
-        return unfit(std::string("it is larger than ") + limit.name);
+        return Refusal::unfit(std::string("it is larger than ") + limit.name);
     content.resize(static_cast<size_t>(status.st_size));
     content.resize(fread(content.data(), 1, content.size(), file.get()));
     if (ferror(file.get()))

@@ -14,6 +14,9 @@ struct Refusal {
 
     Kind kind;
     std::string reason;
+
+    // unfit returns a refusal of the last kind.
+    static Refusal unfit(const std::string& reason) { return {Kind::Unfit, reason}; }
 };
 
 // SizeLimit is a number of bytes and how records write it.
