@@ -3,8 +3,10 @@
 #pragma once
 
 #include <openssl/bn.h>
+#include <openssl/core_names.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
+#include <openssl/param_build.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
@@ -58,6 +60,34 @@ inline EVP_PKEY* keyOf(const std::string& type, int number = 0) {
     if (!key)
         throw std::runtime_error("no key of type " + type);
     return key.get();
+}
+
+// publicRSA returns a public key of this RSA key's modulus, with `exponent` in place of its own.
+inline Key publicRSA(EVP_PKEY* key, unsigned exponent) {
+    BIGNUM* modulus = nullptr;
+    EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_N, &modulus);
+    OSSL_PARAM_BLD* builder = OSSL_PARAM_BLD_new();
+    OSSL_PARAM_BLD_push_BN(builder, OSSL_PKEY_PARAM_RSA_N, modulus);
+    OSSL_PARAM_BLD_push_uint(builder, OSSL_PKEY_PARAM_RSA_E, exponent);
+    OSSL_PARAM* parameters = OSSL_PARAM_BLD_to_param(builder);
+    EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr);
+    EVP_PKEY* made = nullptr;
+    const bool good =
+        EVP_PKEY_fromdata_init(context) == 1 && EVP_PKEY_fromdata(context, &made, EVP_PKEY_PUBLIC_KEY, parameters) == 1;
+    EVP_PKEY_CTX_free(context);
+    OSSL_PARAM_free(parameters);
+    OSSL_PARAM_BLD_free(builder);
+    BN_free(modulus);
+    if (!good)
+        throw std::runtime_error("OpenSSL makes no RSA key of these numbers");
+    return Key(made);
+}
+
+// explicitEC returns a new key of this curve that spells the curve out by its parameters.
+inline Key explicitEC(const char* curve) {
+    Key key(EVP_EC_gen(curve));
+    EVP_PKEY_set_utf8_string_param(key.get(), OSSL_PKEY_PARAM_EC_ENCODING, OSSL_PKEY_EC_ENCODING_EXPLICIT);
+    return key;
 }
 
 inline const char* typeOf(const Kind& kind) {

@@ -167,6 +167,13 @@ TEST_F(GrantSourceTest, OtherAlgorithmInTheHeaderIsRefusedThoughTheKeySigned) {
     }
 }
 
+TEST_F(GrantSourceTest, HeaderWithCriticalMembersIsRefusedThoughTheKeySigned) {
+    for (const char* critical : {R"(["exp"])", R"(["b64"])", R"(["alg"])", "[]", "null", R"("exp")"}) {
+        const std::string header = std::string(R"({"alg":"ES256","exp":1,"crit":)") + critical + "}";
+        EXPECT_THAT(reasonOf(grant(ES256, header, PAYLOAD)), HasSubstr("critical")) << header;
+    }
+}
+
 TEST_F(GrantSourceTest, HeaderThatIsNoObjectIsRefused) {
     for (const char* header : {"", "null", "[]", "5", R"("ES256")", R"({"alg":"ES256")", R"({"alg":"ES256"} x)"})
         expectBadSignature(grant(ES256, header, PAYLOAD));
@@ -496,11 +503,63 @@ TEST_F(GrantSourceTest, FileThatHoldsNoPublicKeyMakesTheGrantUnusable) {
 }
 
 TEST_F(GrantSourceTest, KeysOfOtherKindsMakeTheGrantUnusable) {
-    for (const char* type : {"RSA-1024", "RSA-3072", "P-224", "P-521", "ED25519"}) {
+    for (const char* type :
+         {"RSA-1024", "RSA-3072", "P-224", "P-521", "ED25519", "secp256k1", "brainpoolP256r1", "brainpoolP384r1"}) {
         SCOPED_TRACE(type);
         installKey(publicPEM(keyOf(type)));
         expectUnusableKey();
     }
+}
+
+// forged returns a grant that needs no private key: with the public exponent 1 a signature is the padded digest itself.
+std::string forged(const std::string& payload) {
+    const std::string text = signingInput(headerOf("RS256"), payload);
+    std::string digest(32, '\0');
+    EVP_Digest(text.data(), text.size(), reinterpret_cast<unsigned char*>(digest.data()), nullptr, EVP_sha256(),
+               nullptr);
+    const std::string info =
+        std::string("\x30\x31\x30\x0d\x06\x09\x60\x86\x48\x01\x65\x03\x04\x02\x01\x05\x00\x04\x20", 19) + digest;
+    const std::string padded =
+        std::string("\0\1", 2) + std::string(256 - 3 - info.size(), '\xff') + std::string(1, '\0') + info;
+    return text + "." + base64url(padded);
+}
+
+TEST_F(GrantSourceTest, ExponentThatLetsAnybodySignIsRefused) {
+    installKey(publicPEM(publicRSA(keyOf("RSA-2048"), 1).get()));
+    m_oFolder.write("features.jws", forged(PAYLOAD));
+    EXPECT_THAT(reasonOf(), HasSubstr("key " + keyPath()));
+}
+
+TEST_F(GrantSourceTest, KeyThatIsNotSoundMakesTheGrantUnusable) {
+    for (const unsigned exponent : {0U, 2U, 4U, 65536U}) {
+        SCOPED_TRACE(exponent);
+        installKey(publicPEM(publicRSA(keyOf("RSA-2048"), exponent).get()));
+        expectUnusableKey();
+    }
+}
+
+TEST_F(GrantSourceTest, CurveSpeltOutByItsParametersMakesTheGrantUnusable) {
+    for (const char* curve : {"P-256", "P-384"}) {
+        SCOPED_TRACE(curve);
+        installKey(publicPEM(explicitEC(curve).get()));
+        expectUnusableKey();
+    }
+}
+
+TEST_F(GrantSourceTest, KeyFileMayHave64KiB) {
+    const std::string pem = publicPEM(keyOf("P-256"));
+    RecordCollector collector;
+    installKey(pem + std::string(64 * 1024 - pem.size(), '\n'));
+    EXPECT_THAT(namesOf(grant(PAYLOAD)), ElementsAre("a"));
+    EXPECT_THAT(collector.lines(), IsEmpty());
+    installKey(pem + std::string(64 * 1024 + 1 - pem.size(), '\n'));
+    EXPECT_THAT(reasonOf(), HasSubstr("key " + keyPath() + " can't be used: it is larger than 64 KiB"));
+}
+
+TEST_F(GrantSourceTest, HugeKeyFileIsRefusedAtOnce) {
+    m_oFolder.write("features.jws", grant(PAYLOAD));
+    fs::resize_file(keyPath(), uintmax_t{3} << 30);  // a hole takes no space
+    EXPECT_THAT(reasonOf(), HasSubstr("larger than 64 KiB"));
 }
 
 TEST_F(GrantSourceTest, DirectoryAndFifoInPlaceOfTheKeyMakeTheGrantUnusable) {
