@@ -169,10 +169,15 @@ inline std::string signingInput(const std::string& header, const std::string& pa
     return base64url(header) + "." + base64url(payload);
 }
 
-// grant signs `payload` under `header` with the first key of that kind.
-inline std::string grant(const Kind& kind, const std::string& header, const std::string& payload) {
+// grantBy signs `payload` under `header` with this key.
+inline std::string grantBy(EVP_PKEY* key, const Kind& kind, const std::string& header, const std::string& payload) {
     const std::string text = signingInput(header, payload);
-    return text + "." + base64url(signatureOf(kind, keyOf(typeOf(kind)), text));
+    return text + "." + base64url(signatureOf(kind, key, text));
+}
+
+// grant signs with the first key of that kind.
+inline std::string grant(const Kind& kind, const std::string& header, const std::string& payload) {
+    return grantBy(keyOf(typeOf(kind)), kind, header, payload);
 }
 
 inline std::string grant(const Kind& kind, const std::string& payload) {

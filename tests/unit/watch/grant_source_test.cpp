@@ -107,7 +107,7 @@ protected:
 
     void expectUnusableKey() {
         m_oFolder.write("features.jws", grant(R"({"serial":"0000abcd","features":[{"name":"SeCrEt"}]})"));
-        EXPECT_THAT(reasonOf(), HasSubstr("key " + keyPath()));
+        EXPECT_THAT(reasonOf(), HasSubstr("the key " + keyPath() + " can't be used: "));
     }
 
     TempFolder m_oFolder;
@@ -538,11 +538,23 @@ TEST_F(GrantSourceTest, KeyThatIsNotSoundMakesTheGrantUnusable) {
     }
 }
 
-TEST_F(GrantSourceTest, CurveSpeltOutByItsParametersMakesTheGrantUnusable) {
-    for (const char* curve : {"P-256", "P-384"}) {
+TEST_F(GrantSourceTest, OtherCurvesOfTheSameSizeMakeTheGrantsOfTheirKeysUnusable) {
+    for (const char* curve : {"secp256k1", "brainpoolP256r1", "brainpoolP384r1"}) {
         SCOPED_TRACE(curve);
-        installKey(publicPEM(explicitEC(curve).get()));
-        expectUnusableKey();
+        const Kind& kind = std::string(curve).find("384") != std::string::npos ? ES384 : ES256;
+        installKey(publicPEM(keyOf(curve)));
+        m_oFolder.write("features.jws", grantBy(keyOf(curve), kind, headerOf(kind.name), PAYLOAD));
+        EXPECT_THAT(reasonOf(), HasSubstr("the key " + keyPath() + " can't be used: "));
+    }
+}
+
+TEST_F(GrantSourceTest, CurveSpeltOutByItsParametersMakesTheGrantUnusable) {
+    for (const Kind& kind : {ES256, ES384}) {
+        SCOPED_TRACE(kind.name);
+        const Key key = explicitEC(typeOf(kind));
+        installKey(publicPEM(key.get()));
+        m_oFolder.write("features.jws", grantBy(key.get(), kind, headerOf(kind.name), PAYLOAD));
+        EXPECT_THAT(reasonOf(), HasSubstr("the key " + keyPath() + " can't be used: "));
     }
 }
 
