@@ -26,24 +26,26 @@ constexpr mode_t DAEMON_UMASK = 022;
 constexpr int STATUS_TIMEOUT_SECONDS = 10;
 constexpr int KILL_TIMEOUT_SECONDS = 5;
 
+// daemonPidFilePath has the form in which libdaemon asks for the path.
 const char* daemonPidFilePath() {
     return "/run/featurewatch/featurewatch.pid";
 }
 
+// setPidFile replaces libdaemon's own choice of path, below /var/run and named after the executable file.
 void setPidFile() {
     daemon_pid_file_ident = PROGRAM_NAME;
     daemon_pid_file_proc = daemonPidFilePath;
 }
 
-// sendStatus tells the starting command how the start went. A starter that has gone away in the meantime, for it was
-// killed or has waited long enough, must not end the daemon by a broken pipe.
+// sendStatus reports to the starting command how the start went, and returns `status`. A starter that was killed or has
+// waited long enough is gone by now; the broken pipe must not end the daemon.
 int sendStatus(int status) {
     const IgnoredPipeSignal ignored;
     daemon_retval_send(status);
     return status;
 }
 
-// prepareFork does what comes before the fork; false after a FATAL record.
+// prepareFork does what comes before the fork. Returns false after a FATAL record.
 bool prepareFork() {
     setPidFile();
     daemon_log_ident = PROGRAM_NAME;
@@ -65,7 +67,7 @@ bool prepareFork() {
     return true;
 }
 
-// awaitDaemon gives the exit status of the starting command.
+// awaitDaemon returns the exit status of the starting command.
 int awaitDaemon() {
     const int status = daemon_retval_wait(STATUS_TIMEOUT_SECONDS);
     if (status == -1) {
@@ -77,9 +79,9 @@ int awaitDaemon() {
     return status;
 }
 
-// settleDaemon makes the forked child a daemon with a PID file; false after a FATAL record.
+// settleDaemon makes the forked child a daemon with a PID file. Returns false after a FATAL record.
 bool settleDaemon() {
-    closelog();  // else libc would keep the number of a descriptor that is closed below
+    closelog();  // otherwise libc would keep the number of a descriptor that is closed below
     openlog(PROGRAM_NAME, LOG_PID, LOG_DAEMON);
     umask(DAEMON_UMASK);
     if (daemon_close_all(-1) < 0) {
@@ -95,8 +97,8 @@ bool settleDaemon() {
     return true;
 }
 
-// daemonize forks. The result is the exit status of the process that is done with it: the starting command, or a child
-// that failed. The daemon goes on without one.
+// daemonize forks. Returns an exit status in a process that has nothing more to do: the starting command, or a child
+// that failed. The daemon gets none and goes on.
 std::optional<int> daemonize() {
     if (!prepareFork())
         return EXIT_FAILURE;
@@ -112,8 +114,8 @@ std::optional<int> daemonize() {
     return std::nullopt;
 }
 
-// startLoop brings the loop to its first publication. The launcher comes before the switch, so that the hook keeps the
-// rights that the daemon gives up.
+// startLoop brings the loop to its first publication. The launcher is made before the switch, so that the hook keeps
+// the rights that the daemon gives up.
 bool startLoop(MainLoop& loop) {
     if (!loop.startLauncher())
         return false;
