@@ -107,11 +107,11 @@ class StartTest(WatchTest):
         self.assert_success(run_agent("-k"))
 
     def test_modes_do_not_depend_on_the_callers_mask(self):
-        "Document and PID file have mode 0644 whatever file creation mask the starting command has."
+        "The document has mode 0644, the PID file 0600, whatever file creation mask the starting command has."
         for mask in (0o000, 0o077, 0o777):
             with self.subTest(oct(mask)), Daemon(umask=mask) as daemon:
                 self.assertEqual(os.stat(FEATURES_DOCUMENT).st_mode & 0o7777, 0o644)
-                self.assertEqual(os.stat(PID_FILE).st_mode & 0o7777, 0o644)
+                self.assertEqual(os.stat(PID_FILE).st_mode & 0o7777, 0o600)
                 daemon.stop()
 
     def test_document_belongs_to_the_daemons_user(self):
