@@ -23,8 +23,8 @@ namespace {
 constexpr uid_t ROOT = 0;
 constexpr const char* PID_FILE_IDENTITY = "featurewatch";
 
-// gs_nOwner is the process that made the file. The launcher, forked from it, inherits the value.
-pid_t gs_nOwner = 0;
+// gs_oOwnFile is what this process made. The launcher, forked from it, inherits the value.
+struct stat gs_oOwnFile = {};
 
 // pidFilePath has the form in which libdaemon asks for the path.
 const char* pidFilePath() {
@@ -105,10 +105,17 @@ bool takeRightsOf(uid_t owner) {
     return geteuid() != ROOT || owner == ROOT || setresuid(owner, owner, owner) == 0;
 }
 
-// removeOwnPidFile spares a file that names another process: this one may be a launcher that outlived its daemon.
+// isSameFile compares the time of writing too, because a file system may use a number again at once.
+bool isSameFile(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino && one.st_mtim.tv_sec == other.st_mtim.tv_sec &&
+           one.st_mtim.tv_nsec == other.st_mtim.tv_nsec;
+}
+
+// removeOwnPidFile spares the file of another daemon: this process may be a launcher that outlived its own. It does not
+// read the file, which the daemon, having given up root's rights, may not.
 void removeOwnPidFile() {
-    const Descriptor file(openPidFile());
-    if (file.m_nFd != -1 && readProcessId(file.m_nFd) == gs_nOwner)
+    struct stat status = {};
+    if (lstat(pidFilePath(), &status) == 0 && isSameFile(status, gs_oOwnFile))
         daemon_pid_file_remove();
 }
 
@@ -150,9 +157,8 @@ pid_t runningDaemon() {
 bool createPidFile() {
     if (daemon_pid_file_create() < 0)
         return false;
-    gs_nOwner = getpid();
     atexit(removeOwnPidFile);
-    return chmod(pidFilePath(), S_IRUSR | S_IWUSR) == 0;
+    return lstat(pidFilePath(), &gs_oOwnFile) == 0 && chmod(pidFilePath(), S_IRUSR | S_IWUSR) == 0;
 }
 
 bool stopRunningDaemon(int seconds) {

@@ -21,8 +21,7 @@ pid_t runningDaemon();
 
 // createPidFile makes the file for this process, readable for its owner alone: who can read it can lock it, and
 // libdaemon waits for locks. Returns false, with errno, on failure. The file is removed when this process ends, or the
-// launcher that it forks, which may still have the right to: whoever ends later finds it gone or another daemon's, and
-// leaves that alone.
+// launcher that it forks, which still has the rights to. Another daemon's file is left alone.
 bool createPidFile();
 
 // stopRunningDaemon ends the process that the file names, and waits up to `seconds` for its end. Returns false, with

@@ -38,6 +38,7 @@ from harness import (
     check_features_document,
     check_for_crash,
     feature_names,
+    has_user_switch,
     install_features,
     read_file,
     start_daemon,
@@ -192,6 +193,13 @@ def as_user():
     """Keywords for Popen: the process runs as the user featurewatch, with none of root's rights."""
     entry = pwd.getpwnam(USER)
     return {"user": entry.pw_uid, "group": entry.pw_gid, "extra_groups": []}
+
+
+def give_to_user(path):
+    """Makes the user featurewatch the owner of a file, where there is that user."""
+    if has_user_switch():
+        entry = pwd.getpwnam(USER)
+        os.chown(path, entry.pw_uid, entry.pw_gid, follow_symlinks=False)
 
 
 def foreground_result(daemon):

@@ -16,6 +16,7 @@ from daemon_harness import (
     WatchTest,
     as_user,
     foreground_result,
+    give_to_user,
     open_gate,
 )
 from harness import (
@@ -27,6 +28,7 @@ from harness import (
     agent_environment,
     agent_path,
     agent_processes,
+    has_user_switch,
     install_features,
     is_alive,
     process_state,
@@ -45,11 +47,6 @@ OTHERS = "another user's"
 NOT_KILLED = ("FATAL", f"failed to kill daemon: {os.strerror(errno.EPERM)}")
 
 
-def give_to_user(path):
-    entry = pwd.getpwnam(USER)
-    os.chown(path, entry.pw_uid, entry.pw_gid, follow_symlinks=False)
-
-
 def hold_lock(path):
     """Locks the file for reading, as long as this process lives."""
     stream = open(path)
@@ -58,9 +55,14 @@ def hold_lock(path):
 
 
 class PidFileTest(WatchTest):
+    """PidFileTest has the folder with the owner and mode that packaging provides."""
+
     def setUp(self):
         super().setUp()
         self.victim = self.start_process()
+        if has_user_switch():
+            os.chown(RUN, 0, pwd.getpwnam(USER).pw_gid)
+            os.chmod(RUN, 0o1775)
 
     def start_process(self, *arguments, **keywords):
         """A process that waits for its end."""
@@ -213,7 +215,7 @@ class OwnersFileTest(PidFileTest):
         self.assertEqual(os.listdir(RUN), [os.path.basename(FEATURES_DOCUMENT)])
 
 
-class OutlivingLauncherTest(WatchTest):
+class OutlivingLauncherTest(PidFileTest):
     def check(self, end):
         """A daemon dies by `end` while its hook runs; the next one keeps its PID file when the hook is through."""
         with Daemon(hook=GATED_HOOK) as first:
