@@ -1,9 +1,9 @@
-// preload.c: loaded into the agent by tests, to bring about what is hard to meet otherwise.
+// preload.c: loaded into the agent by tests, to cause what is otherwise hard to meet.
 //
 //   TEST_PERIOD=N          a timer of 3600 seconds becomes one of N seconds; all others stay
 //   TEST_HOLD_RENAME=FILE  each rename waits until FILE is gone
 //   TEST_FAIL=NAME         the function NAME fails at each call with errno EAGAIN; the last ones here can. That of GLib
-//                          tells "no monitor left" as its error, inotify_add_watch has ENOSPC
+//                          reports "no monitor left", inotify_add_watch has ENOSPC
 //   TEST_NV_VALUE=N        each read of eight bytes of the TPM's NV memory gives N, whatever the TPM said
 
 #define _GNU_SOURCE
