@@ -59,7 +59,7 @@ def circles(includes):
 
     def visit(name):
         if name in path:
-            yield "circle: " + " -> ".join(path[path.index(name):] + [name])
+            yield "circle: " + " -> ".join(path[path.index(name) :] + [name])
         elif name not in done:
             done.add(name)
             path.append(name)
