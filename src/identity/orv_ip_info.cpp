@@ -29,7 +29,8 @@ struct UdevDeleter {
 using UdevUPtr = std::unique_ptr<udev, UdevDeleter>;
 using UdevDeviceUPtr = std::unique_ptr<udev_device, UdevDeleter>;
 
-// libc's if_freenameindex does not survive a null pointer, which unique_ptr never hands on.
+// NameIndexDeleter is only called with a list: libc's if_freenameindex does not survive a null pointer, which
+// unique_ptr never hands on.
 struct NameIndexDeleter {
     void operator()(struct if_nameindex* names) const { if_freenameindex(names); }
 };
@@ -40,7 +41,7 @@ struct IfaddrsDeleter {
 };
 using IfaddrsUPtr = std::unique_ptr<ifaddrs, IfaddrsDeleter>;
 
-// A socket, only there to name interfaces to the kernel.
+// QuerySocket is a socket for requests about interfaces; nothing is sent.
 class QuerySocket {
 public:
     QuerySocket() : m_nFd(socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP)) {}
@@ -58,10 +59,10 @@ private:
     const int m_nFd;
 };
 
-// How many interfaces one SIOCGIFCONF request has room for.
+// MAX_CONFIGURED is how many interfaces one SIOCGIFCONF request has room for. More are found by their names.
 constexpr size_t MAX_CONFIGURED = 16;
 
-// The bits of the first byte of a hardware address that mark it as multicast or locally administered.
+// NOT_BURNED_IN are the bits of an address's first byte that mark it as multicast or locally administered.
 constexpr unsigned char NOT_BURNED_IN = 0x03;
 
 int typeByAttribute(udev_device* device) {
@@ -92,7 +93,7 @@ int interfaceType(udev* library, const std::string& name) {
     return typeByDeviceType(deviceType);
 }
 
-// Puts the interface's burned-in hardware address into `mac`; false if it has none.
+// readHardwareAddress puts the interface's burned-in hardware address into `mac`. It returns false if there is none.
 bool readHardwareAddress(const QuerySocket& socket, ifreq request, ORVIPInfo::MacAddress& mac) {
     if (!socket.query(SIOCGIFHWADDR, &request) || request.ifr_hwaddr.sa_family != ARPHRD_ETHER)
         return false;
@@ -100,8 +101,8 @@ bool readHardwareAddress(const QuerySocket& socket, ifreq request, ORVIPInfo::Ma
     return (mac.bytes[0] & NOT_BURNED_IN) == 0;
 }
 
-// Writes `address`, of the family `family`, into `text` as numbers. Gives the result of getnameinfo; after a failure
-// `text` is as it was.
+// toText writes `address`, of the family `family`, into `text` as numbers. It returns the result of getnameinfo; after
+// a failure `text` is as it was.
 int toText(const sockaddr* address, int family, std::string& text) {
     const socklen_t length = family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
     char host[NI_MAXHOST];
@@ -116,7 +117,7 @@ void toTextIfThere(const sockaddr* address, int family, std::string& text) {
         toText(address, family, text);
 }
 
-// Adds what belongs to the address of `entry`. What cannot be converted stays empty.
+// addCompanions adds what belongs to the address of `entry`. What cannot be converted stays empty.
 void addCompanions(const ifaddrs& entry, int family, ORVIPInfo::IPAddress& ip) {
     toTextIfThere(entry.ifa_netmask, family, ip.netmask);
     if (entry.ifa_flags & IFF_POINTOPOINT)
@@ -158,7 +159,7 @@ void Inventory::takeConfigured(const QuerySocket& socket) {
     }
 }
 
-// Finds the interfaces that did not fit into the other list, and those without an address.
+// takeNamed finds the interfaces that did not fit into the other list, and those without an address.
 void Inventory::takeNamed(const QuerySocket& socket) {
     const NameIndexUPtr names(::if_nameindex());
     for (const struct if_nameindex* entry = names.get(); entry && entry->if_name && entry->if_index != 0; ++entry) {
@@ -193,7 +194,8 @@ void Inventory::takeAddresses() {
             return;
 }
 
-// Also meets interfaces without an IP address, as each has an entry for its link layer. False ends the list.
+// takeEntry also meets interfaces without an IP address, because each has an entry for its link layer. It returns false
+// to end the list.
 bool Inventory::takeEntry(const ifaddrs& entry) {
     if (!entry.ifa_addr)
         return true;
@@ -240,7 +242,7 @@ bool ORVIPInfo::MacAddress::set(const std::string& text) {
         return false;
     for (size_t i = 0; i < bytes.size(); ++i)
         bytes[i] = static_cast<unsigned char>(fields[i]);
-    // sscanf is lenient: blanks, signs, prefixes, any number of digits, anything behind.
+    // sscanf is lenient: blanks, signs, prefixes, any number of digits, anything after them.
     if (toString() == text)
         return true;
     bytes.fill(0);

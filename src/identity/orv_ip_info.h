@@ -1,8 +1,8 @@
 // orv_ip_info.h: the network interfaces of this device and its burned-in hardware addresses.
 //
-// The kernel is asked in three ways, as none of them sees everything: for the interfaces with an IPv4 address, for the
-// names of all interfaces, and for the list of addresses. libudev tells what an interface is. Bridges, VLANs and the
-// like and the loopback are left out.
+// The kernel is asked in three ways, because none of them sees everything: for the interfaces with an IPv4 address, for
+// the names of all interfaces, and for the list of addresses. libudev knows what kind an interface is. The loopback,
+// bridges, VLANs and the like are left out.
 #pragma once
 
 #include <array>
@@ -14,10 +14,10 @@
 // ORVIPInfo holds a snapshot of the interfaces; a derived class calls `init` to take it. Both maps are empty before.
 //
 // No failure is fatal: what cannot be read is absent from the maps. A failure of libudev, of the list of addresses or
-// of the conversion of an address gives a WARN record, each name seen and each address taken a DEBUG record.
+// of the conversion of an address has a WARN record, each name seen and each address taken a DEBUG record.
 class ORVIPInfo {
 public:
-    // InterfaceType tells the kinds of interface, by udev's device type (DEVTYPE) and, where there is none, the sysfs
+    // InterfaceType is the kind of an interface, by udev's device type (DEVTYPE) or, if it has none, the sysfs
     // attribute "type".
     enum InterfaceType {
         IfaceNone = 0,      // everything else, never listed
@@ -32,8 +32,8 @@ public:
         // toString returns the six bytes as two lower-case hexadecimal digits each, with colons between.
         std::string toString() const;
 
-        // set takes the address from `text`, which must be exactly what `toString` gives for it. Anything else gives
-        // false and leaves zeros.
+        // set takes the address from `text`, which must be exactly what `toString` returns for it. It
+        // returns false for anything else and leaves zeros.
         bool set(const std::string& text);
 
         // operator<=> compares byte by byte, from the first.
@@ -43,8 +43,8 @@ public:
         std::array<unsigned char, 6> bytes{};
     };
 
-    // IPAddress is one address of an interface and what belongs to it, in numeric text form; each is empty if there is
-    // none. A link-local IPv6 address has its zone behind a "%".
+    // IPAddress is one address of an interface and what belongs to it, as numbers in text form; what is missing is
+    // empty. A link-local IPv6 address ends in "%" and its zone.
     struct IPAddress {
         // address is the interface's own address.
         std::string address;
@@ -53,7 +53,7 @@ public:
         std::string netmask;
 
         // broadcast is only there for a link that can broadcast and is not point to point. For an IPv4 address that was
-        // set without one, libc gives the address itself, or that of its peer.
+        // set without one, libc reports the address itself, or that of its peer.
         std::string broadcast;
 
         // destination is the other end's address, only there for a point-to-point link.
@@ -62,7 +62,7 @@ public:
 
     // IpInterface is one usable interface.
     struct IpInterface {
-        // running tells whether the link was in operation at the last address seen; false for an interface without
+        // running is true if the link was in operation at the last address seen; false for an interface without
         // addresses.
         bool running = false;
 

@@ -31,15 +31,15 @@ bool ORVSerial::ms_bHasActiveNetIface = false;
 
 namespace {
 
-// One identifier: its text, its flag, and the text that fills in for a missing source.
+// Identifier is one of the identifiers: its text, its flag, and the placeholder for a text without a source.
 struct Identifier {
     std::string& text;
     bool& has;
-    const char* filler;
+    const char* placeholder;
 
     void reset() const {
         has = false;
-        text = filler;
+        text = placeholder;
     }
 
     void set(std::string_view value) const {
@@ -71,7 +71,7 @@ const Identifier* const ALL_IDENTIFIERS[] = {
     &SYSTEM_SERIAL_NUMBER, &CHASSIS_SERIAL_NUMBER, &MAIN_NET_IFACE,     &ACTIVE_NET_IFACE,
 };
 
-// The keys of the identifier file.
+// FILE_KEYS are the keys of the identifier file, in the order in which they are looked for.
 const struct {
     const char* key;
     const Identifier* identifier;
@@ -92,8 +92,8 @@ bool isOddFile(const char* path) {
     return stat(path, &status) == 0 && !S_ISREG(status.st_mode);
 }
 
-// Hands each line of `file`, or each piece of a line that `BUFFER_SIZE` cannot hold, to `takeLine`. True if the stream
-// had no fault and every line was good.
+// readLines hands each line of `file`, or each piece of a line that `BUFFER_SIZE` cannot hold, to `takeLine`. It
+// returns true if the stream had no fault and every line was good.
 template <size_t BUFFER_SIZE, class TakeLine>
 bool readLines(FILE* file, TakeLine takeLine) {
     char line[BUFFER_SIZE];
@@ -103,7 +103,8 @@ bool readLines(FILE* file, TakeLine takeLine) {
     return good && !ferror(file);
 }
 
-// Takes the value of a line "Key : value" of cpuinfo; false if there is none.
+// takeThirdWord takes the value of a line "Key : value" of cpuinfo. It returns false if the line has no value. Kept: it
+// is the third word whatever the first two are, at most 63 bytes of it.
 bool takeThirdWord(const char* line, const Identifier& identifier) {
     char word[64];
     if (sscanf(line, "%*s %*s %63s", word) != 1)
@@ -112,6 +113,7 @@ bool takeThirdWord(const char* line, const Identifier& identifier) {
     return true;
 }
 
+// takeCpuInfoLine takes the line if it is one of the two that count. It returns false if such a line has no value.
 bool takeCpuInfoLine(const char* line) {
     const std::string_view text = line;
     if (text.starts_with("Hardware"))
@@ -135,7 +137,7 @@ std::string_view withoutTrailingSpace(std::string_view text) {
     return text.substr(0, static_cast<size_t>(text.rend() - end));
 }
 
-// Takes the quotes off a value that begins with one; false if the same quote does not end it.
+// unquote takes the quotes off a value that begins with one. It returns false if the same quote does not end it.
 bool unquote(std::string_view& value) {
     if (value.empty() || (value.front() != '"' && value.front() != '\''))
         return true;
@@ -145,13 +147,14 @@ bool unquote(std::string_view& value) {
     return true;
 }
 
-// Sets the identifier of `key`, unless it has a source already.
+// setByFileKey sets the identifier of `key`, unless it has a source already.
 void setByFileKey(std::string_view key, std::string_view value) {
     for (const auto& entry : FILE_KEYS)
         if (!entry.identifier->has && key == entry.key)
             return entry.identifier->set(value);
 }
 
+// takeIdentifierLine takes a line of the identifier file. It returns false if the line is malformed.
 bool takeIdentifierLine(const char* line) {
     const std::string_view text = withoutLeadingSpace(line);
     if (text.empty() || text.front() == '#')

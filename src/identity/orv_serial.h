@@ -7,16 +7,16 @@
 #include <string>
 
 // ORVSerial holds the one set of identifiers of the process. Each is a text and a flag that is true exactly when a
-// source supplied the text; callers test the flag, as the text without a source is a filler. Before the first `load`
-// all texts are empty and all flags false.
+// source supplied the text; callers test the flag, because a text without a source is only a placeholder. Before the
+// first `load` all texts are empty and all flags false.
 //
 // The members are not protected: `load` is called on the main thread, and readers come after it has returned.
 class ORVSerial {
 public:
     ORVSerial() = delete;
 
-    // load forgets everything, a name set by `setActiveNetIface` included, puts the fillers in place and reads both
-    // sources, the second also when the first failed. It returns true when both were read without a fault. After false
+    // load forgets everything, a name set by `setActiveNetIface` included, puts the placeholders in place and reads
+    // both sources, the second even if the first failed. It returns true if both were read without a fault. After false
     // the members hold what was read up to the fault.
     static bool load();
 
@@ -25,7 +25,7 @@ public:
     static bool loadCpuInfo();
 
     // loadOrvantaIdentifiers reads /etc/orvanta/identifiers. It sets only what has no source yet, so that the kernel's
-    // values win, and among the lines the first. Values may stand in single or double quotes, without escapes; lines
+    // values win, and among the lines the first. Values may be in single or double quotes, without escapes; lines
     // that begin with "#" and unknown keys are ignored. A line of 128 bytes or more counts as several, and one with a
     // NUL byte ends there. It returns true if there is no file, and false if it cannot be read, isn't a regular file
     // or has a malformed line; the other lines count all the same.
@@ -34,7 +34,7 @@ public:
     // setActiveNetIface sets the name of the network interface in use, until the next `load`.
     static void setActiveNetIface(const std::string& name);
 
-    // ms_bLoaded tells whether `load` has run at least once.
+    // ms_bLoaded is true once `load` has run.
     static bool ms_bLoaded;
 
     // ms_strSerialNumber is cpuinfo's `Serial` or else the file's `ORV_SN`; without a source "[not defined]".

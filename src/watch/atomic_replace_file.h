@@ -3,10 +3,10 @@
 
 #include <string>
 
-// AtomicReplaceFile stands for one replacement of the file at a path. The new content is written to `m_strTemp`, which
-// lies in the same directory, so that the rename of `commit` can't cross file systems. Unless it was committed, the
-// destructor removes the temporary file: whatever ends the replacement early, the old file stays as it was and nothing
-// else is left. Nothing is synced to disk.
+// AtomicReplaceFile is one replacement of the file at a path. The caller writes the new content to `m_strTemp`, which
+// is in the same directory, so that the rename of `commit` can't cross file systems. Unless the replacement was
+// committed, the destructor removes the temporary file: whatever ends it early, the old file stays as it was and
+// nothing else is left. Nothing is synced to disk.
 class AtomicReplaceFile {
 public:
     // AtomicReplaceFile prepares the replacement of the file at `path`; no file is touched yet.
@@ -15,7 +15,8 @@ public:
     AtomicReplaceFile& operator=(const AtomicReplaceFile&) = delete;
     ~AtomicReplaceFile();
 
-    // commit renames the temporary file to the target. A failure is logged and gives false, and the target stays.
+    // commit renames the temporary file to the target. On a failure, which it logs, it returns false and
+    // the target stays.
     bool commit();
 
     // m_strTarget is the path to replace.

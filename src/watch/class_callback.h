@@ -1,9 +1,9 @@
 // class_callback.h: member functions as plain GLib callbacks.
 #pragma once
 
-// class_callback<Class, &Class::member>::call is a plain function with the member's arguments and result, and the
-// object as `void*` user data behind them. GLib gets it and the object's pointer; the object must outlive the
-// registration.
+// class_callback<Class, &Class::member>::call is a plain function with the member's result, the member's arguments and
+// after them the object as `void*` user data. GLib takes it together with the object's pointer; the object must outlive
+// the registration.
 //
 //     g_unix_signal_add(SIGTERM, class_callback<MainLoop, &MainLoop::terminate>::call, this);
 template <class Class, auto Member>

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <cstdint>
 
-// currentSeconds gives the present moment in whole seconds since the Unix epoch, cut, not rounded.
+// currentSeconds returns the present moment in whole seconds since the Unix epoch, cut, not rounded.
 inline int64_t currentSeconds() {
     using namespace std::chrono;
     return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();

@@ -24,6 +24,7 @@ FeatureProvider::FeatureProvider()
                  FeatureSource("/var/lib/orvanta/features.jws", "granted", "/etc/orvanta/features.pem")} {}
 
 void FeatureProvider::init(int64_t now) {
+    m_oList.reset();
     for (FeatureSource& source : m_aSources)
         source.reset();
     judge(now);
@@ -35,20 +36,30 @@ std::string FeatureProvider::inputPath(int inputId) const {
 
 bool FeatureProvider::dropInput(int inputId) {
     FeatureSource& source = m_aSources[inputId];
-    source.drop();
+    drop(source);
     return !source.fileExists() && judgeNow();
 }
 
 bool FeatureProvider::loadInput(int inputId) {
-    m_aSources[inputId].load();
+    load(m_aSources[inputId]);
     return judgeNow();
 }
 
 bool FeatureProvider::recheckAll(int64_t now) {
     for (FeatureSource& source : m_aSources)
         if (source.fileChanged())
-            source.load();
+            load(source);
     return judge(now);
+}
+
+void FeatureProvider::load(FeatureSource& source) {
+    m_oList.reset();
+    source.load();
+}
+
+void FeatureProvider::drop(FeatureSource& source) {
+    m_oList.reset();
+    source.drop();
 }
 
 // writeFeatures puts the document together from the texts of its entries, in the form that JSON::stringify prints.
@@ -75,39 +86,44 @@ std::vector<std::string> FeatureProvider::activeFeatureNames() const {
 bool FeatureProvider::judgeNow() {
     for (FeatureSource& source : m_aSources)
         if (source.wasDropped() && source.fileExists())
-            source.load();
+            load(source);
     return judge(currentSeconds());
 }
 
 // judge makes the list again for `now`, keeps it, and returns whether it, or the instant at which it changes, differs.
 bool FeatureProvider::judge(int64_t now) {
-    const FeatureList list = listAt(now);
+    if (m_oList && m_oList->holdsAt(now))
+        return false;
+    m_oList = makeList(now);
     Judgement judgement;
-    for (const Feature* feature : list.features) {
+    for (const Feature* feature : m_oList->features) {
         judgement.names.push_back(feature->name);
         judgement.entries += feature->text;
     }
-    judgement.next = list.next;
+    judgement.next = m_oList->next;
     const bool changed = judgement.entries != m_oJudged.entries || judgement.next != m_oJudged.next;
     m_oJudged = std::move(judgement);
     return changed;
 }
 
-// listAt walks all entries by rank. The entry listed under a name gives way when its time ends, or when one of higher
-// rank begins; entries of lower rank can't change the list before that.
+// listAt returns the list at `now`, which most often is the one last judged.
 FeatureProvider::FeatureList FeatureProvider::listAt(int64_t now) const {
-    FeatureList list;
+    return m_oList && m_oList->holdsAt(now) ? *m_oList : makeList(now);
+}
+
+// makeList walks all entries by rank. The entry listed under a name gives way when its time ends, or when one of higher
+// rank begins; entries of lower rank can't change the list before that.
+FeatureProvider::FeatureList FeatureProvider::makeList(int64_t now) const {
+    FeatureList list{{}, now, 0};
     std::map<std::string_view, const Feature*> listed;
     for (const FeatureSource& source : m_aSources) {
         for (const Feature& feature : source.features()) {
-            if (listed.contains(feature.name))
-                continue;
-            if (feature.startsAfter(now))
+            if (feature.startsAfter(now) && !listed.contains(feature.name))
                 list.next = earlier(list.next, feature.validFrom);
             if (!feature.isActive(now))
                 continue;
-            listed.emplace(feature.name, &feature);
-            if (feature.ends())
+            const bool isFirst = listed.emplace(feature.name, &feature).second;
+            if (isFirst && feature.ends())
                 list.next = earlier(list.next, feature.validUntil);
         }
     }

@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -55,10 +56,14 @@ public:
     std::vector<std::string> activeFeatureNames() const;
 
 private:
-    // FeatureList is the list at one moment.
+    // FeatureList is the list from one moment on until the instant `next`, or for good if that is 0. It points to what
+    // the sources hold, so it is gone as soon as one of them reads or drops its file.
     struct FeatureList {
         std::vector<const Feature*> features;
+        int64_t from = 0;
         int64_t next = 0;
+
+        bool holdsAt(int64_t now) const { return from <= now && (next == 0 || now < next); }
     };
 
     // Judgement is what distinguishes one list from another.
@@ -68,10 +73,14 @@ private:
         int64_t next = 0;
     };
 
+    void load(FeatureSource& source);
+    void drop(FeatureSource& source);
     FeatureList listAt(int64_t now) const;
+    FeatureList makeList(int64_t now) const;
     bool judge(int64_t now);
     bool judgeNow();
 
     std::array<FeatureSource, INPUT_COUNT> m_aSources;
+    std::optional<FeatureList> m_oList;  // as last judged
     Judgement m_oJudged;
 };

@@ -161,14 +161,15 @@ void FeatureSource::report(const std::optional<Refusal>& refusal) {
 }
 
 bool FeatureSource::fileExists() const {
-    struct stat status {};
     if (m_strPath.empty())
         return false;
+    struct stat status {};
     return stat(m_strPath.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
 bool FeatureSource::fileChanged() const {
-    return m_bTryAgain || stateOf(m_strPath) != m_oLoadedState || stateOf(m_strKeyPath) != m_oLoadedKeyState;
+    return m_bTryAgain || (m_bDropped && fileExists()) || stateOf(m_strPath) != m_oLoadedState ||
+           stateOf(m_strKeyPath) != m_oLoadedKeyState;
 }
 
 FeatureSource::FileState FeatureSource::stateOf(const std::string& path) {

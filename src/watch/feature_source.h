@@ -13,7 +13,7 @@
 //
 // Otherwise `serial`, `validFrom`, `validUntil` and `params` are optional; unknown members are ignored. An entry that
 // breaks the form is left out with a WARN that names the file, the entry's index and the reason, and the others are
-// taken. After twenty such records of one reading a last one tells how many more were left out.
+// taken. After twenty such records of one reading a last one says how many more were left out.
 //
 // A file that can't be used counts as empty, with one ERROR that names it and the reason; a missing file is not a
 // fault. Nothing of a file's content is logged.

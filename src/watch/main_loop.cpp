@@ -217,7 +217,7 @@ bool MainLoop::update(bool force) {
     const bool changed = g_oFeatureProvider.recheckAll(now);
     if (!changed && !force) {
         log_features(false);
-        return true;
+        return true;  // an armed timer stays as it is: the list still changes at its instant
     }
     log_features(true);
     cancelEvaluation();
@@ -247,7 +247,8 @@ void MainLoop::quit() {
 void MainLoop::scheduleEvaluation(int64_t now, int64_t next) {
     if (next <= 0 || next - now <= 0)
         return;
-    const guint interval = static_cast<uint32_t>(next - now) + 1;
+    const guint interval =
+        static_cast<uint32_t>(next - now) + 1;  // kept: cut to 32 bits; a check too early does no harm
     ORVLOG_INFO(gs_pAppLogger, "features check scheduled in %u seconds", interval);
     m_nEvaluationTimer =
         g_timeout_add_seconds(interval, class_callback<MainLoop, &MainLoop::evaluation_timeout>::call, this);

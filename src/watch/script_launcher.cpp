@@ -19,18 +19,20 @@ constexpr char RUN_BYTE = 'R';
 constexpr char QUIT_BYTE = 'Q';
 constexpr const char* PROCESS_NAME = "featurewatch-x";
 
+// writeByte sends one packet of one byte; it returns false on failure.
 bool writeByte(int fd, char byte) {
     return write(fd, &byte, 1) == 1;
 }
 
+// closeFd closes a descriptor, if there is one, and makes it -1.
 void closeFd(int& fd) {
     if (fd != -1)
         close(fd);
     fd = -1;
 }
 
-// redirectToNull puts /dev/null on the `count` descriptors from `first` on; if it can't be opened they stay as they
-// are.
+// redirectToNull puts /dev/null in place of the `count` descriptors from `first` on. If it can't be opened they stay as
+// they are.
 void redirectToNull(int flags, int first, int count) {
     const int null = open("/dev/null", flags | O_CLOEXEC);
     if (null == -1)
@@ -41,7 +43,7 @@ void redirectToNull(int flags, int first, int count) {
 }
 
 // enlargePipe lets the pipe hold as many packets as an ordinary process may have, so that a slow hook doesn't hold up
-// the daemon's write: a packet takes a whole slot, and a pipe has 16 to begin with.
+// the daemon's write: a packet takes a whole slot, and a new pipe has 16. If it can't be enlarged, 16 must do.
 void enlargePipe(int fd) {
     int size = 0;
     std::ifstream("/proc/sys/fs/pipe-max-size") >> size;
@@ -57,7 +59,7 @@ ScriptLauncher::ScriptLauncher(const std::string& cmdline) : m_strCmdline(cmdlin
 bool ScriptLauncher::start() {
     if (m_strCmdline.empty())
         return true;
-    std::signal(SIGCHLD, SIG_DFL);  // if the starter left it ignored, no exit status would ever be told
+    std::signal(SIGCHLD, SIG_DFL);  // if the starter left it ignored, waitpid would report no exit status
     int ends[2];
     if (pipe2(ends, O_CLOEXEC | O_DIRECT) == -1) {
         ORVLOG_ERROR(gs_pAppLogger, "failed to create script launcher pipe: %s", g_strerror(errno));
@@ -125,6 +127,8 @@ void ScriptLauncher::becomeLauncher() {
     exit(main());
 }
 
+// main is the life of the launcher process; it returns its exit status. Kept: a read that fails, even by a signal, ends
+// it, and the daemon meets a broken pipe at its next write.
 int ScriptLauncher::main() {
     for (;;) {
         m_aBuffer[0] = '\0';
@@ -142,6 +146,7 @@ int ScriptLauncher::main() {
     return 0;
 }
 
+// runCommand runs the command once. A failing command ends nothing and isn't repeated.
 void ScriptLauncher::runCommand() {
     ORVLOG_DEBUG(gs_pAppLogger, "running script: %s", m_strCmdline.c_str());
     const int status = system(m_strCmdline.c_str());

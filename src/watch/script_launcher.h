@@ -5,14 +5,13 @@
 #include <string>
 
 // ScriptLauncher runs a command line in a small process of its own, forked before the daemon gives up its rights, so
-// that the hook keeps the rights of the user that started the daemon. The two are joined by a packet pipe and nothing
-// else: the daemon writes one byte for each run and doesn't wait for the command, unless the pipe is full of runs to
-// come. Runs come one after the other; what is asked for during a run waits in the pipe, and each byte gives a run of
-// its own.
+// that the hook keeps the rights of the user who started the daemon. A packet pipe joins the two and nothing else does:
+// the daemon writes one byte for each run and doesn't wait for the command, unless the pipe is full of pending runs.
+// Runs follow one another; a byte written during a run waits in the pipe and has a run of its own.
 //
-// Life cycle: none, `start`, started, `stop`, stopped; `m_nPid` tells which. The launcher also ends when the daemon
-// dies, as it then reads an end of file. It is in a process group of its own, out of reach of a Ctrl-C in the
-// foreground. It leaves through `exit`: exit handlers registered before the fork run in it too.
+// Life cycle: no process, `start`, process, `stop`, no process. The launcher also ends when the daemon dies, because it
+// then reads an end of file. It is in a process group of its own, out of reach of a Ctrl-C in the foreground. It leaves
+// through `exit`: exit handlers registered before the fork run in it too.
 //
 // A dead launcher means a broken pipe, and SIGPIPE is left as it is: by default it ends the daemon.
 class ScriptLauncher {
@@ -23,17 +22,18 @@ public:
     ScriptLauncher& operator=(const ScriptLauncher&) = delete;
 
     // start makes the pipe and the process. Without a command line it does neither and is a success. A failure is
-    // logged, gives false and leaves nothing open. The process must still have one thread only.
+    // logged, returns false and leaves nothing open. The process must still have one thread only.
     bool start();
 
-    // launch asks for one run. Without a process it does nothing and is a success. A failure is logged and gives false.
+    // launch asks for one run. Without a process it does nothing and is a success. It returns false on a failure, which
+    // it logs.
     bool launch();
 
     // stop lets the runs that were asked for finish, ends the process and waits for it as long as that takes. Failures
     // are logged.
     void stop();
 
-    // hasProcess tells whether there is a launcher process.
+    // hasProcess returns whether there is a launcher process.
     bool hasProcess() const { return m_nPid != -1; }
 
 private:

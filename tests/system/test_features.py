@@ -15,7 +15,7 @@ class InstalledTest(WatchTest):
         return [pair for pair in self.records() if pair[0] not in ("INFO", "DEBUG")]
 
     def test_wrong_entries_are_left_out(self):
-        "Each wrong entry gives one WARN with the file and its index, at each reading; the others stand."
+        "Each wrong entry gives one WARN with the file and its index, at each reading; the others are taken."
         wrong = [
             {},
             {"name": ""},
@@ -110,7 +110,7 @@ class InstalledTest(WatchTest):
         self.assertIn(INSTALLED_FEATURES, text)
 
     def test_files_without_a_list_count_as_empty(self):
-        "A file that is no object, or whose features are no list, counts as empty, with one ERROR each."
+        "A file that is no object, or whose features are not a list, counts as empty, with one ERROR each."
         with Daemon() as daemon:
             self.wait_for_record(started(daemon.pid))
             for number, content in enumerate(("[]", "{}", '{"features": {}}', "null", ""), 1):

@@ -185,7 +185,7 @@ class GoodGrantTest(GrantTest):
         self.assertEqual(self.names(self.signer.grant("b", header={"kid": "1", "typ": "JWT"})), ["b"])
 
     def test_line_feed_at_the_end(self):
-        "A line feed behind the signature is no fault."
+        "A line feed after the signature is not a fault."
         self.assertEqual(self.names(self.signer.grant("a") + "\n"), ["a"])
 
     def test_one_mebibyte(self):
@@ -204,7 +204,7 @@ class GoodGrantTest(GrantTest):
         self.assertEqual(self.names(), [])
 
     def test_wrong_entries_are_left_out(self):
-        "Each wrong entry gives one WARN with the grant's path and its index; the others stand."
+        "Each wrong entry gives one WARN with the grant's path and its index; the others are taken."
         write_file(GRANT, self.signer.grant("a", {"name": ""}, "b", {"name": SECRET, "validFrom": "now"}))
         result = run_agent()
         self.assertEqual(feature_names(check_features_document(result.stdout)), ["a", "b"])
@@ -212,7 +212,7 @@ class GoodGrantTest(GrantTest):
         for record, index in zip(result.records, "13"):
             self.assertRegex(record.text, rf"^{GRANT}: left out feature {index}: ")
 
-    def test_installed_stands_before_granted(self):
+    def test_installed_goes_before_granted(self):
         "Of one name in both inputs the installed entry counts while it is active, else the granted one."
         ended, begins = {"validUntil": "2020-01-01T00:00:00Z"}, {"validFrom": "2098-01-01T00:00:00Z"}
         install_features({"name": "b"}, {"name": "d", **ended}, {"name": "e", **begins}, "a")
@@ -244,8 +244,8 @@ class SignatureTest(GrantTest):
             grant = self.signer.grant(SECRET, header={"alg": "ES256", "exp": 1, "crit": critical})
             self.assert_grant_refused(grant, "critical")
 
-    def test_header_that_is_none(self):
-        "A header that is no object is refused, though the key signed it."
+    def test_header_that_is_not_an_object(self):
+        "A header that is not an object is refused, though the key signed it."
         for header in (b"", b"[]", b"null", b'"ES256"', b'{"alg":"ES256"', b"\xff"):
             self.assert_bad_signature(self.signer.grant(SECRET, header=header))
 
@@ -281,7 +281,7 @@ class SignatureTest(GrantTest):
             signer.install_key()
             grant = signer.grant(SECRET)
             dots = [at for at, letter in enumerate(grant) if letter == "."]
-            # The last letter is left out: some of its bits stand for nothing.
+            # The last letter is left out: some of its bits mean nothing.
             places = {0, *dots, *(dot + side for dot in dots for side in (-1, 1)), len(grant) - 2}
             places.update(picker.sample(range(len(grant) - 1), 12))
             for place in sorted(places):
@@ -290,7 +290,7 @@ class SignatureTest(GrantTest):
             self.assertEqual(self.names(grant), [SECRET])
 
     def test_text_around_the_grant(self):
-        "What stands before the header or between the parts belongs to what is signed, so it breaks the signature."
+        "Text before the header or between the parts belongs to what is signed, so it breaks the signature."
         header, content, signature = self.signer.grant(SECRET).split(".")
         for text in (
             f"\n{header}.{content}.{signature}",
@@ -306,7 +306,7 @@ class SignatureTest(GrantTest):
             self.assert_bad_signature(text)
 
     def test_signature_in_der(self):
-        "An ECDSA signature in DER, as openssl writes it, is none."
+        "An ECDSA signature in DER, as openssl writes it, is refused."
         text = ".".join(base64url(json.dumps(part).encode()) for part in ({"alg": "ES256"}, payload(SECRET)))
         write_file(self.work_path("key.pem"), self.signer.private_key)
         self.assert_bad_signature(
@@ -336,7 +336,7 @@ class DeviceTest(GrantTest):
         self.assert_failure(run_agent("-d"), *NO_SERIAL_NUMBER)
 
     def test_serial_number_of_the_identifiers(self):
-        "A serial number that the appliance's own file gives counts as the device's."
+        "A serial number in the appliance's own file counts as the device's."
         set_cpuinfo("processor\t: 0\n")
         write_file(IDENTIFIERS, 'ORV_SN="unit 7"\n')
         self.assertEqual(self.names(self.signer.grant("a", serial="unit 7")), ["a"])
@@ -344,7 +344,7 @@ class DeviceTest(GrantTest):
 
 
 class PayloadTest(GrantTest):
-    def test_payload_that_is_none(self):
+    def test_payload_that_is_not_a_grant(self):
         "A signed payload that is not UTF-8, no object or has no list is refused, each with its reason."
         serial = f'{{"serial":"{DEFAULT_SERIAL}",'.encode()
         for content, reason in (
@@ -364,7 +364,7 @@ class PayloadTest(GrantTest):
             self.assert_grant_refused(self.signer.sign(content), reason)
 
     def test_grant_within_a_grant(self):
-        "A grant around a grant is none."
+        "A grant around a grant is refused."
         self.assert_grant_refused(self.signer.sign(self.signer.grant(SECRET).encode()), "not JSON")
 
 
@@ -412,7 +412,7 @@ class FileTest(GrantTest):
             stream.truncate(3 << 30)
         self.assert_refused(KEY, "64 KiB")
 
-    def test_key_that_is_no_regular_file(self):
+    def test_key_that_is_not_a_regular_file(self):
         "A directory or a FIFO in place of the key is refused at once."
         write_file(GRANT, self.signer.grant(SECRET))
         os.unlink(KEY)
@@ -522,7 +522,7 @@ class DaemonTest(GrantTest):
         self.assertEqual(self.runs(), 1)
 
     def test_key_that_only_root_can_read(self):
-        "A key that the daemon's user can't read is no key for it."
+        "A key that the daemon's user can't read is not a key for it."
         self.require_user_switch()
         write_file(GRANT, self.signer.grant(SECRET))
         os.chmod(KEY, 0o600)

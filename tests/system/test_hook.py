@@ -32,7 +32,7 @@ from harness import (
 
 class RunTest(WatchTest):
     def test_one_run_at_the_start(self):
-        "The start gives the hook one run, after the document was published."
+        "The hook has one run at the start, after the document was published."
         with Daemon(hook=f"cp /run/featurewatch/tally-features.json {WORK}/seen; {HOOK}") as daemon:
             daemon.stop()
             self.assertEqual(read_file(WORK + "/seen"), daemon.document_bytes())
@@ -52,7 +52,7 @@ class RunTest(WatchTest):
             daemon.stop()
         self.assertEqual(read_file(WORK + "/out"), b"c  'b' 2\n")
 
-    def test_success_gives_no_record(self):
+    def test_success_brings_no_record(self):
         "A hook that ends with status 0 leaves no record."
         with Daemon(hook=HOOK) as daemon:
             daemon.stop()
@@ -67,7 +67,7 @@ class RunTest(WatchTest):
         self.assertEqual(self.records(launcher), [("ERROR", text)] * 2)
 
     def test_exit_status_is_recorded(self):
-        "A hook's exit status other than 0 gives a record, and the next change a further run."
+        "A hook's exit status other than 0 brings a record, and the next change a further run."
         self.assert_survives("exit 3", "script exited with status 3")
 
     def test_starter_that_ignores_its_children(self):
@@ -79,11 +79,11 @@ class RunTest(WatchTest):
         self.assertEqual((result.status, [record for record in result.records if record.level == "ERROR"]), (0, []))
 
     def test_missing_command_is_recorded(self):
-        "A command that does not exist is the shell's status 127, and the next change gives a further run."
+        "A command that does not exist is the shell's status 127, and the next change brings a further run."
         self.assert_survives("exec /none", "script exited with status 127")
 
     def test_death_by_signal_is_recorded(self):
-        "A hook that a signal ended gives a record, and the next change a further run."
+        "A hook that a signal ended brings a record, and the next change a further run."
         self.assert_survives("kill -KILL $$", f"script terminated by signal {int(signal.SIGKILL)}")
 
     def test_stop_signal_of_the_hook_is_its_own(self):
@@ -140,7 +140,7 @@ class SurroundingsTest(WatchTest):
 
 class QueueTest(WatchTest):
     def test_changes_during_a_run(self):
-        "Three changes during one long run give three further runs, one after the other."
+        "Three changes during one long run bring three further runs, one after the other."
         with Daemon(hook=GATED_HOOK) as daemon:
             self.wait_for_runs(1)
             for name in ("a", "b", "c"):

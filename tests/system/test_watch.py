@@ -61,7 +61,7 @@ def features(*names):
 
 
 def halt(daemon):
-    """Stops the daemon: what it is told from now on waits for its SIGCONT."""
+    """Stops the daemon: what it receives from now on waits for its SIGCONT."""
     daemon.signal(signal.SIGSTOP)
     wait_for(lambda: process_state(daemon.pid) == "T", "the daemon's halt")
 
@@ -105,7 +105,7 @@ class DocumentTest(WatchTest):
         self.assertGreater(reader.reads, 200)
 
     def test_stale_temporary_file_is_overwritten(self):
-        "What a crash left of a longer temporary file is no part of the next document."
+        "What a crash left of a longer temporary file is not part of the next document."
         stale = FEATURES_DOCUMENT + ".tmp"
         write_file(stale, "x" * 10000)
         if has_user_switch():
@@ -166,7 +166,7 @@ class FileEventTest(WatchTest):
         self.assert_change(daemon, modified(), updated("b"))
 
     def test_two_quick_changes(self):
-        "Two changes of an input, one right behind the other, end in a document with the second."
+        "Two changes of an input, one right after the other, end in a document with the second."
         daemon = self.watch("a")
         content = read_file(INSTALLED_FEATURES)
         write_in_place(INSTALLED_FEATURES, content.replace(b'"a"', b'"b"'))
@@ -227,7 +227,7 @@ class FileEventTest(WatchTest):
         self.assert_change(daemon, modified(), updated())
 
     def test_attributes_do_not_matter(self):
-        "A change of mode or time of an input gives no record, no publication and no run."
+        "A change of mode or time of an input brings no record, no publication and no run."
         daemon = self.watch("a")
         os.chmod(INSTALLED_FEATURES, 0o604)
         os.utime(INSTALLED_FEATURES, (1, 1))
@@ -236,7 +236,7 @@ class FileEventTest(WatchTest):
         self.assert_change(daemon, modified(), updated("b"))
 
     def test_other_names_do_not_matter(self):
-        "Files of other names that come, change, move and go in the input's folder give no record."
+        "Files of other names that come, change, move and go in the input's folder bring no record."
         daemon = self.watch("a")
         for path in (ETC + "/other", INSTALLED_FEATURES + ".tmp"):
             write_file(path, features("x"))
@@ -249,7 +249,7 @@ class FileEventTest(WatchTest):
         self.assert_change(daemon, modified(), updated("b"))
 
     def test_same_content_is_no_change(self):
-        "An input that is replaced by an equal one gives the record of the event and no word about the list."
+        "An input that is replaced by an equal one brings the record of the event and none about the list."
         daemon = self.watch("a")
         document = daemon.document_bytes()
         install_features("a")
@@ -302,7 +302,7 @@ class RefusedWatchTest(WatchTest):
         self.assertEqual(len(self.warnings()), 1)
 
     def test_missing_folder(self):
-        "A folder that isn't there yet is no reason to warn."
+        "A folder that isn't there yet is not a reason to warn."
         remove_folder(ETC)
         with Daemon(hook=HOOK) as daemon:
             self.wait_for_record(started(daemon.pid))
@@ -325,7 +325,7 @@ class RefusedWatchTest(WatchTest):
 
 class SignalTest(WatchTest):
     def test_recheck_without_change(self):
-        "SIGHUP with nothing new gives its two records, leaves the document's file alone and does not run the hook."
+        "SIGHUP with nothing new brings its two records, leaves the document's file alone and does not run the hook."
         install_features("a")
         with Daemon(hook=HOOK) as daemon:
             before = os.stat(FEATURES_DOCUMENT)
@@ -337,8 +337,8 @@ class SignalTest(WatchTest):
         self.assertEqual(self.records(daemon.pid)[2:], [REQUESTED, UNCHANGED] * 3 + [TERMINATING])
         self.assertEqual(self.runs(), 1)
 
-    def test_recheck_finds_what_no_event_told(self):
-        "SIGHUP publishes a change that no file event told, here another file mounted over the input."
+    def test_recheck_finds_what_no_event_reported(self):
+        "SIGHUP publishes a change that no file event reported, here another file mounted over the input."
         install_features("a")
         with Daemon(hook=HOOK) as daemon:
             self.wait_for_record(started(daemon.pid))
@@ -377,7 +377,7 @@ class SignalTest(WatchTest):
             self.assertEqual(foreground_result(daemon).status, 0)
 
     def test_signals_at_once(self):
-        "SIGTERM, SIGINT and SIGHUP that all wait for the daemon end it once, with status 0 and nothing behind that."
+        "SIGTERM, SIGINT and SIGHUP that all wait for the daemon end it once, with status 0 and nothing after that."
         with Daemon(foreground=True) as daemon:
             daemon.wait_for_record("started")
             halt(daemon)
@@ -388,7 +388,7 @@ class SignalTest(WatchTest):
         records = [(record.level, record.text) for record in result.records[2:]]
         self.assertIn(records, ([TERMINATING], [REQUESTED, UNCHANGED, TERMINATING]), str(result))
 
-    def test_change_behind_a_stop_signal(self):
+    def test_change_after_a_stop_signal(self):
         "A change of an input that waits for the daemon beside SIGTERM is no longer looked at once the daemon ends."
         for number in range(8):  # which of the two comes first is up to GLib
             with Daemon(foreground=True) as daemon:
@@ -417,7 +417,7 @@ class SignalTest(WatchTest):
 
 class TimerTest(WatchTest):
     def wait_for_schedule(self, daemon, at):
-        """The record tells the time from the document's moment to `at`, and one second more."""
+        """The record names the time from the document's moment to `at`, and one second more."""
         self.wait_for_record(scheduled(at - seconds_of(daemon.document()["checkDate"]) + 1))
 
     def test_feature_expires(self):
@@ -452,7 +452,7 @@ class TimerTest(WatchTest):
         self.assertEqual(self.runs(), 3)
 
     def test_new_publication_replaces_the_timer(self):
-        "A publication sets the timer anew: the moment of the features that were replaced passes unnoticed."
+        "A publication sets the timer again: the moment of the features that were replaced passes unnoticed."
         now = int(time.time())
         install_features({"name": "short", "validUntil": instant(now + 2)})
         with Daemon(hook=HOOK) as daemon:
@@ -524,7 +524,7 @@ class TimerTest(WatchTest):
         self.assertEqual(texts.count(FAILED[1]), 1, str(result))
 
     def test_periodic_check(self):
-        "The hourly timer, made short, repeats: without a change it writes nothing, and it finds what no event told."
+        "The hourly timer, made short, repeats: without a change it writes nothing, and it finds what no event reported."
         install_features("a")
         with Daemon(hook=HOOK, env=preload(TEST_PERIOD="1")) as daemon:
             before = daemon.document_bytes()
@@ -612,7 +612,7 @@ class BadInputTest(WatchTest):
         self.assertEqual([level for level, _ in self.records()].count("ERROR"), 1)
 
     def test_one_error_for_each_bad_file(self):
-        "A bad file gives its one ERROR when it is read, and no further one at rechecks that find it unchanged."
+        "A bad file has its one ERROR when it is read, and no further one at rechecks that find it unchanged."
         with Daemon() as daemon:
             self.wait_for_record(started(daemon.pid))
             write_file(INSTALLED_FEATURES, "bad")

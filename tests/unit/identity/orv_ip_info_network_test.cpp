@@ -1,6 +1,6 @@
 // orv_ip_info_network_test.cpp: the inventory of network interfaces on a kernel's real ones.
 //
-// It makes its interfaces with ip and wants a network of its own for that, with a fresh /sys: the sandbox.
+// It makes its interfaces with ip and needs a network of its own for that, with a fresh /sys: the sandbox.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -114,7 +114,7 @@ protected:
         return names;
     }
 
-    // listed takes a snapshot and gives `name` in it; a default interface, which has no kind, if it isn't listed.
+    // listed takes a snapshot and returns `name` in it; a default interface, which has no kind, if it isn't listed.
     ORVIPInfo::IpInterface listed(const std::string& name) {
         m_oInfo.init();
         const auto found = m_oInfo.m_mapInterfaces.find(name);
@@ -223,8 +223,8 @@ TEST_F(OrvIpInfoNetwork, AddressesAreListedWithWhatBelongsToThem) {
     EXPECT_EQ(countOfRecords("DEBUG AF_INET: 172.16.5.1"), 1);
 }
 
-// The kernel keeps the peer, but the interface is no link from point to point: libc gives the peer as broadcast.
-TEST_F(OrvIpInfoNetwork, PeerOnAnEthernetInterfaceIsNoDestination) {
+// The kernel keeps the peer, but the interface is not a link from point to point: libc reports the peer as broadcast.
+TEST_F(OrvIpInfoNetwork, PeerOnAnEthernetInterfaceIsNotADestination) {
     addEth0();
     ip("address add 10.1.0.1 peer 10.1.0.2 dev eth0");
     EXPECT_THAT(inText(listed("eth0").ipv4), ElementsAre("10.1.0.1 255.255.255.255 10.1.0.2 -"));

@@ -72,7 +72,7 @@ Bytes bytesOf(const Address& address) {
     return {bytes, bytes + sizeof address};
 }
 
-// socketAddress gives the address that `text` names in exactly as many bytes as its family has; none for "".
+// socketAddress returns the address that `text` names in exactly as many bytes as its family has; none for "".
 Bytes socketAddress(const std::string& text, unsigned scope = 0) {
     if (text.empty()) {
         return {};
@@ -89,7 +89,7 @@ Bytes socketAddress(const std::string& text, unsigned scope = 0) {
     return bytesOf(ipv6);
 }
 
-// otherAddress gives an address of a family that is no IP.
+// otherAddress returns an address of a family other than IP.
 Bytes otherAddress(int family) {
     sockaddr address{};
     address.sa_family = static_cast<sa_family_t>(family);
@@ -108,9 +108,9 @@ struct Address {
 // Interface is one row of a machine.
 struct Interface {
     std::string name{};
-    std::optional<std::string> devtype{};  // as udev tells it
+    std::optional<std::string> devtype{};  // as udev reports it
     std::optional<std::string> type{"1"};  // the attribute in sysfs
-    std::string mac{};                     // the kernel gives no hardware address if it is empty
+    std::string mac{};                     // the kernel reports no hardware address if it is empty
     unsigned short family = ARPHRD_ETHER;  // of the hardware address
     unsigned flags = UP;
     std::vector<Address> addresses{};
@@ -160,7 +160,7 @@ public:
     std::map<std::string, Interface> devices;  // what udev finds
     std::map<std::string, Interface> hardware;
     std::vector<std::string> configured;  // the names for SIOCGIFCONF
-    std::optional<int> configuredLength;  // what it gives as its length; that of its entries if there is none
+    std::optional<int> configuredLength;  // what it reports as its length; that of its entries if empty
     std::vector<IndexedName> names;
     std::vector<Entry> entries;
 
@@ -172,7 +172,7 @@ public:
 
     std::vector<std::string> calls;
 
-    // callsWithout gives the calls without those that begin with `prefix`.
+    // callsWithout returns the calls without those that begin with `prefix`.
     std::vector<std::string> callsWithout(const std::string& prefix) const {
         std::vector<std::string> result;
         std::copy_if(calls.begin(), calls.end(), std::back_inserter(result),
@@ -184,7 +184,7 @@ public:
     void unrefUdev(udev* handle) { release("udev_unref", handle); }
 
     udev_device* newDevice(const udev* handle, const std::string& path) {
-        EXPECT_TRUE(m_oHeld.contains(handle)) << "a device wants a udev that lives";
+        EXPECT_TRUE(m_oHeld.contains(handle)) << "a device needs a udev that lives";
         const std::string folder = "/sys/class/net/";
         const bool isInterface = path.starts_with(folder);
         EXPECT_TRUE(isInterface) << path;
@@ -277,7 +277,7 @@ public:
         }
     }
 
-    // convert lets the system convert. A failure leaves rubbish behind.
+    // convert lets the system convert. A failure leaves rubbish in the buffer.
     int convert(const sockaddr* address, socklen_t length, char* host, socklen_t hostLength, socklen_t serviceLength,
                 int flags) {
         EXPECT_EQ(flags, NI_NUMERICHOST);
@@ -319,7 +319,7 @@ private:
         entries.push_back(linkEntry(interface.name, interface.flags));
     }
 
-    // addAddresses lists addresses behind the links, those of IPv6 last, as libc does.
+    // addAddresses lists addresses after the links, those of IPv6 last, as libc does.
     void addAddresses(const std::vector<Interface>& interfaces, bool isIpv6) {
         for (const Interface& interface : interfaces) {
             for (const Address& address : interface.addresses) {
@@ -333,7 +333,7 @@ private:
         }
     }
 
-    // fails takes a call down and tells whether it shall fail.
+    // fails takes a call down and returns whether it shall fail.
     bool fails(const std::string& call) {
         calls.push_back(call);
         onCall(call);
@@ -346,7 +346,7 @@ private:
         return fails(call) || !text ? nullptr : text->c_str();
     }
 
-    // hold keeps what is handed out, until it is given back; `handle` is what stands for it outside.
+    // hold keeps what is handed out, until it is given back; `handle` is its name outside.
     template <typename Owned, typename Handle>
     Handle* hold(const std::shared_ptr<Owned>& owned, Handle* handle) {
         m_oHeld[handle] = owned;
@@ -538,7 +538,7 @@ Interface loopback() {
             .addresses = {{"127.0.0.1", "255.0.0.0", ""}, {"::1", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", ""}}};
 }
 
-// many gives `count` Ethernet interfaces with an address each.
+// many returns `count` Ethernet interfaces with an address each.
 std::vector<Interface> many(int count) {
     std::vector<Interface> result;
     for (int i = 0; i < count; i++) {
@@ -548,7 +548,7 @@ std::vector<Interface> many(int count) {
     return result;
 }
 
-// labelled gives `text` behind its label, or nothing if there is none.
+// labelled returns the label followed by `text`, or nothing if `text` is empty.
 std::string labelled(const std::string& label, const std::string& text) {
     return text.empty() ? "" : " " + label + " " + text;
 }
@@ -768,7 +768,7 @@ const KindRow KINDS[] = {
     {"an attribute that begins like Ethernet", std::nullopt, "10", 0},
     {"an attribute that begins like PPP", std::nullopt, "5120", 0},
     {"an attribute with a nought in front", std::nullopt, "01", 0},
-    {"an attribute with a blank behind", std::nullopt, "1 ", 0},
+    {"an attribute with a blank after it", std::nullopt, "1 ", 0},
 };
 
 TEST_F(OrvIpInfo, KindDecidesWhatIsListedForItsHardware) {
@@ -961,7 +961,7 @@ TEST_F(OrvIpInfo, NameTooLongForTheRequestIsCut) {
     }
 }
 
-TEST_F(OrvIpInfo, LabelOfAnAddressIsNoInterface) {
+TEST_F(OrvIpInfo, LabelOfAnAddressIsNotAnInterface) {
     Machine machine({ethernet("eth0", MAC_0, {HOME})});
     machine.configured = {"eth0", "eth0:1"};
     machine.hardware["eth0:1"] = machine.hardware["eth0"];
@@ -1033,7 +1033,7 @@ TEST_F(OrvIpInfo, OtherFamiliesAddNothing) {
     }
 }
 
-TEST_F(OrvIpInfo, InterfaceThatComesUpAgainHasOnlyWhatTheAddressTells) {
+TEST_F(OrvIpInfo, InterfaceThatComesUpAgainHasOnlyWhatTheAddressReports) {
     Machine machine({ethernet("eth0", MAC_0, {HOME})});
     machine.entries = {ipEntry("eth0", {"10.0.0.1"}), linkEntry("eth0", DOWN), ipEntry("eth0", {"10.0.0.2"})};
     EXPECT_THAT(listingOf(machine), ElementsAre("eth0 kind 1 running", "  4: 10.0.0.2"));
@@ -1051,7 +1051,7 @@ TEST_F(OrvIpInfo, KindOfTheLastAddressCounts) {
     EXPECT_EQ(m_oInfo.m_mapInterfaces.at("if0").mac, MAC_0);
 }
 
-TEST_F(OrvIpInfo, LastAddressTellsWhetherTheLinkRuns) {
+TEST_F(OrvIpInfo, LastAddressDecidesWhetherTheLinkRuns) {
     const unsigned idle = UP & ~static_cast<unsigned>(IFF_RUNNING);
     for (const bool runs : {true, false}) {
         Machine machine({ethernet("eth0")});
@@ -1101,7 +1101,7 @@ struct OtherRow {
     std::string line;
 };
 
-TEST_F(OrvIpInfo, FlagsTellWhatTheOtherAddressIs) {
+TEST_F(OrvIpInfo, FlagsDecideWhatTheOtherAddressIs) {
     const OtherRow rows[] = {
         {"broadcast", IFF_BROADCAST, HOME, "192.168.1.2 mask 255.255.255.0 broadcast 192.168.1.255"},
         {"a link", IFF_POINTOPOINT, HOME, "192.168.1.2 mask 255.255.255.0 to 192.168.1.255"},

@@ -38,7 +38,7 @@ FILE* realFopen(const char* path, const char* mode) {
 struct Source {
     int openError = ENOENT;  // 0 lets the opening succeed
     std::string content;
-    int readError = 0;      // the fault behind the content; 0 gives the end of the file
+    int readError = 0;      // the fault after the content; 0 is the end of the file
     std::string instead{};  // if not empty, the real path that is opened in place of the content
     mode_t kind = S_IFREG;
 };
@@ -210,7 +210,7 @@ protected:
         gs_oIdentifiers = absent();
     }
 
-    // restart gives both sources a content and loads them.
+    // restart sets the content of both sources and loads them.
     static bool restart(const std::string& cpuInfo, const std::string& identifiers) {
         gs_oCpuInfo = holding(cpuInfo);
         gs_oIdentifiers = holding(identifiers);
@@ -363,7 +363,7 @@ TEST_F(OrvSerial, SetActiveNetIfaceSetsTextAndFlagOnly) {
 
 // loadCpuInfo
 
-TEST_F(OrvSerial, CpuInfoLines) {
+TEST_F(OrvSerial, ThirdWordOfACpuInfoLineIsItsValue) {
     const std::string longest(63, 'v');
     const Row rows[] = {
         {"", "", true, "an empty file"},
@@ -374,9 +374,9 @@ TEST_F(OrvSerial, CpuInfoLines) {
         {"Hardware\t: Some Board rev 2\n", "type=Some;", true, "the value ends at its first blank"},
         {"Serial : abc", "serial=abc;", true, "no line end at the end of the file"},
         {"Serial : abc\r\n", "serial=abc;", true, "CRLF"},
-        {"Serial : abc \t \n", "serial=abc;", true, "white space behind the value"},
+        {"Serial : abc \t \n", "serial=abc;", true, "white space after the value"},
         {"Serial number : x\n", "serial=:;", true, "the third word is what counts"},
-        {"Serial: abc def\n", "serial=def;", true, "a colon without a blank is no word"},
+        {"Serial: abc def\n", "serial=def;", true, "a colon without a blank is not a word"},
         {"Serialized x y\n", "serial=y;", true, "only the first six bytes are compared"},
         {"Hardware2 x y\n", "type=y;", true, "only the first eight bytes are compared"},
         {"Serial : a\xc3\xa4\xff\n", "serial=a\xc3\xa4\xff;", true, "bytes above 127"},
@@ -388,14 +388,14 @@ TEST_F(OrvSerial, CpuInfoLines) {
         {"Serial", "", false, "no further word and no line end"},
         {"Serial :\n", "", false, "no third word"},
         {"Serial :\r\n", "", false, "no third word, CRLF"},
-        {"Serial : \t \n", "", false, "white space is no word"},
+        {"Serial : \t \n", "", false, "white space is not a word"},
         {"Serial: abc\n", "", false, "two words"},
         {"Hardware\n", "", false, "no further word"},
         {"Hardware :\n", "", false, "no third word"},
-        {"Serial : a\nSerial : b\n", "serial=b;", true, "the last one stands"},
-        {"Hardware : a\nHardware : b\n", "type=b;", true, "the last one stands"},
+        {"Serial : a\nSerial : b\n", "serial=b;", true, "the last one counts"},
+        {"Hardware : a\nHardware : b\n", "type=b;", true, "the last one counts"},
         {"Serial : a\nSerial :\n", "serial=a;", false, "a failed line takes nothing away"},
-        {"Serial :\nSerial : b\nHardware : c\n", "serial=b;type=c;", false, "reading goes on behind a failed line"},
+        {"Serial :\nSerial : b\nHardware : c\n", "serial=b;type=c;", false, "reading goes on after a failed line"},
         {"processor : 0\n\nHardware : h\nRevision : r\nSerial : s\nModel : m\n", "serial=s;type=h;", true, "all"},
         {"Serial : " + longest + "\n", "serial=" + longest + ";", true, "63 characters"},
         {"Serial : " + longest + "w\n", "serial=" + longest + ";", true, "64 characters are cut"},
@@ -411,7 +411,7 @@ TEST_F(OrvSerial, CpuInfoLines) {
 }
 
 // A piece of a line has at most 2047 bytes, as the last of the buffer is the terminator.
-TEST_F(OrvSerial, CpuInfoLinesAtTheSizeOfTheBuffer) {
+TEST_F(OrvSerial, CpuInfoLineLongerThanTheBufferCountsAsSeveral) {
     const std::string fill2047(2047, 'x');
     const std::string fill2046(2046, 'x');
     const std::string blanks2038(2038, ' ');
@@ -422,7 +422,7 @@ TEST_F(OrvSerial, CpuInfoLinesAtTheSizeOfTheBuffer) {
         {fill2047 + "Serial : a\n", "serial=a;", true, "the second piece begins with the key"},
         {fill2046 + "Serial : a\n", "", true, "the key is cut"},
         {"Serial :" + blanks2038 + "v\n", "serial=v;", true, "the value is the last byte of the piece"},
-        {"Serial :" + blanks2038 + " v\n", "", false, "the value is behind the piece"},
+        {"Serial :" + blanks2038 + " v\n", "", false, "the value is in the next piece"},
         {"Serial :" + blanks2038 + "vw\n", "serial=v;", true, "the value is cut by the piece"},
         {std::string(100000, 'x') + "\nSerial : a\n", "serial=a;", true, "a very long line"},
     };
@@ -474,7 +474,7 @@ TEST_F(OrvSerial, CpuInfoReplacesAValueThatIsThere) {
 
 // loadOrvantaIdentifiers
 
-TEST_F(OrvSerial, IdentifierKeys) {
+TEST_F(OrvSerial, EachKeyOfTheFileSetsItsIdentifier) {
     const Row rows[] = {
         {"ORV_HW_TYPE=v\n", "type=v;", true, ""},
         {"ORV_SN=v\n", "serial=v;", true, ""},
@@ -491,11 +491,11 @@ TEST_F(OrvSerial, IdentifierKeys) {
         {"ORV_ACTIVE_IFACE_NAME=v\n", "", true, "no source has the active interface"},
         {"orv_sn=v\nOrv_Sn=v\n", "", true, "the case counts"},
         {"ORV_S=v\nORV_SNX=v\nXORV_SN=v\n", "", true, "the whole key counts"},
-        {"ORV_SN =v\n", "", true, "a blank behind the key belongs to it"},
+        {"ORV_SN =v\n", "", true, "a blank after the key belongs to it"},
         {"ORV_SN\t=v\n", "", true, "so does a tab"},
         {"export ORV_SN=v\n", "", true, "a blank inside the key"},
         {"=v\n=\n", "", true, "an empty key is an unknown one"},
-        {"OTHER=v\nORV_SN=s\n", "serial=s;", true, "an unknown key is no fault"},
+        {"OTHER=v\nORV_SN=s\n", "serial=s;", true, "an unknown key is not a fault"},
     };
     for (const Row& row : rows) {
         EXPECT_EQ(restart("", row.content), row.result) << row.why << ": " << row.content;
@@ -503,26 +503,26 @@ TEST_F(OrvSerial, IdentifierKeys) {
     }
 }
 
-TEST_F(OrvSerial, IdentifierValues) {
+TEST_F(OrvSerial, ValueLosesTrailingWhiteSpaceAndItsQuotes) {
     const Row rows[] = {
         {"ORV_SN=abc\n", "serial=abc;", true, "plain"},
         {"ORV_SN=abc", "serial=abc;", true, "no line end at the end of the file"},
         {"ORV_SN=abc\r\n", "serial=abc;", true, "CRLF"},
         {"ORV_SN=abc \t\v\f\r \n", "serial=abc;", true, "white space at the end"},
         {"ORV_SN=a b\n", "serial=a b;", true, "a blank inside"},
-        {"ORV_SN= abc\n", "serial= abc;", true, "a blank behind the ="},
-        {"ORV_SN=\tabc\n", "serial=\tabc;", true, "a tab behind the ="},
+        {"ORV_SN= abc\n", "serial= abc;", true, "a blank after the ="},
+        {"ORV_SN=\tabc\n", "serial=\tabc;", true, "a tab after the ="},
         {"ORV_SN=a=b\n", "serial=a=b;", true, "the first = counts"},
         {"ORV_SN==\n", "serial==;", true, "the first = counts"},
-        {"ORV_SN=#x\n", "serial=#x;", true, "no comment behind a key"},
-        {"ORV_SN=a # x\n", "serial=a # x;", true, "no comment behind a value"},
+        {"ORV_SN=#x\n", "serial=#x;", true, "no comment after a key"},
+        {"ORV_SN=a # x\n", "serial=a # x;", true, "no comment after a value"},
         {"ORV_SN=\n", "serial=;", true, "an empty value has its flag"},
         {"ORV_SN=", "serial=;", true, "an empty value at the end of the file"},
         {"ORV_SN=\r\n", "serial=;", true, "an empty value, CRLF"},
         {"ORV_SN= \t \n", "serial=;", true, "nothing but white space is an empty value"},
         {"ORV_SN=\"abc\"\n", "serial=abc;", true, "double quotes"},
         {"ORV_SN='abc'\n", "serial=abc;", true, "single quotes"},
-        {"ORV_SN=\"abc\" \n", "serial=abc;", true, "a blank behind the quote"},
+        {"ORV_SN=\"abc\" \n", "serial=abc;", true, "a blank after the quote"},
         {"ORV_SN='abc'\r\n", "serial=abc;", true, "quotes, CRLF"},
         {"ORV_SN='abc'", "serial=abc;", true, "quotes at the end of the file"},
         {"ORV_SN=\"\"\n", "serial=;", true, "nothing in quotes"},
@@ -537,7 +537,7 @@ TEST_F(OrvSerial, IdentifierValues) {
         {"ORV_SN=\"'abc'\"\n", "serial='abc';", true, "one pair of quotes is removed"},
         {"ORV_SN=abc\"\n", "serial=abc\";", true, "a quote at the end only stays"},
         {"ORV_SN=a\"b\"\n", "serial=a\"b\";", true, "quotes inside stay"},
-        {"ORV_SN= \"abc\"\n", "serial= \"abc\";", true, "quotes behind a blank stay"},
+        {"ORV_SN= \"abc\"\n", "serial= \"abc\";", true, "quotes after a blank stay"},
         {"ORV_SN=\xff\xc3\xa4\x80\n", "serial=\xff\xc3\xa4\x80;", true, "bytes above 127"},
         {"ORV_SN=\xa0z\xa0\x85\n", "serial=\xa0z\xa0\x85;", true, "bytes that some locales take for blanks"},
         {"\xa0ORV_SN=x\n", "", true, "such a byte in front belongs to the key"},
@@ -548,7 +548,7 @@ TEST_F(OrvSerial, IdentifierValues) {
     }
 }
 
-TEST_F(OrvSerial, IdentifierLinesThatAreIgnored) {
+TEST_F(OrvSerial, CommentsAndEmptyLinesOfTheFileAreIgnored) {
     const std::string lines[] = {
         "",       "\n", "\n\n\n",       "  \t \n",        "\v\f\r\n",
         "\r\n",   "#",  "# ORV_SN=x\n", "  # ORV_SN=x\n", "\t#ORV_SN=\"x\n",
@@ -569,7 +569,7 @@ TEST_F(OrvSerial, WhiteSpaceInFrontOfAKeyIsSkipped) {
     }
 }
 
-TEST_F(OrvSerial, BadIdentifierLineIsToldAndReadingGoesOn) {
+TEST_F(OrvSerial, BadIdentifierLineIsReportedAndReadingGoesOn) {
     const std::string lines[] = {
         "foo",         "ORV_SN",      "f o o",       "\xff",         "ORV_SN=\"abc'",  "ORV_SN='abc\"",
         "ORV_SN=\"",   "ORV_SN='",    "ORV_SN='abc", "ORV_SN=\"abc", "ORV_SN=\"a\" b", "ORV_SN=\"a\"#",
@@ -584,7 +584,7 @@ TEST_F(OrvSerial, BadIdentifierLineIsToldAndReadingGoesOn) {
     }
 }
 
-TEST_F(OrvSerial, BadLineOfAKeyThatHasItsValueIsToldAsWell) {
+TEST_F(OrvSerial, BadLineOfAKeyThatHasItsValueIsReportedToo) {
     EXPECT_FALSE(restart("Serial : s\n", "ORV_SN=\"abc\n"));
     EXPECT_EQ(state(), "serial=s;");
 }
@@ -607,7 +607,7 @@ TEST_F(OrvSerial, SecondReadingOfTheFileAddsOnlyWhatIsMissing) {
 }
 
 // A piece of a line has at most 127 bytes, as the last of the buffer is the terminator.
-TEST_F(OrvSerial, IdentifierLinesAtTheSizeOfTheBuffer) {
+TEST_F(OrvSerial, LineOfTheFileLongerThanTheBufferCountsAsSeveral) {
     const std::string value119(119, 'x');
     const std::string value120(120, 'x');
     const std::string line126 = filledLine("ORV_SN=", 126);
@@ -652,7 +652,7 @@ TEST_F(OrvSerial, LineOfTheFileEndsAtANulByte) {
     EXPECT_EQ(state(), "serial=y;");
 }
 
-TEST_F(OrvSerial, FileThatIsAbsentIsNoFault) {
+TEST_F(OrvSerial, AbsentFileIsNotAFault) {
     gs_oIdentifiers = absent(ENOENT);
     EXPECT_TRUE(ORVSerial::loadOrvantaIdentifiers());
     EXPECT_EQ(state(), "");

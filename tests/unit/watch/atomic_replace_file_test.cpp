@@ -123,7 +123,7 @@ TEST(AtomicReplaceFile, LinkIsReplacedAndNotWhatItPointsTo) {
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(folder / "features")));
 }
 
-TEST(AtomicReplaceFile, TargetThatIsADirectoryIsToldAndTheTemporaryFileRemoved) {
+TEST(AtomicReplaceFile, TargetThatIsADirectoryIsReportedAndTheTemporaryFileRemoved) {
     RecordCollector collector;
     const TempFolder folder;
     fs::create_directory(folder / "features");
@@ -138,7 +138,7 @@ TEST(AtomicReplaceFile, TargetThatIsADirectoryIsToldAndTheTemporaryFileRemoved) 
     EXPECT_FALSE(fs::exists(folder / "features.tmp"));
 }
 
-TEST(AtomicReplaceFile, MissingTemporaryFileIsToldAndTheTargetStays) {
+TEST(AtomicReplaceFile, MissingTemporaryFileIsReportedAndTheTargetStays) {
     RecordCollector collector;
     const TempFolder folder;
     folder.write("features", "old");
@@ -150,7 +150,7 @@ TEST(AtomicReplaceFile, MissingTemporaryFileIsToldAndTheTargetStays) {
     EXPECT_EQ(TempFolder::contentOf(folder / "features"), "old");
 }
 
-TEST(AtomicReplaceFile, CommitCanBeTriedAgainBehindAFailure) {
+TEST(AtomicReplaceFile, CommitCanBeTriedAgainAfterAFailure) {
     RecordCollector collector;
     const TempFolder folder;
     AtomicReplaceFile file(folder / "features");

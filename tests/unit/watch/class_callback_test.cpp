@@ -1,4 +1,4 @@
-// class_callback_test.cpp: member functions behind plain functions, by hand and as GLib's own sources and signals.
+// class_callback_test.cpp: member functions as plain functions, by hand and as GLib's own sources and signals.
 
 #include <gio/gio.h>
 #include <gtest/gtest.h>
@@ -42,7 +42,7 @@ struct Object : Base {
     std::string text;
 };
 
-// The results are plain functions with the object behind the member's arguments.
+// The results are plain functions with the object after the member's arguments.
 static_assert(std::is_same_v<decltype(&class_callback<Object, &Object::count>::call), gboolean (*)(void*)>);
 static_assert(std::is_same_v<decltype(&class_callback<Object, &Object::nothing>::call), void (*)(void*)>);
 static_assert(

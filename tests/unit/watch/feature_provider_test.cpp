@@ -103,7 +103,7 @@ protected:
         return m_oProvider.writeFeatures(now, stream);
     }
 
-    // namesAt gives the names in the document for `now`.
+    // namesAt returns the names in the document for `now`.
     Lines namesAt(int64_t now) const {
         Lines result;
         const JSON::root root = JSON::parse(document(now));
@@ -116,7 +116,7 @@ protected:
     FeatureProvider m_oProvider;
 };
 
-// window gives an entry with bounds in seconds since the epoch; -1 leaves a bound out.
+// window returns an entry with bounds in seconds since the epoch; -1 leaves a bound out.
 std::string window(const std::string& name, int64_t from, int64_t until, const std::string& params = "") {
     std::string text = R"({"name":")" + name + "\"";
     if (from != -1) {
@@ -216,7 +216,7 @@ TEST_F(FeatureProviderTest, DocumentFollowsWhatTheStreamHolds) {
     EXPECT_EQ(stream.str(), "before" + document());
 }
 
-TEST_F(FeatureProviderTest, FailedStreamIsNoFaultOfTheList) {
+TEST_F(FeatureProviderTest, FailedStreamIsNotAFaultOfTheList) {
     load(window("a", NOW - 1, NOW + 5));
     std::ostringstream stream;
     stream.setstate(std::ios::badbit);
@@ -234,7 +234,7 @@ TEST_F(FeatureProviderTest, WritingChangesNothing) {
 
 // --- One entry per name, in byte order
 
-TEST_F(FeatureProviderTest, NamesStandInByteOrder) {
+TEST_F(FeatureProviderTest, NamesAreInByteOrder) {
     load(R"({"name":"\u00e4"},{"name":"aa"},{"name":"a"},{"name":"Z"},{"name":"\u20ac"},{"name":"a b"},{"name":"a!"},)"
          R"({"name":"10"},{"name":"9"},{"name":" "})");
     const Lines expected = {" ", "10", "9", "Z", "a", "a b", "a!", "aa", "\xC3\xA4", "\xE2\x82\xAC"};
@@ -242,7 +242,7 @@ TEST_F(FeatureProviderTest, NamesStandInByteOrder) {
     EXPECT_EQ(m_oProvider.activeFeatureNames(), expected);
 }
 
-TEST_F(FeatureProviderTest, FirstActiveEntryOfANameStandsForIt) {
+TEST_F(FeatureProviderTest, FirstActiveEntryOfANameIsListed) {
     load(window("a", NOW + 10, NOW + 20, R"({"n":1})") + "," + window("a", NOW - 10, NOW + 15, R"({"n":2})") + "," +
          window("a", -1, -1, R"({"n":3})"));
     const auto shown = [&](int64_t now) {
@@ -355,7 +355,7 @@ TEST_F(FeatureProviderTest, MissingFileIsSilent) {
 struct ChangeRow {
     const char* what;
     std::string before;
-    std::string behind;
+    std::string after;
     bool changed;
 };
 
@@ -364,7 +364,7 @@ constexpr int64_t FAR = 7258118400;  // 2200-01-01T00:00:00Z
 constexpr int64_t PAST = 1577836800;
 constexpr int64_t LONG_AGO = 946684800;
 
-TEST_F(FeatureProviderTest, LoadingTellsWhetherTheListOrItsNextInstantChanged) {
+TEST_F(FeatureProviderTest, LoadingReturnsWhetherTheListOrItsNextInstantChanged) {
     const std::string a = R"({"name":"a"})";
     const std::string b = R"({"name":"b"})";
     const ChangeRow rows[] = {
@@ -386,7 +386,7 @@ TEST_F(FeatureProviderTest, LoadingTellsWhetherTheListOrItsNextInstantChanged) {
         {"number written otherwise", R"({"name":"a","params":{"x":10}})", R"({"name":"a","params":{"x":1e1}})", false},
         {"member of an active feature", window("a", LONG_AGO, -1), window("a", PAST, -1), true},
         {"end of an active feature", window("a", -1, FAR), window("a", -1, FAR + 1), true},
-        {"repetition behind the first", a, a + R"(,{"name":"a","params":{}})", false},
+        {"repetition after the first", a, a + R"(,{"name":"a","params":{}})", false},
         {"repetition before the first", a, R"({"name":"a","params":{}},)" + a, true},
         {"broken entry", a, a + ",5", false},
         {"past feature", a, a + "," + window("b", LONG_AGO, PAST), false},
@@ -409,7 +409,7 @@ TEST_F(FeatureProviderTest, LoadingTellsWhetherTheListOrItsNextInstantChanged) {
         m_oProvider.init(NOW);
         load(row.before);
         EXPECT_FALSE(m_oProvider.loadInput(0));
-        EXPECT_EQ(load(row.behind), row.changed);
+        EXPECT_EQ(load(row.after), row.changed);
         EXPECT_FALSE(m_oProvider.loadInput(0));
         EXPECT_FALSE(m_oProvider.recheckAll(currentSeconds()));
     }
@@ -432,7 +432,7 @@ TEST_F(FeatureProviderTest, RecheckJudgesForTheMomentGiven) {
     EXPECT_FALSE(m_oProvider.recheckAll(1'000'000));
 }
 
-TEST_F(FeatureProviderTest, RecheckTellsThatOnlyTheNextInstantIsAnother) {
+TEST_F(FeatureProviderTest, RecheckReportsAChangeIfOnlyTheNextInstantIsAnother) {
     // the same list at 10 and at 40, but the next changes are at 20 and at 50
     load(window("a", 20, 30) + "," + window("a", 50, 60));
     m_oProvider.recheckAll(10);
@@ -636,7 +636,7 @@ TEST_F(FeatureProviderTest, NextInstantIsTheFirstChangeOfTheListShown) {
         {"end to come", window("a", -1, 100), 99, 100},
         {"end is now", window("a", -1, 100), 100, 0},
         {"begin before end", window("a", 100, 200), 50, 100},
-        {"end behind begin", window("a", 100, 200), 100, 200},
+        {"end after begin", window("a", 100, 200), 100, 200},
         {"empty window", window("a", 100, 100), 50, 0},
         {"reversed window", window("a", 200, 100), 50, 0},
         {"reversed window, between its bounds", window("a", 200, 100), 150, 0},
@@ -648,7 +648,7 @@ TEST_F(FeatureProviderTest, NextInstantIsTheFirstChangeOfTheListShown) {
         {"first entry takes over", window("a", 100, 200) + "," + window("a", -1, -1), 50, 100},
         {"second entry takes over", window("a", 100, 200) + "," + window("a", -1, -1), 100, 200},
         {"hand-over with other members", window("a", -1, 100) + "," + window("a", 100, -1), 50, 100},
-        {"third entry behind two", window("a", -1, 200) + "," + window("a", -1, 300) + "," + window("a", 50, 400), 60,
+        {"third entry after two", window("a", -1, 200) + "," + window("a", -1, 300) + "," + window("a", 50, 400), 60,
          200},
         {"same bounds twice", window("a", 100, 200) + "," + window("a", 100, 200), 150, 200},
         {"one name hidden, another not", window("a", -1, -1) + "," + window("a", 100, 200) + "," + window("b", 150, -1),
@@ -789,16 +789,16 @@ TEST_F(FeatureProviderTest, TenThousandFeatures) {
 }
 
 TEST_F(FeatureProviderTest, TenThousandEntriesOfOneName) {
-    std::string behindOneAnother;
+    std::string oneAfterAnother;
     std::string hidden = window("x", -1, -1);
     std::string ends;
     for (int i = 0; i < 10000; i++) {
         const char* comma = i ? "," : "";
-        behindOneAnother += comma + window("x", NOW + i, NOW + i + 1);
+        oneAfterAnother += comma + window("x", NOW + i, NOW + i + 1);
         hidden += "," + window("x", NOW + i, NOW + i + 5);
         ends += comma + window("x", -1, NOW + 10000 - i);
     }
-    load(behindOneAnother);
+    load(oneAfterAnother);
     EXPECT_EQ(next(NOW - 1), NOW);
     EXPECT_EQ(next(NOW + 5000), NOW + 5001);
     EXPECT_EQ(next(NOW + 10000), 0);

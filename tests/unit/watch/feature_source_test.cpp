@@ -1,4 +1,5 @@
-// feature_source_test.cpp: one input file: what is taken from it, what is left out and told, when it counts as another.
+// feature_source_test.cpp: one input file: what is taken from it, what is left out with a record, when it counts as
+// another.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -12,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "identity/orv_serial.h"
 #include "unit/record_collector.h"
+#include "unit/watch/device_serial.h"
 #include "watch/feature_source.h"
 
 namespace {
@@ -31,7 +32,7 @@ constexpr int64_t ALWAYS = std::numeric_limits<int64_t>::min();
 constexpr int64_t NEVER = std::numeric_limits<int64_t>::max();
 constexpr size_t LIMIT = 1024 * 1024;
 
-// SECRET stands wherever a file's content must not reach a record.
+// SECRET is part of every content that must not reach a record.
 const std::string SECRET = "SeCrEt";
 
 class FeatureSourceTest : public testing::Test {
@@ -44,17 +45,6 @@ protected:
     ~FeatureSourceTest() override {
         alarm(0);
         clearSerial();
-    }
-
-    static void setSerial(const std::string& serial) {
-        ORVSerial::ms_strSerialNumber = serial;
-        ORVSerial::ms_bHasSerialNumber = true;
-        ORVSerial::ms_bLoaded = true;
-    }
-    static void clearSerial() {
-        ORVSerial::ms_strSerialNumber = "[not defined]";
-        ORVSerial::ms_bHasSerialNumber = false;
-        ORVSerial::ms_bLoaded = true;
     }
 
     std::string path() const { return m_oFolder / "features.json"; }
@@ -84,7 +74,7 @@ protected:
         return text;
     }
 
-    // reasonOf gives the reason of the only record: what it says besides the path.
+    // reasonOf returns the reason of the only record: what it says besides the path.
     std::string reasonOf(const RecordCollector& collector, const std::string& level) const {
         EXPECT_THAT(collector.lines(), SizeIs(1));
         if (collector.lines().size() != 1) {
@@ -182,7 +172,7 @@ TEST_F(FeatureSourceTest, TakesWellFormedEntries) {
         // unknown members, also those that an entry of the document has, are ignored whatever they hold
         {R"({"name":"a","other":1e999,"source":"mine","Name":5,"serial":7,"validfrom":"x","param":[]})",
          R"({ "name": "a", "source": "installed" })", ALWAYS, NEVER},
-        // an empty window is no fault: the feature is just never active
+        // an empty window is not a fault: the feature is just never active
         {R"({"name":"a","validFrom":"2026-01-01T00:00:01Z","validUntil":"2026-01-01T00:00:00Z"})",
          R"({ "name": "a", "source": "installed", "validFrom": "2026-01-01T00:00:01Z", )"
          R"("validUntil": "2026-01-01T00:00:00Z" })",
@@ -202,7 +192,7 @@ TEST_F(FeatureSourceTest, TakesWellFormedEntries) {
     }
 }
 
-// InstantRow is a text in the form of the document's checkDate, and what it stands for.
+// InstantRow is a text in the form of the document's checkDate, and its seconds since the epoch.
 struct InstantRow {
     const char* text;
     int64_t seconds;
@@ -226,7 +216,7 @@ TEST_F(FeatureSourceTest, ReadsInstants) {
     }
 }
 
-// BAD_INSTANTS are JSON values that are no instant in exactly the form of checkDate.
+// BAD_INSTANTS are JSON values that are not an instant in exactly the form of checkDate.
 const char* const BAD_INSTANTS[] = {
     R"("")",
     R"("SeCrEt")",
@@ -330,7 +320,7 @@ TEST_F(FeatureSourceTest, LeavesBrokenEntriesOut) {
     }
 }
 
-TEST_F(FeatureSourceTest, OneWarningForEachBrokenEntryNamesItsIndexAndTheOthersStand) {
+TEST_F(FeatureSourceTest, OneWarningForEachBrokenEntryNamesItsIndexAndTheOthersAreTaken) {
     RecordCollector collector;
     load(R"({"features":[{"name":"a"},{"name":""},{"name":"b"},17,{"name":"a"},{"name":"c","params":[],)"
          R"("validFrom":"x"},{"name":"d"}]})");
@@ -344,7 +334,7 @@ TEST_F(FeatureSourceTest, OneWarningForEachBrokenEntryNamesItsIndexAndTheOthersS
     }
 }
 
-TEST_F(FeatureSourceTest, WarningsTellTheirReasonsApart) {
+TEST_F(FeatureSourceTest, EachFaultOfAnEntryHasItsOwnReason) {
     std::set<std::string> reasons;
     for (const char* text : {"5", R"({"name":""})", R"({"name":"a","validFrom":1})", R"({"name":"a","validUntil":1})",
                              R"({"name":"a","params":1})", R"({"name":"a","params":{"x":1e999}})"}) {
@@ -355,7 +345,7 @@ TEST_F(FeatureSourceTest, WarningsTellTheirReasonsApart) {
     EXPECT_THAT(reasons, SizeIs(6));
 }
 
-TEST_F(FeatureSourceTest, EmptyListIsNoFault) {
+TEST_F(FeatureSourceTest, EmptyListIsNotAFault) {
     RecordCollector collector;
     load(R"({"features":[]})");
     EXPECT_THAT(names(), IsEmpty());
@@ -387,7 +377,7 @@ TEST_F(FeatureSourceTest, TenThousandFeatures) {
     EXPECT_EQ(m_oSource.features()[9999].name, "feature-9999");
 }
 
-// nested gives `depth` objects around a value.
+// nested returns `depth` objects around a value.
 std::string nested(int depth, const std::string& value) {
     std::string text;
     for (int i = 0; i < depth; i++) {
@@ -396,7 +386,7 @@ std::string nested(int depth, const std::string& value) {
     return text + value + std::string(static_cast<size_t>(depth), '}');
 }
 
-// printed gives the same as it is printed on one line. What stands inside 100 containers is deep enough.
+// printed returns the same in the form in which it is printed on one line.
 std::string printed(int depth, const std::string& value) {
     std::string text;
     std::string tail;
@@ -486,7 +476,7 @@ TEST_F(FeatureSourceTest, SerialNumberIsNotLogged) {
 
 // --- Files that can't be used
 
-// UNUSABLE_DOCUMENTS are no object with a list of features.
+// UNUSABLE_DOCUMENTS are not an object with a list of features.
 const char* const UNUSABLE_DOCUMENTS[] = {
     "",
     " \n",
@@ -694,7 +684,7 @@ void setModified(const std::string& path, int64_t seconds, int64_t nanoseconds) 
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
 }
 
-TEST_F(FeatureSourceTest, SizeAndModificationTimeTellAFileFromAnother) {
+TEST_F(FeatureSourceTest, AnotherSizeOrModificationTimeMeansAnotherFile) {
     m_oFolder.write("features.json", R"({"features":[{"name":"a"}]})");
     setModified(path(), 1000, 5);
     m_oSource.load();
@@ -714,7 +704,7 @@ TEST_F(FeatureSourceTest, SizeAndModificationTimeTellAFileFromAnother) {
     EXPECT_THAT(names(), ElementsAre("a"));
 }
 
-TEST_F(FeatureSourceTest, InodeTellsAFileFromAnother) {
+TEST_F(FeatureSourceTest, AnotherInodeMeansAnotherFile) {
     load(R"({"features":[{"name":"a"}]})");
     const std::string other = m_oFolder.write("other.json", R"({"features":[{"name":"b"}]})");
     struct stat state {};

@@ -147,7 +147,7 @@ inline std::string plainSignature(EVP_PKEY* key, const EVP_MD* digest, const std
     return signature;
 }
 
-// signatureOf returns the signature as it stands in a grant.
+// signatureOf returns the signature in the form that a grant has.
 inline std::string signatureOf(const Kind& kind, EVP_PKEY* key, const std::string& text) {
     const std::string plain = plainSignature(key, kind.digest(), text);
     if (kind.half == 0)

@@ -1,5 +1,5 @@
 // grant_source_test.cpp: a file of granted features: which signature, key, device and payload it must have, what is
-// told where one is wrong, and when the key's file makes it another one.
+// reported where one is wrong, and when the key's file makes it another one.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "foundation/strfmt.h"
-#include "identity/orv_serial.h"
 #include "unit/record_collector.h"
+#include "unit/watch/device_serial.h"
 #include "unit/watch/grant_signer.h"
 #include "watch/feature_source.h"
 
@@ -33,7 +33,7 @@ using testing::StartsWith;
 
 constexpr size_t LIMIT = 1024 * 1024;
 
-// SECRET stands wherever a file's content must not reach a record.
+// SECRET is part of every content that must not reach a record.
 const std::string SECRET = "SeCrEt";
 
 // --- The tests
@@ -48,16 +48,6 @@ protected:
     }
     ~GrantSourceTest() override { alarm(0); }
 
-    static void setSerial(const std::string& serial) {
-        ORVSerial::ms_strSerialNumber = serial;
-        ORVSerial::ms_bHasSerialNumber = true;
-        ORVSerial::ms_bLoaded = true;
-    }
-    static void clearSerial() {
-        setSerial("[not defined]");
-        ORVSerial::ms_bHasSerialNumber = false;
-    }
-
     std::string path() const { return m_oFolder / "features.jws"; }
     std::string keyPath() const { return m_oFolder / "features.pem"; }
 
@@ -71,14 +61,14 @@ protected:
         return result;
     }
 
-    // namesOf loads a grant and gives the names of its features.
+    // namesOf loads a grant and returns the names of its features.
     Lines namesOf(const std::string& text) {
         m_oFolder.write("features.jws", text);
         m_oSource.load();
         return names();
     }
 
-    // reasonOf loads what stands at the path, which must count as empty with one ERROR, and gives the reason.
+    // reasonOf loads the file at the path, which must count as empty with one ERROR, and returns the reason.
     std::string reasonOf() {
         RecordCollector collector;
         m_oSource.load();
@@ -174,7 +164,7 @@ TEST_F(GrantSourceTest, HeaderWithCriticalMembersIsRefusedThoughTheKeySigned) {
     }
 }
 
-TEST_F(GrantSourceTest, HeaderThatIsNoObjectIsRefused) {
+TEST_F(GrantSourceTest, HeaderThatIsNotAnObjectIsRefused) {
     for (const char* header : {"", "null", "[]", "5", R"("ES256")", R"({"alg":"ES256")", R"({"alg":"ES256"} x)"})
         expectBadSignature(grant(ES256, header, PAYLOAD));
 }
@@ -201,7 +191,7 @@ TEST_F(GrantSourceTest, KeyOfAnotherKindIsRefused) {
             }
 }
 
-TEST_F(GrantSourceTest, PublicKeyIsNoSecretToSignWith) {
+TEST_F(GrantSourceTest, PublicKeyIsNotASecretToSignWith) {
     for (const Kind& kind : KINDS) {
         installKey(kind);
         const std::string secret = publicPEM(keyOf(typeOf(kind)));
@@ -269,7 +259,7 @@ TEST_F(GrantSourceTest, TextsWithoutThreeSegmentsAreRefused) {
         expectBadSignature(text);
 }
 
-TEST_F(GrantSourceTest, LineFeedAtTheEndIsNoFault) {
+TEST_F(GrantSourceTest, LineFeedAtTheEndIsNotAFault) {
     RecordCollector collector;
     for (const char* end : {"\n", "\r\n", "\n\n", " ", "=="})
         EXPECT_THAT(namesOf(grant(PAYLOAD) + end), ElementsAre("a"));
@@ -307,7 +297,7 @@ std::string othersFor(char letter, size_t at, bool few) {
     return others;
 }
 
-// isSameEnd tells whether two letters at the end of a signature stand for the same bytes: 64 and 256 bytes leave the
+// isSameEnd returns whether two letters at the end of a signature mean the same bytes: 64 and 256 bytes leave the
 // lowest four bits of the last letter unused, 96 bytes none.
 bool isSameEnd(const Kind& kind, char one, char other) {
     const size_t second = ALPHABET.find(other);
@@ -392,7 +382,7 @@ TEST_F(GrantSourceTest, DeviceWithoutASerialNumberTakesNoGrant) {
 
 // --- The payload
 
-TEST_F(GrantSourceTest, PayloadThatIsNoGrantIsRefusedThoughTheKeySigned) {
+TEST_F(GrantSourceTest, PayloadThatIsNotAGrantIsRefusedThoughTheKeySigned) {
     const struct {
         std::string payload;
         const char* reason;
@@ -420,7 +410,7 @@ TEST_F(GrantSourceTest, PayloadThatIsNoGrantIsRefusedThoughTheKeySigned) {
         EXPECT_THAT(reasonOf(grant(row.payload)), HasSubstr(row.reason)) << row.payload;
 }
 
-TEST_F(GrantSourceTest, EmptyListIsNoFault) {
+TEST_F(GrantSourceTest, EmptyListIsNotAFault) {
     RecordCollector collector;
     EXPECT_THAT(namesOf(grant(R"({"serial":"0000abcd","features":[]})")), IsEmpty());
     EXPECT_THAT(collector.lines(), IsEmpty());
@@ -469,7 +459,7 @@ TEST_F(GrantSourceTest, DirectoryAndFifoInPlaceOfTheGrantCountAsEmpty) {
     EXPECT_THAT(reasonOf(), HasSubstr("regular"));
 }
 
-TEST_F(GrantSourceTest, PlainListIsNoGrantAndAGrantIsNoPlainList) {
+TEST_F(GrantSourceTest, PlainListIsNotAGrantAndAGrantIsNotAPlainList) {
     expectBadSignature(PAYLOAD);
     m_oFolder.write("features.jws", grant(PAYLOAD));
     FeatureSource plain(path(), "installed");
@@ -586,7 +576,7 @@ TEST_F(GrantSourceTest, DirectoryAndFifoInPlaceOfTheKeyMakeTheGrantUnusable) {
     expectUnusableKey();
 }
 
-TEST_F(GrantSourceTest, KeyMayStandBehindALinkAndAmongOtherText) {
+TEST_F(GrantSourceTest, KeyMayBeReachedByALinkAndSurroundedByOtherText) {
     const std::string pem = publicPEM(keyOf("P-256"));
     RecordCollector collector;
     installKey("the key of 2026\n" + pem + "end\n");
@@ -620,7 +610,7 @@ TEST_F(GrantSourceTest, UnreadableKeyMakesTheGrantUnusable) {
     EXPECT_THAT(reason, HasSubstr("key " + keyPath()));
 }
 
-TEST_F(GrantSourceTest, ReasonsAreToldApart) {
+TEST_F(GrantSourceTest, EachFaultHasItsOwnReason) {
     std::set<std::string> reasons = {reasonOf(SECRET),        reasonOf(grant(R"({"features":[]})")),
                                      reasonOf(grant(SECRET)), reasonOf(grant("\xff")),
                                      reasonOf(grant("[]")),   reasonOf(grant(R"({"serial":"0000abcd"})"))};

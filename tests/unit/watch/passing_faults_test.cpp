@@ -1,7 +1,7 @@
 // passing_faults_test.cpp: faults of the system that pass: what they take away comes back at the next look.
 //
-// This file replaces open, fstat, fread and fopen for its test program, so that the call for one path fails as often as
-// a test asks. It runs in the sandbox.
+// This file replaces open, stat, fstat, fread and fopen for its test program, so that the call for one path fails as
+// often as a test asks. It runs in the sandbox.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -76,6 +76,10 @@ extern "C" int open(const char* path, int flags, ...) {
 
 extern "C" int fstat(int fd, struct stat* status) {
     return isDue("fstat", pathOf(fd)) ? -1 : real<int (*)(int, struct stat*)>("fstat")(fd, status);
+}
+
+extern "C" int stat(const char* path, struct stat* status) {
+    return isDue("stat", path) ? -1 : real<int (*)(const char*, struct stat*)>("stat")(path, status);
 }
 
 // A read that is to fail finds the memory of address 0, which nobody can read, in place of the file.
@@ -204,6 +208,20 @@ TEST_F(PassingFaults, SerialNumberThatBecomesKnownMakesTheGrantGood) {
     EXPECT_TRUE(recheck());
     EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("granted", "installed"));
     EXPECT_THAT(collector.lines(), SizeIs(1));
+}
+
+TEST_F(PassingFaults, FileThatCannotBeLookedAtIsNotOneThatIsGone) {
+    m_oProvider.loadInput(0);
+    m_oProvider.loadInput(1);
+    for (const int error : {EIO, ENOMEM, EACCES}) {
+        SCOPED_TRACE(strerror(error));
+        gs_oFault = {"stat", INSTALLED, error, 1};
+        EXPECT_FALSE(m_oProvider.dropInput(0));
+        EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("granted", "installed"));
+        gs_oFault = {"stat", INSTALLED, error, 1};
+        EXPECT_FALSE(recheck()) << "the file is read again";
+        EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("granted", "installed"));
+    }
 }
 
 TEST_F(PassingFaults, MissingKeyIsNotAFaultThatPasses) {

@@ -94,7 +94,7 @@ static_assert(!std::is_copy_constructible_v<ScriptLauncher> && !std::is_copy_ass
 
 using Descriptors = std::map<int, std::string>;
 
-// openDescriptors gives what a process has open.
+// openDescriptors returns what a process has open.
 Descriptors openDescriptors(pid_t pid) {
     Descriptors result;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
@@ -106,7 +106,7 @@ Descriptors openDescriptors(pid_t pid) {
     return result;
 }
 
-// newDescriptor gives the one that is open now and wasn't before; -1 if it isn't exactly one.
+// newDescriptor returns the one that is open now and wasn't before; -1 if it isn't exactly one.
 int newDescriptor(const Descriptors& before) {
     int result = -1;
     for (const auto& [fd, target] : openDescriptors(getpid())) {
@@ -132,7 +132,7 @@ protected:
         gs_oFaults = {};
     }
 
-    // linesOf gives the lines that commands have written to the file `name`.
+    // linesOf returns the lines that commands have written to the file `name`.
     Lines linesOf(const std::string& name = "out") const {
         std::istringstream stream(TempFolder::contentOf(m_oFolder / name));
         Lines lines;
@@ -141,8 +141,8 @@ protected:
         return lines;
     }
 
-    // recordToFile sends the records of this process and of a launcher to the file "records", which is opened anew for
-    // each, as a launcher keeps no descriptor of the daemon's.
+    // recordToFile sends the records of this process and of a launcher to the file "records", which is opened again for
+    // each, because a launcher keeps no descriptor of the daemon's.
     void recordToFile() const {
         const auto append = [path = m_oFolder / "records"](const Record& record) {
             std::ofstream(path, std::ios::app) << record.logger << " " << record.level << " " << record.text << "\n";
@@ -240,7 +240,7 @@ TEST_F(ScriptLauncherTest, EachLaunchIsOneRun) {
         for (size_t i = 0; i < count; i++) {
             expected += "run\n";
         }
-        EXPECT_EQ(TempFolder::contentOf(folder / "out"), expected) << "the stop is queued behind the runs";
+        EXPECT_EQ(TempFolder::contentOf(folder / "out"), expected) << "the stop is queued after the runs";
     }
 }
 
@@ -296,7 +296,7 @@ TEST_F(ScriptLauncherTest, StopWaitsForTheRunInProgress) {
     EXPECT_FALSE(hasChildren());
 }
 
-TEST_F(ScriptLauncherTest, StopTwiceAndLaunchBehindItDoNothing) {
+TEST_F(ScriptLauncherTest, SecondStopAndLaunchAfterItDoNothing) {
     RecordCollector collector;
     ScriptLauncher launcher(append("run"));
     ASSERT_TRUE(launcher.start());
@@ -315,7 +315,7 @@ struct EndRow {
     Lines records;
 };
 
-TEST_F(ScriptLauncherTest, EndsOfTheCommandAreToldAndTheLauncherGoesOn) {
+TEST_F(ScriptLauncherTest, FailuresOfTheCommandAreReportedAndTheLauncherGoesOn) {
     const EndRow rows[] = {
         {"exit 0", {}},
         {"exit 3", {"orv.featurewatch ERROR script exited with status 3"}},
@@ -343,7 +343,7 @@ TEST_F(ScriptLauncherTest, EndsOfTheCommandAreToldAndTheLauncherGoesOn) {
     }
 }
 
-TEST_F(ScriptLauncherTest, CommandThatCannotBeRunIsToldAndTheLauncherGoesOn) {
+TEST_F(ScriptLauncherTest, CommandThatCannotBeRunIsReportedAndTheLauncherGoesOn) {
     recordToFile();
     gs_oFaults.system = EAGAIN;
     ScriptLauncher launcher("true");
@@ -518,7 +518,7 @@ pid_t startAndDie(const std::string& command, int launches) {
     return launcher;
 }
 
-TEST_F(ScriptLauncherTest, KilledDaemonEndsTheLauncherWithStatus0BehindThePendingRuns) {
+TEST_F(ScriptLauncherTest, KilledDaemonEndsTheLauncherWithStatus0AfterThePendingRuns) {
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0), 0);
     recordToFile();
     const pid_t launcher = startAndDie(append("run"), 2);
@@ -549,7 +549,7 @@ TEST_F(ScriptLauncherTest, LaunchWithAKilledLauncherFails) {
     EXPECT_FALSE(hasChildren());
 }
 
-TEST_F(ScriptLauncherTest, LauncherKilledDuringARunIsToldByStop) {
+TEST_F(ScriptLauncherTest, LauncherKilledDuringARunIsReportedByStop) {
     RecordCollector collector;
     ScriptLauncher launcher("kill -KILL $PPID");
     ASSERT_TRUE(launcher.start());
@@ -559,7 +559,7 @@ TEST_F(ScriptLauncherTest, LauncherKilledDuringARunIsToldByStop) {
     EXPECT_EQ(collector.lines().back(), "ERROR script launcher terminated by signal 9");
 }
 
-TEST_F(ScriptLauncherTest, LauncherThatSomebodyElseWaitedForIsTold) {
+TEST_F(ScriptLauncherTest, LauncherThatSomebodyElseWaitedForIsReported) {
     RecordCollector collector;
     const Descriptors before = openDescriptors(getpid());
     ScriptLauncher launcher("true");
@@ -612,7 +612,7 @@ TEST_F(ScriptLauncherTest, ExitHandlersFromBeforeTheForkRunInTheLauncher) {
 
 // --- Faults of the system
 
-TEST_F(ScriptLauncherTest, FailedPipeIsTold) {
+TEST_F(ScriptLauncherTest, FailedPipeIsReported) {
     RecordCollector collector;
     const Descriptors before = openDescriptors(getpid());
     gs_oFaults.pipe2 = EMFILE;
@@ -625,7 +625,7 @@ TEST_F(ScriptLauncherTest, FailedPipeIsTold) {
     launcher.stop();
 }
 
-TEST_F(ScriptLauncherTest, FailedForkIsToldAndLeavesNothingOpen) {
+TEST_F(ScriptLauncherTest, FailedForkIsReportedAndLeavesNothingOpen) {
     RecordCollector collector;
     const Descriptors before = openDescriptors(getpid());
     gs_oFaults.fork = EAGAIN;
@@ -639,7 +639,7 @@ TEST_F(ScriptLauncherTest, FailedForkIsToldAndLeavesNothingOpen) {
     EXPECT_EQ(collector.lines().size(), 1U);
 }
 
-TEST_F(ScriptLauncherTest, FailedProcessNameIsToldAndTheLauncherGoesOn) {
+TEST_F(ScriptLauncherTest, FailedProcessNameIsReportedAndTheLauncherGoesOn) {
     recordToFile();
     gs_oFaults.prctl = EFAULT;
     ScriptLauncher launcher(append("run"));
