@@ -8,6 +8,7 @@
 // the agent's own first call: what the loader does before is no concern of the agent.
 //
 // LOG gets a line for each event:
+//   start PROCESS PID             of a fork
 //   call PROCESS NAME NUMBER      before each call
 //   fault PROCESS NAME NUMBER     the one that fails
 //   end PROCESS STATUS            the exit status, or minus the number of the signal
@@ -121,6 +122,8 @@ static void add_child(const struct task* parent, int event) {
     const int process = event == PTRACE_EVENT_CLONE ? parent->process : process_count++;
     struct task* child = find_task((pid_t)id);
     child->process = process;
+    if (event != PTRACE_EVENT_CLONE)
+        fprintf(log_file, "start %d %lu\n", process, id);
     if (child->is_stopped)  // it came before the event, and waits
         go_on(child, 0);
 }

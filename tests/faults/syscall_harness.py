@@ -117,6 +117,9 @@ class Traced:
     def is_hit(self):
         return bool(self._lines("fault"))
 
+    def pid_of(self, process):
+        return next(int(pid) for number, pid in self._lines("start") if int(number) == process)
+
     def ends(self):
         """The statuses of the processes that have ended; minus n where signal n did it."""
         return {int(process): int(status) for process, status in self._lines("end")}
@@ -151,9 +154,9 @@ def cases(calls):
     return list(dict.fromkeys(calls))
 
 
-def sample(found, default=12):
-    """As many of the cases as SYSCALL_FAULTS says (a number, or "all"), evenly spread and never the same few names."""
-    wanted = os.environ.get("SYSCALL_FAULTS", str(default))
+def sample(found, few):
+    """As many of the cases as SYSCALL_FAULTS says (a number, or "all"), else a few; evenly spread."""
+    wanted = os.environ.get("SYSCALL_FAULTS", str(few))
     if wanted == "all" or int(wanted) >= len(found):
         return found
     step = len(found) / int(wanted)

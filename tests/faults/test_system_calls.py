@@ -29,7 +29,6 @@ from harness import (
     install_features,
     is_alive,
     read_file,
-    read_pid_file,
     write_file,
 )
 from syscall_harness import DAEMON, LAUNCHER, STARTER, Traced, cases, sample
@@ -38,15 +37,16 @@ DOCUMENT_NAME = os.path.basename(FEATURES_DOCUMENT)
 GLIB_ABORTS = (-signal.SIGTRAP, -signal.SIGABRT)
 NOTICED_BY_ITSELF = 3.5  # seconds; a timer is up to one late
 NOTICED_BY_A_LOOK = 5.0
+ENDS_BY_ITSELF = 3.0
 
 
 class DaemonTest(WatchTest):
     """DaemonTest leads a daemon's life: a start with the feature "old", an event, a stop, and a life after that."""
 
-    def check(self, phase, event, names=("old",)):
+    def check(self, phase, event, names=("old",), few=12):
         """Lives once without a fault, then with one call of this phase failing after the other."""
         self.event, self.names, self.hidden = event, list(names), False
-        found = sample(cases(self.live()[phase]))
+        found = sample(cases(self.live()[phase]), few)
         hits = 0
         for fault in found:
             with self.subTest(str(fault)):
@@ -58,13 +58,13 @@ class DaemonTest(WatchTest):
         self.make_ready()
         with Traced(daemon_arguments(HOOK), fault) as traced:
             status = traced.wait_for_end()
-            pid = read_pid_file() if status == 0 else None
+            pid = traced.pid_of(DAEMON) if status == 0 else None
             marks = [len(traced.calls())]
             if pid and is_alive(pid):
                 self.check_event(traced, pid)
             marks.append(len(traced.calls()))
             if pid and is_alive(pid):
-                os.kill(pid, signal.SIGTERM)
+                self.stop_traced(traced, pid)
             traced.wait()
             self.check_end(traced, status)
             calls = traced.calls()
@@ -72,6 +72,16 @@ class DaemonTest(WatchTest):
         self.check_next_life()
         phases = {"start": calls[: marks[0]], "event": calls[marks[0] : marks[1]], "stop": calls[marks[1] :]}
         return hit if fault else phases
+
+    def stop_traced(self, traced, pid):
+        """One SIGTERM, or a second if the fault hit the write by which GLib wakes itself up for the first."""
+        os.kill(pid, signal.SIGTERM)
+        deadline = time.monotonic() + ENDS_BY_ITSELF
+        while is_alive(pid) and time.monotonic() < deadline:
+            time.sleep(0.005)
+        if is_alive(pid):
+            self.assertEqual((traced.is_hit(), traced.fault and traced.fault.name), (True, "write"), "SIGTERM was lost")
+            os.kill(pid, signal.SIGTERM)
 
     def show_installed_features(self):
         if self.hidden:
@@ -105,12 +115,13 @@ class DaemonTest(WatchTest):
 
     def check_event(self, traced, pid):
         """What the event asks for is published; where the fault hid the event, by the daemon's next look."""
-        self.assertEqual(self.published(), ["old"], "the start has published something else")
+        self.assertIn(self.published(), (["old"], self.names), "the start has published something else")
         self.event(self, pid)
         if self.becomes_published(pid, NOTICED_BY_ITSELF):
             return
-        if not traced.is_hit():
-            self.assertTrue(self.becomes_published(pid, NOTICED_BY_A_LOOK), "without a fault the event was not noticed")
+        if not traced.is_hit() and self.becomes_published(pid, NOTICED_BY_A_LOOK):
+            return
+        self.assertTrue(traced.is_hit(), "without a fault the event was not noticed")
         if is_alive(pid):
             os.kill(pid, signal.SIGHUP)
             noticed = self.becomes_published(pid, NOTICED_BY_A_LOOK)
@@ -125,18 +136,20 @@ class DaemonTest(WatchTest):
         self.assertEqual([name for name in os.listdir(RUN) if name not in (DOCUMENT_NAME, *self.excused(traced))], [])
         lines = traced.errors().decode(errors="replace").splitlines() + [r.text for r in self.syslog.records()]
         ends = traced.ends()
+        if self.has_lost_its_launcher(ends, lines):
+            return
         for process in range(LAUNCHER + 1):
-            if ends.get(process, 0) < 0 and not self.has_lost_its_launcher(process, ends, lines):
+            if ends.get(process, 0) < 0:
                 self.assertIn(ends[process], GLIB_ABORTS, f"process {process} died by a signal: {lines}")
                 self.assertTrue(any("GLib" in line for line in lines), f"nobody says why: {lines}")
         if status != 0 or ends.get(DAEMON, 0) != 0:
             self.assertTrue(any("FATAL" in line or "GLib" in line for line in lines), f"nobody says why: {lines}")
 
     @staticmethod
-    def has_lost_its_launcher(process, ends, lines):
+    def has_lost_its_launcher(ends, lines):
         """The daemon ends by the broken pipe when its launcher ended first, with a record of its own."""
         failed = ends.get(LAUNCHER, 0) != 0 and any("script launcher" in line for line in lines)
-        return process == DAEMON and ends[process] == -signal.SIGPIPE and failed
+        return failed and ends.get(DAEMON) == -signal.SIGPIPE
 
     @staticmethod
     def excused(traced):
@@ -187,7 +200,7 @@ class DaemonTest(WatchTest):
 
     def test_timer_survives_or_reports_each_failed_call(self):
         "A failed call of a timer's look ends the daemon with a record, or the next look publishes what is due."
-        self.check("event", DaemonTest.wait_for_timer, ["old", "soon"])
+        self.check("event", DaemonTest.wait_for_timer, ["old", "soon"], few=4)
 
     def test_stop_survives_each_failed_call(self):
         "A failed call of the stop keeps neither the daemon nor its launcher, and the next start works."
@@ -218,7 +231,7 @@ class ReportTest(FaultTest):
     def test_report_survives_or_reports_each_failed_call(self):
         "A failed call of -d -A refuses the report with a record, or the report is right; the next one is right."
         self.start_provisioned()
-        found = sample(cases(self.report()))
+        found = sample(cases(self.report()), few=20)
         hits = 0
         for fault in found:
             with self.subTest(str(fault)):
