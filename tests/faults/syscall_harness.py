@@ -25,9 +25,10 @@ TRACER = FOLDER + "/tracer"
 
 STARTER, SESSION_LEADER, DAEMON, LAUNCHER = range(4)
 
-# Calls that are never failed. Those of the first line have no failure that a program could meet. Memory that is refused
+# Calls that are never failed. Those of the first lines have no failure that this program could meet. Memory that is refused
 # ends the process by GLib's own decision, and has tests of its own.
 SPARED = {"exit", "exit_group", "rt_sigreturn", "futex", "restart_syscall", "set_robust_list", "rseq", "getpid"}
+SPARED |= {"rt_sigaction", "rt_sigprocmask"}
 SPARED |= {"brk", "mmap", "mprotect", "munmap", "mremap", "madvise"}
 
 ERRORS = {
@@ -118,7 +119,8 @@ class Traced:
         return bool(self._lines("fault"))
 
     def pid_of(self, process):
-        return next(int(pid) for number, pid in self._lines("start") if int(number) == process)
+        """Its process id; None if it was never made."""
+        return next((int(pid) for number, pid in self._lines("start") if int(number) == process), None)
 
     def ends(self):
         """The statuses of the processes that have ended; minus n where signal n did it."""
