@@ -71,7 +71,7 @@ class DaemonTest(WatchTest):
             if status == 0 and is_alive(pid):
                 self.check_event(traced, pid)
             marks.append(len(traced.calls()))
-            if pid and is_alive(pid):
+            if pid and not (status != 0 and self.ends_by_itself(pid)):
                 self.stop_traced(traced, pid)
             traced.wait()
             self.check_end(traced, status)
@@ -81,13 +81,19 @@ class DaemonTest(WatchTest):
         phases = {"start": calls[: marks[0]], "event": calls[marks[0] : marks[1]], "stop": calls[marks[1] :]}
         return hit if fault else phases
 
-    def stop_traced(self, traced, pid):
-        """One SIGTERM, or a second if the fault hit the write by which GLib wakes itself up for the first."""
-        os.kill(pid, signal.SIGTERM)
+    @staticmethod
+    def ends_by_itself(pid):
+        """Whether the process ends soon: after SIGTERM, or because its start has failed."""
         deadline = time.monotonic() + ENDS_BY_ITSELF
         while is_alive(pid) and time.monotonic() < deadline:
             time.sleep(0.005)
+        return not is_alive(pid)
+
+    def stop_traced(self, traced, pid):
+        """One SIGTERM, or a second if the fault hit the write by which GLib wakes itself up for the first."""
         if is_alive(pid):
+            os.kill(pid, signal.SIGTERM)
+        if not self.ends_by_itself(pid):
             self.assertEqual((traced.is_hit(), traced.fault and traced.fault.name), (True, "write"), "SIGTERM was lost")
             os.kill(pid, signal.SIGTERM)
 
