@@ -56,7 +56,7 @@ bool prepareFork() {
     if (!removeForeignPidFile())
         return false;
     const pid_t running = runningDaemon();
-    if (running >= 0) {
+    if (running >= 0) {  // kept: 0, an empty file, counts too, as a daemon that is just about to write it
         ORVLOG_FATAL(gs_pAppLogger, "daemon already running with PID %u", static_cast<unsigned>(running));
         return false;
     }

@@ -157,8 +157,14 @@ pid_t runningDaemon() {
 bool createPidFile() {
     if (daemon_pid_file_create() < 0)
         return false;
+    if (lstat(pidFilePath(), &gs_oOwnFile) != 0 || chmod(pidFilePath(), S_IRUSR | S_IWUSR) != 0) {
+        const int error = errno;
+        daemon_pid_file_remove();
+        errno = error;
+        return false;
+    }
     atexit(removeOwnPidFile);
-    return lstat(pidFilePath(), &gs_oOwnFile) == 0 && chmod(pidFilePath(), S_IRUSR | S_IWUSR) == 0;
+    return true;
 }
 
 bool stopRunningDaemon(int seconds) {

@@ -33,6 +33,8 @@ struct CommandLine {
     int firstUnread = 1;
 };
 
+// printUsage prints on standard output, after an error too. kept: the line of -s promises more than it does, FATAL
+// records stay; scripts compare these lines.
 void printUsage() {
     std::cout << "featurewatch: tells what this device is and keeps the list of its features\n"
                  "-s: silent mode, do not log anything\n"

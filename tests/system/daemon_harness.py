@@ -166,12 +166,17 @@ def status_of(pid, field):
 
 
 def launcher_of(daemon):
-    """The process id of the daemon's hook launcher."""
-    for pid in daemon.launcher_pids():
-        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-            if status_of(pid, "PPid") == [str(daemon.pid)]:
-                return pid
-    raise AssertionError("the daemon has no launcher")
+    """The process id of the daemon's hook launcher, once it is one: it may not have run since the fork."""
+
+    def find():
+        for pid in daemon.launcher_pids():
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                named = status_of(pid, "Name") == ["featurewatch-x"]
+                if named and status_of(pid, "PPid") == [str(daemon.pid)]:
+                    return pid
+        return None
+
+    return wait_for(find, "the daemon's launcher")
 
 
 def descriptors_of(pid):
