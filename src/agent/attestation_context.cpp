@@ -3,7 +3,7 @@
 #include <fstream>
 
 #include "foundation/base64.h"
-#include "watch/program.h"
+#include "watch/app_logger.h"
 
 namespace {
 

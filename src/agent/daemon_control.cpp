@@ -14,6 +14,7 @@
 #include "agent/glib_log_handlers.h"
 #include "agent/pipe_signal.h"
 #include "agent/user_switch.h"
+#include "watch/app_logger.h"
 #include "watch/main_loop.h"
 #include "watch/program.h"
 

@@ -12,7 +12,7 @@
 #include "foundation/json.h"
 #include "identity/orv_serial.h"
 #include "tpm/tpm2_attestor.h"
-#include "watch/program.h"
+#include "watch/app_logger.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "runtime/strfmt.h"
+#include "foundation/strfmt.h"
 
 namespace {
 

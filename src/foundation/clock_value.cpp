@@ -8,7 +8,7 @@
 #include <ctime>
 #include <limits>
 
-#include "runtime/strfmt.h"
+#include "foundation/strfmt.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <iterator>
 
-#include "foundation/json_number.h"
-#include "foundation/json_pool.h"
-#include "foundation/json_text.h"
+#include "foundation/json/json_number.h"
+#include "foundation/json/json_pool.h"
+#include "foundation/json/json_text.h"
 
 JSON::Map JSON::ms_oEmptyMap;
 JSON::Vector JSON::ms_oEmptyVector;

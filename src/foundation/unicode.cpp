@@ -1,9 +1,9 @@
 // Counting, stepping and validity; the conversions are in unicode_encode.cpp and unicode_decode.cpp.
 #include "foundation/unicode.h"
 
-#include "foundation/unicode_conversion.h"
-#include "foundation/unicode_counting.h"
-#include "foundation/unicode_sequence.h"
+#include "foundation/unicode/unicode_conversion.h"
+#include "foundation/unicode/unicode_counting.h"
+#include "foundation/unicode/unicode_sequence.h"
 
 namespace {
 

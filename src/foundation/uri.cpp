@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "foundation/base64.h"
-#include "foundation/uri_text.h"
+#include "foundation/uri/uri_text.h"
 
 namespace {
 

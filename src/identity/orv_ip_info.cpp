@@ -15,8 +15,8 @@
 #include <memory>
 #include <string_view>
 
+#include "foundation/strfmt.h"
 #include "runtime/orvlog.h"
-#include "runtime/strfmt.h"
 
 namespace {
 

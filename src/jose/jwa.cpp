@@ -13,8 +13,8 @@
 #include <cstdio>
 #include <iterator>
 
+#include "foundation/strfmt.h"
 #include "runtime/orv_error.h"
-#include "runtime/strfmt.h"
 
 namespace jwa {
 

@@ -15,6 +15,7 @@
 #include "agent/pipe_signal.h"
 #include "main/standard_descriptors.h"
 #include "tpm/tpm2_attestor.h"
+#include "watch/app_logger.h"
 #include "watch/clock.h"
 #include "watch/program.h"
 

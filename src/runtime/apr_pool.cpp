@@ -7,7 +7,7 @@
 
 #include <cstdlib>
 
-#include "runtime/strfmt.h"
+#include "foundation/strfmt.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <optional>
 #include <utility>
 
+#include "foundation/strfmt.h"
 #include "foundation/unicode.h"
-#include "runtime/strfmt.h"
 
 const ORVError::ORVErrorDesc::Description ORVError::ms_aErrors[] = {
     {NetworkError, 0, "Network Error"},

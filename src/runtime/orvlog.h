@@ -15,7 +15,7 @@
 
 #include <string>
 
-#include "runtime/strfmt.h"
+#include "foundation/strfmt.h"
 
 // ORVLOG_DEBUG, ORVLOG_INFO, ORVLOG_WARN, ORVLOG_ERROR and ORVLOG_FATAL take a logger, a printf format and its
 // arguments. The arguments are evaluated only when the level is on.

@@ -7,9 +7,9 @@
 #include <exception>
 #include <sstream>
 
+#include "foundation/strfmt.h"
 #include "runtime/orv_error.h"
 #include "runtime/orvlog.h"
-#include "runtime/strfmt.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "watch/program.h"
+#include "watch/app_logger.h"
 
 AtomicReplaceFile::AtomicReplaceFile(const std::string& path) : m_strTarget(path), m_strTemp(path + ".tmp") {}
 

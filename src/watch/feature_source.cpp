@@ -18,7 +18,7 @@
 #include "identity/orv_serial.h"
 #include "jose/jws.h"
 #include "runtime/orv_error.h"
-#include "watch/program.h"
+#include "watch/app_logger.h"
 
 namespace {
 

@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "foundation/string_utils.h"
+#include "watch/app_logger.h"
 #include "watch/atomic_replace_file.h"
 #include "watch/class_callback.h"
 #include "watch/clock.h"

@@ -1,5 +1,7 @@
 #include "watch/program.h"
 
+#include "watch/app_logger.h"
+
 const char* const DEFAULT_WATCH_FILE = "/run/featurewatch/tally-features.json";
 
 std::string g_strWatchFile = DEFAULT_WATCH_FILE;

@@ -1,12 +1,12 @@
 // program.h: the program-wide objects.
 //
-// All are made by static initialisation in the order of this file and destroyed at exit in the reverse order. They
-// belong to the main thread; the command line sets them before a mode runs, and no mode changes them.
+// All are made by static initialisation in one order, which program.cpp shows, and destroyed at exit in the reverse
+// one. They belong to the main thread. The command line sets the settings before a mode runs, and no mode changes them;
+// the feature provider is what the modes work with.
 #pragma once
 
 #include <string>
 
-#include "runtime/orvlog.h"
 #include "watch/feature_provider.h"
 
 // DEFAULT_WATCH_FILE is the path of the features document unless the command line gives another.
@@ -20,9 +20,6 @@ extern std::string g_strScriptCmdline;
 
 // g_oFeatureProvider owns the device's feature list.
 extern FeatureProvider g_oFeatureProvider;
-
-// gs_pAppLogger is the logger of the front end, the loop and the launcher.
-extern log4cxx::LoggerPtr gs_pAppLogger;
 
 // g_bDaemonize tells whether watch mode forks a daemon or stays in the foreground.
 extern bool g_bDaemonize;

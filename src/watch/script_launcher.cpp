@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "watch/program.h"
+#include "watch/app_logger.h"
 
 namespace {
 

@@ -1,14 +1,16 @@
 #!/usr/bin/env python3
-"""Fails when a source file includes a file of a higher layer, or when headers include each other in a circle."""
+"""Fails when a source file includes a file of a higher layer, when it enters a room of another concept, or when headers
+include each other in a circle.
+"""
 import pathlib
 import re
 import sys
 
-# Each folder with the project folders that its files may include.
+# Each layer with the layers that its files may include.
 BASE = {"foundation", "runtime"}
 ALLOWED = {
+    "foundation": {"foundation"},
     "runtime": BASE,
-    "foundation": BASE,
     "identity": BASE | {"identity"},
     "jose": BASE | {"jose"},
     "tpm": BASE | {"tpm"},
@@ -29,6 +31,20 @@ def upward_includes(includes):
         for target in targets:
             if target.split("/")[0] not in ALLOWED[name.split("/")[0]]:
                 yield f"{name} includes {target}, which is of a higher layer"
+
+
+def room_of(name):
+    """The concept that a file belongs to by its room: foundation/json of foundation/json/json_text.h; None outside."""
+    return name.rsplit("/", 1)[0] if name.count("/") > 1 else None
+
+
+def foreign_rooms(includes):
+    """A room is entered by its own files and those named after its concept: foundation/json.cpp, foundation/json.h."""
+    for name, targets in includes.items():
+        for target in targets:
+            room = room_of(target)
+            if room and room not in (room_of(name), name.rsplit(".", 1)[0]):
+                yield f"{name} includes {target}, which is for {room} only"
 
 
 def unknown_includes(includes):
@@ -59,8 +75,8 @@ def main():
     includes = read_includes(pathlib.Path(sys.argv[1]))
     if not includes:
         sys.exit("no sources found")
-    faults = [*upward_includes(includes), *unknown_includes(includes), *circles(includes)]
-    print("\n".join(faults) or f"{len(includes)} files, no upward include, no circle")
+    faults = [*upward_includes(includes), *foreign_rooms(includes), *unknown_includes(includes), *circles(includes)]
+    print("\n".join(faults) or f"{len(includes)} files, no upward include, no foreign room, no circle")
     sys.exit(1 if faults else 0)
 
 

@@ -14,8 +14,8 @@
 #include <cstdio>
 #include <string>
 
+#include "foundation/strfmt.h"
 #include "runtime/orvlog.h"
-#include "runtime/strfmt.h"
 #include "unit/record_collector.h"
 
 inline int gs_nSyslog = -1;

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "agent/glib_log_handlers.h"
-#include "runtime/strfmt.h"
+#include "foundation/strfmt.h"
 #include "unit/record_collector.h"
 
 namespace {

@@ -28,7 +28,7 @@
 #include <vector>
 
 #include "agent/user_switch.h"
-#include "runtime/strfmt.h"
+#include "foundation/strfmt.h"
 #include "unit/record_collector.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "foundation/json_pool.h"
+#include "foundation/json/json_pool.h"
 
 namespace {
 

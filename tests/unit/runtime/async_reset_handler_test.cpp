@@ -31,9 +31,9 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/strfmt.h"
 #include "runtime/async_reset_handler.h"
 #include "runtime/orvlog.h"
-#include "runtime/strfmt.h"
 #include "unit/activated_appender.h"
 #include "unit/logging_child.h"
 #include "unit/record_collector.h"

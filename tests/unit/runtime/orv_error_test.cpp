@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/strfmt.h"
 #include "runtime/orv_error.h"
-#include "runtime/strfmt.h"
 
 namespace {
 

@@ -23,8 +23,8 @@
 #include <string>
 #include <utility>
 
+#include "foundation/strfmt.h"
 #include "runtime/orvlog.h"
-#include "runtime/strfmt.h"
 #include "unit/activated_appender.h"
 #include "unit/logging_child.h"
 #include "unit/record_collector.h"

@@ -32,9 +32,9 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/strfmt.h"
 #include "runtime/orv_error.h"
 #include "runtime/orvthread.h"
-#include "runtime/strfmt.h"
 #include "unit/child_status.h"
 #include "unit/record_collector.h"
 

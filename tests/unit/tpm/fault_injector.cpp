@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "runtime/strfmt.h"
+#include "foundation/strfmt.h"
 
 FaultInjector g_oFaults;
 

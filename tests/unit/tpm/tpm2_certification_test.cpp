@@ -20,7 +20,7 @@
 #include <utility>
 #include <vector>
 
-#include "runtime/strfmt.h"
+#include "foundation/strfmt.h"
 #include "unit/tpm/esys_faults.h"
 #include "unit/tpm/tpm_fixture.h"
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "runtime/strfmt.h"
+#include "foundation/strfmt.h"
 #include "unit/tpm/tpm_fixture.h"
 
 namespace {

@@ -24,7 +24,7 @@
 #include <system_error>
 #include <vector>
 
-#include "runtime/strfmt.h"
+#include "foundation/strfmt.h"
 #include "tpm/tpm2_attestor.h"
 #include "unit/record_collector.h"
 #include "unit/tpm/fault_injector.h"

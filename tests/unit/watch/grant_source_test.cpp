@@ -20,8 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "foundation/strfmt.h"
 #include "identity/orv_serial.h"
-#include "runtime/strfmt.h"
 #include "unit/record_collector.h"
 #include "watch/feature_source.h"
 

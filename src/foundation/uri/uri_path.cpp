@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "foundation/uri_text.h"
+#include "foundation/uri/uri_text.h"
 
 namespace {
 

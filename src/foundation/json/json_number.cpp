@@ -1,4 +1,4 @@
-#include "foundation/json_number.h"
+#include "foundation/json/json_number.h"
 
 #include <locale.h>
 

@@ -3,8 +3,8 @@
 #include <iterator>
 
 #include "foundation/json.h"
-#include "foundation/json_number.h"
-#include "foundation/json_text.h"
+#include "foundation/json/json_number.h"
+#include "foundation/json/json_text.h"
 #include "foundation/unicode.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "runtime/strfmt.h"
+#include "foundation/strfmt.h"
 #include "unit/exact_buffer.h"
 
 namespace {

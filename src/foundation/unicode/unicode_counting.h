@@ -5,8 +5,8 @@
 
 #include <cstddef>
 
-#include "foundation/unicode_conversion.h"
-#include "foundation/unicode_sequence.h"
+#include "foundation/unicode/unicode_conversion.h"
+#include "foundation/unicode/unicode_sequence.h"
 
 namespace unicode {
 

@@ -1,4 +1,4 @@
-#include "runtime/strfmt.h"
+#include "foundation/strfmt.h"
 
 #include <cstdio>
 #include <cstdlib>

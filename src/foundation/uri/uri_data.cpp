@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "foundation/base64.h"
-#include "foundation/uri_text.h"
+#include "foundation/uri/uri_text.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <utility>
 
 #include "foundation/unicode.h"
-#include "foundation/unicode_bulk.h"
-#include "foundation/unicode_conversion.h"
-#include "foundation/unicode_counting.h"
-#include "foundation/unicode_sequence.h"
+#include "foundation/unicode/unicode_bulk.h"
+#include "foundation/unicode/unicode_conversion.h"
+#include "foundation/unicode/unicode_counting.h"
+#include "foundation/unicode/unicode_sequence.h"
 
 namespace {
 

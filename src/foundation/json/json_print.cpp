@@ -4,8 +4,8 @@
 #include <string_view>
 
 #include "foundation/json.h"
-#include "foundation/json_number.h"
-#include "foundation/json_text.h"
+#include "foundation/json/json_number.h"
+#include "foundation/json/json_text.h"
 
 namespace {
 

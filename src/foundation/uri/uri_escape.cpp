@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "foundation/uri_text.h"
+#include "foundation/uri/uri_text.h"
 
 namespace {
 

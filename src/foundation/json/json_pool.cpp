@@ -1,4 +1,4 @@
-#include "foundation/json_pool.h"
+#include "foundation/json/json_pool.h"
 
 #include <sys/single_threaded.h>
 

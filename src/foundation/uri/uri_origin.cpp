@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "foundation/uri.h"
-#include "foundation/uri_text.h"
+#include "foundation/uri/uri_text.h"
 
 namespace {
 
