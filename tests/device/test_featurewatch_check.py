@@ -10,7 +10,7 @@ import time
 from daemon_harness import GATED_HOOK, HOOK, WatchTest, as_user, instant, launcher_of, open_gate
 from harness import FEATURES_DOCUMENT, WORK, Daemon, install_features, is_alive, wait_for, write_file
 
-SOURCE = os.path.join(os.environ["DEVICE"], "featurewatch-check")
+SOURCE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../device/featurewatch-check")
 CHECK = WORK + "/featurewatch-check"  # where every user reaches it
 OK, WARNING, CRITICAL, UNKNOWN = range(4)
 WORDS = ("OK", "WARNING", "CRITICAL", "UNKNOWN")
