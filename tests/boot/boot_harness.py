@@ -28,7 +28,6 @@ from daemon_harness import status_of
 from harness import (
     ETC,
     FEATURES_DOCUMENT,
-    PID_FILE,
     RUN,
     USER,
     check_features_document,

@@ -71,7 +71,7 @@ class FineTest(CheckTest):
 
     def test_names_of_every_kind(self):
         "A name is compared as it is: one that looks like an option, with blanks, quotes or letters beyond ASCII."
-        names = ["-n", "--args", "a b", "it's \"so\"", "\\n", "$HOME", "Größe", "a|b"]
+        names = ["-n", "--args", "a b", 'it\'s "so"', "\\n", "$HOME", "Größe", "a|b"]
         self.publish(document(*names))
         for name in names:
             with self.subTest(name):
