@@ -44,17 +44,19 @@ endforeach()
 
 # --- the library for other programs
 
-set(library_config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/orvanta)
-
+set(library_headers "")  # as seen from src/
 foreach(layer foundation runtime identity jose)
     set_target_properties(orv_${layer} PROPERTIES OUTPUT_NAME orvanta_${layer})
     install(TARGETS orv_${layer} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library)
     # The headers beside a layer's sources are public, those in its rooms are not.
-    file(GLOB headers CONFIGURE_DEPENDS src/${layer}/*.h)
-    list(FILTER headers EXCLUDE REGEX "/orvlog_setup\\.h$")
+    file(GLOB headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/src src/${layer}/*.h)
+    list(REMOVE_ITEM headers runtime/orvlog_setup.h)
+    list(APPEND library_headers ${headers})
+    list(TRANSFORM headers PREPEND src/)
     install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvanta/${layer} COMPONENT library)
 endforeach()
 
+set(library_config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/orvanta)
 configure_package_config_file(cmake/orvantaConfig.cmake.in orvantaConfig.cmake
     INSTALL_DESTINATION ${library_config_folder}
     PATH_VARS CMAKE_INSTALL_INCLUDEDIR CMAKE_INSTALL_LIBDIR)
