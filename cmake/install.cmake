@@ -9,20 +9,11 @@ set(data_folder ${CMAKE_INSTALL_DATADIR}/featurewatch)
 
 install(TARGETS featurewatch DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
 
-# The tools lie together, as in the source tree: Python follows the link in the folder of commands and finds the package
-# featurewatch_tools beside the command itself.
+# The commands of the other sides, and the Python package that they share.
+file(GLOB commands CONFIGURE_DEPENDS LIST_DIRECTORIES false tools/*)
+install(PROGRAMS ${commands} DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 install(DIRECTORY tools/featurewatch_tools DESTINATION ${data_folder} COMPONENT tools OPTIONAL
     FILES_MATCHING PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
-file(GLOB commands CONFIGURE_DEPENDS LIST_DIRECTORIES false tools/*)
-file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/links)
-foreach(command ${commands})
-    get_filename_component(name ${command} NAME)
-    set(link ${PROJECT_BINARY_DIR}/links/${name})
-    file(RELATIVE_PATH destination /${CMAKE_INSTALL_BINDIR} /${data_folder}/${name})
-    file(CREATE_LINK ${destination} ${link} SYMBOLIC)
-    install(PROGRAMS ${command} DESTINATION ${data_folder} COMPONENT tools)
-    install(FILES ${link} DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-endforeach()
 
 # --- schemas, manual pages, completions; a page or completion of the agent's has a name that begins with its own
 
@@ -53,19 +44,19 @@ endforeach()
 
 # --- the library for other programs
 
-set(library_config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/orvanta)
-
-foreach(layer base identity jose)
+set(library_headers "")  # as seen from src/
+foreach(layer foundation runtime identity jose)
     set_target_properties(orv_${layer} PROPERTIES OUTPUT_NAME orvanta_${layer})
     install(TARGETS orv_${layer} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library)
-endforeach()
-foreach(layer foundation runtime identity jose)
     # The headers beside a layer's sources are public, those in its rooms are not.
-    file(GLOB headers CONFIGURE_DEPENDS src/${layer}/*.h)
-    list(FILTER headers EXCLUDE REGEX "/(orvlog_setup|json_.*|unicode_.*|uri_.*)\\.h$")
+    file(GLOB headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/src src/${layer}/*.h)
+    list(REMOVE_ITEM headers runtime/orvlog_setup.h)
+    list(APPEND library_headers ${headers})
+    list(TRANSFORM headers PREPEND src/)
     install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvanta/${layer} COMPONENT library)
 endforeach()
 
+set(library_config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/orvanta)
 configure_package_config_file(cmake/orvantaConfig.cmake.in orvantaConfig.cmake
     INSTALL_DESTINATION ${library_config_folder}
     PATH_VARS CMAKE_INSTALL_INCLUDEDIR CMAKE_INSTALL_LIBDIR)
