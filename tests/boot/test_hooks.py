@@ -1,5 +1,6 @@
 """The hooks in /etc/orvanta/changed.d: their order, rights and limits in the unit, the examples, and the stop."""
 
+import contextlib
 import os
 
 from boot_harness import (
@@ -47,7 +48,13 @@ probe owner chown 1 {RUN}/touched
 echo end 0 >>{RUN}/probes
 """
 INSIDE = ("root", "log", "folder", "systemctl")
+TRACES = ("/etc/touched", "/var/lib/orvanta/touched", "/root/probed")
 BEYOND = ("etc", "var", "mount", "network", "signal", "owner")
+
+
+def unlink_if_there(path):
+    with contextlib.suppress(FileNotFoundError):
+        os.unlink(path)
 
 
 class RunTest(BootTest):
@@ -101,9 +108,11 @@ class LimitsTest(BootTest):
     def setUp(self):
         super().setUp()
         os.makedirs(RUN + "/mnt", exist_ok=True)
+        self.addCleanup(command, "umount", "--quiet", RUN + "/mnt", status=None)
         write(f"{UNITS}/probed.service", "[Service]\nExecStart=touch /root/probed\n")
         systemctl("daemon-reload")
-        self.addCleanup(lambda: os.unlink(f"{UNITS}/probed.service"))
+        for path in (f"{UNITS}/probed.service", *TRACES):
+            self.addCleanup(unlink_if_there, path)
 
     def probes(self):
         """Has the hook probe what it may do; gives the names of what it could, in order."""

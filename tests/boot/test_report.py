@@ -4,6 +4,7 @@ import grp
 import json
 import os
 import pwd
+import shutil
 import time
 
 from boot_harness import ETC, UNITS, BootTest, add_drop_in, command, copy_example, lines_of, systemctl, unit, write
@@ -80,6 +81,7 @@ class ReportTest(DeviceTest):
 class ExampleTest(DeviceTest):
     def setUp(self):
         super().setUp()
+        shutil.rmtree("/var/lib/private/featurewatch-report", ignore_errors=True)
         for name in (SERVICE, TIMER):
             path = copy_example(name, UNITS)
             self.addCleanup(os.unlink, path)
