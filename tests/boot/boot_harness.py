@@ -55,7 +55,7 @@ PACKAGES = "/srv/packages"
 
 
 def command(*arguments, status=0, limit=60, **keywords):
-    """Runs a command, which must end with this status (None: any), and gives what it printed on both streams."""
+    """Runs a command, which must end with this status (None: any), and returns what it printed on both streams."""
     result = subprocess.run(
         arguments,
         stdin=subprocess.DEVNULL,
@@ -102,7 +102,7 @@ def launcher_pid():
 
 
 def wait_until_active(but=0):
-    """Waits until the unit has a running daemon, another one than the process `but`; gives its id."""
+    """Waits until the unit has a running daemon, another one than the process `but`; returns its id."""
     return wait_for(lambda: is_active() and main_pid() not in (0, but) and main_pid(), "a running daemon", 20)
 
 

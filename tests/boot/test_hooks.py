@@ -70,7 +70,7 @@ class RunTest(BootTest):
         self.assertEqual(lines_of(RUNS), expected)
 
     def test_a_failed_hook_stops_no_other(self):
-        "A hook that fails gives one record, the hooks after it run, and so does the next change."
+        "A hook that fails leaves one record, the hooks after it run, and so does the next change."
         add_hook("1-fails", "exit 7")
         add_hook("2-runs", f"echo run >>{RUNS}")
         for number in (1, 2):
@@ -115,7 +115,7 @@ class LimitsTest(BootTest):
             self.addCleanup(unlink_if_there, path)
 
     def probes(self):
-        """Has the hook probe what it may do; gives the names of what it could, in order."""
+        """Has the hook probe what it may do; returns the names of what it could, in order."""
         add_hook("probe", PROBE)
         change("probed")
         wait_for(lambda: "end 0" in lines_of(RUN + "/probes"), "the end of the probes")

@@ -45,7 +45,7 @@ def apt(*arguments):
 
 
 def version_before():
-    """The package as an older version of it, which differs in its unit and its conffile too; gives its path."""
+    """The package as an older version of it, which differs in its unit and its conffile too; returns its path."""
     folder, result = "/root/before", "/root/before.deb"
     command("dpkg-deb", "--raw-extract", package(), folder)
     control = read_file(f"{folder}/DEBIAN/control").decode()

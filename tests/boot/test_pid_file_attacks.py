@@ -179,7 +179,7 @@ class RunningTest(AttackTest):
                 self.assertIn("PermissionError", self.as_daemon(script, status=1))
 
     def test_lock_of_a_reader(self):
-        "A process of the daemon's user that wants to hold a lock on the file keeps no stop from working."
+        "A process of the daemon's user that tries to hold a lock on the file keeps no stop from working."
         self.hold_lock("r")
         self.kill(status=0)
         self.assert_unharmed()

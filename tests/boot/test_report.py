@@ -48,7 +48,7 @@ class DeviceTest(BootTest):
         self.addCleanup(stop_tpm)
 
     def check(self, data):
-        """Fails unless it is a whole report of this device; gives the endorsement key."""
+        """Fails unless it is a whole report of this device; returns the endorsement key."""
         parse_report(data)
         report = json.loads(data)
         self.assertEqual(report["serial"], "boot-1")
@@ -118,7 +118,7 @@ class ExampleTest(DeviceTest):
         self.assertEqual(sorted(os.listdir(os.path.dirname(REPORT))), ["report.json", "who"])
 
     def test_failed_report_keeps_the_last_one(self):
-        "A report that fails leaves the last one as it is, and the service tells."
+        "A report that fails leaves the last one as it is, and the service fails."
         self.with_tpm()
         add_drop_in(FOR_SOFTWARE_TPM, SERVICE)
         systemctl("start", SERVICE)

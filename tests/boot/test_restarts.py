@@ -90,7 +90,7 @@ class KilledTest(BootTest):
         self.assertEqual([line.split()[0] for line in lines_of(RUNS)], ["begin", "begin", "end"])
 
     def test_failed_start_is_tried_again(self):
-        "A start that fails tells so and is tried again until its cause is gone."
+        "A start that fails says so and is tried again until its cause is gone."
         systemctl("stop", UNIT)
         os.unlink(RUN + "/tally-features.json")
         os.mkdir(RUN + "/tally-features.json")

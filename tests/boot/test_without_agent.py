@@ -18,7 +18,7 @@ class ToolsTest(BootTest):
         return sorted(os.path.basename(path) for path in files if path.startswith("/usr/bin/"))
 
     def test_commands_run(self):
-        "Each command of the package runs and tells its usage, without the agent."
+        "Each command of the package runs and prints its usage, without the agent."
         self.assertIsNone(shutil.which("featurewatch"))
         found = self.commands()
         self.assertLessEqual({"attest", "grant"}, set(found))

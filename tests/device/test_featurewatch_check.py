@@ -31,7 +31,7 @@ class CheckTest(WatchTest):
         self.addCleanup(self.daemon.end)
 
     def check(self, *arguments, env=None):
-        """Runs the plugin as an ordinary user; gives its state and its text, after a look at the form of its line."""
+        """Runs the plugin as an ordinary user; returns its state and its text, after a look at the form of its line."""
         result = subprocess.run(
             [CHECK, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env, timeout=20, **as_user()
         )
@@ -51,7 +51,7 @@ class CheckTest(WatchTest):
 
 class FineTest(CheckTest):
     def test_line_of_a_daemon_at_work(self):
-        "With the daemon at work the state is OK, and the line tells the number of features, the date and the figures."
+        "With the daemon at work the state is OK, and the line has the number of features, the date and the figures."
         state, text = self.check()
         self.assertEqual(state, OK)
         date = self.daemon.document()["checkDate"]

@@ -21,7 +21,7 @@ def metrics():
 
 class PrometheusTest(WatchTest):
     def publish(self, *features):
-        """Has a daemon publish these features and run the hook; gives its document and the metrics."""
+        """Has a daemon publish these features and run the hook; returns its document and the metrics."""
         install_features(*features)
         with Daemon(hook=f"'{HOOK}'") as daemon:
             daemon.stop()
