@@ -50,7 +50,7 @@ foreach(layer foundation runtime identity jose)
     install(TARGETS orv_${layer} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library)
     # The headers beside a layer's sources are public, those in its rooms are not.
     file(GLOB headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/src src/${layer}/*.h)
-    list(REMOVE_ITEM headers runtime/orvlog_setup.h)
+    list(REMOVE_ITEM headers runtime/error_text.h runtime/orvlog_setup.h)  # for one concept's sources only
     list(APPEND library_headers ${headers})
     list(TRANSFORM headers PREPEND src/)
     install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvanta/${layer} COMPONENT library)

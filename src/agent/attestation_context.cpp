@@ -15,7 +15,8 @@ std::vector<unsigned char> decoded(const std::string& text) {
     return orv::base64Decode(text.data(), text.size());
 }
 
-// takeOptionalText stores a member that may be absent; false, and no change, unless a present one is a text.
+// takeOptionalText stores a member that may be absent. Returns false, without a change, if one is present that is not a
+// text.
 bool takeOptionalText(const JSON* member, std::string& field) {
     const std::string* text = jsonText(member);
     if (member != nullptr && text == nullptr)
@@ -24,7 +25,7 @@ bool takeOptionalText(const JSON* member, std::string& field) {
     return true;
 }
 
-// takeOptionalBytes decodes one; a present one must give at least one byte.
+// takeOptionalBytes stores what such a member decodes to. Returns false also if a present one decodes to nothing.
 bool takeOptionalBytes(const JSON* member, std::vector<unsigned char>& field) {
     std::string text;
     if (!takeOptionalText(member, text))
@@ -33,7 +34,8 @@ bool takeOptionalBytes(const JSON* member, std::vector<unsigned char>& field) {
     return member == nullptr || !field.empty();
 }
 
-// takeKey takes both areas of the attestation key or none. Both are looked at before one is decoded.
+// takeKey stores both areas of the attestation key, or clears both if both are absent. Both types are checked before
+// anything is decoded.
 bool takeKey(const JSON& ak, AttestationContext& context) {
     const JSON* pub = ak.get("pubTpm2B");
     const JSON* priv = ak.get("privTpm2B");
@@ -56,8 +58,8 @@ bool AttestationContext::parseFile(const std::string& path) {
         return false;
     if (parse(root))
         return true;
-    ORVLOG_ERROR(gs_pAppLogger, "incomplete or invalida data in %s",
-                 path.c_str());  // kept: readers of the log know it so
+    // kept: "invalida", filters of the appliance's log look for this text
+    ORVLOG_ERROR(gs_pAppLogger, "incomplete or invalida data in %s", path.c_str());
     return false;
 }
 
@@ -91,7 +93,7 @@ std::string readFile(const std::string& path) {
         input.read(block, sizeof block);
         content.append(block, static_cast<size_t>(input.gcount()));
     }
-    if (input.bad()) {  // the end of the file sets the fail bit alone
+    if (input.bad()) {  // the end of the file sets only the fail bit
         ORVLOG_ERROR(gs_pAppLogger, "failed reading from %s", path.c_str());
         return std::string();
     }

@@ -1,13 +1,13 @@
-// attestation_context.h: the file that tells what the device report has to answer to.
+// attestation_context.h: the file that says what the device report has to answer to.
 //
 // A JSON object, each member optional, others ignored:
 //
 //     { "cbData": "text to echo", "nonce": "base64",
 //       "tpm2": { "ak": { "pubTpm2B": "base64", "privTpm2B": "base64", "actChall": "base64" } } }
 //
-// Only the shape is checked here. A member that is present must have its type and, the text `cbData` aside, must decode
-// to at least one byte; null counts as present. Failures are logged, but for an empty file, which fails without a
-// record.
+// Only the shape is checked here. A member that is present must have its type and, except for the text `cbData`, must
+// decode to at least one byte; null counts as present. Failures are logged, except for an empty file, which fails
+// without a record.
 #pragma once
 
 #include <memory>
@@ -16,7 +16,7 @@
 
 #include "foundation/json.h"
 
-// AttestationContext is one such file in binary form. An empty field means that the member was absent; only `cbData`
+// AttestationContext is one such file in binary form. An empty field means that the member was absent; `cbData` alone
 // may also be present and empty. After a successful parse `akPub` and `akPriv` are both empty or both not.
 struct AttestationContext {
     // cbData is an opaque text that the report echoes.
@@ -32,16 +32,17 @@ struct AttestationContext {
     // akActChall is a credential challenge for that key.
     std::vector<unsigned char> akActChall;
 
-    // parseFile reads and checks the file at `path`; false on any failure.
+    // parseFile reads and checks the file at `path`. Returns false on any failure.
     bool parseFile(const std::string& path);
 
-    // parse checks a document; false at the first member that is wrong, the fields set so far staying. Nothing is
-    // logged.
+    // parse checks a document and stores its members. Returns false at the first wrong one; the fields set so far keep
+    // their new values. Nothing is logged.
     bool parse(const std::unique_ptr<JSON>& root);
 };
 
-// readFile returns the bytes of the file at `path`, whatever their number; empty on any failure, which is logged.
+// readFile returns the bytes of the file at `path`, however many; empty on any failure, which is logged.
 std::string readFile(const std::string& path);
 
-// parseJSONFile returns the document in the file at `path`; null on any failure. All but an empty file's are logged.
+// parseJSONFile returns the document in the file at `path`, or null on any failure. All failures are logged except an
+// empty file.
 JSON::root parseJSONFile(const std::string& path);

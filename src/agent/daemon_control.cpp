@@ -8,10 +8,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <optional>
 
 #include "agent/glib_log_handlers.h"
+#include "agent/pid_file.h"
 #include "agent/pipe_signal.h"
 #include "agent/user_switch.h"
 #include "watch/app_logger.h"
@@ -26,26 +28,23 @@ constexpr mode_t DAEMON_UMASK = 022;
 constexpr int STATUS_TIMEOUT_SECONDS = 10;
 constexpr int KILL_TIMEOUT_SECONDS = 5;
 
-const char* daemonPidFilePath() {
-    return "/run/featurewatch/featurewatch.pid";
-}
-
-void setPidFile() {
-    daemon_pid_file_ident = PROGRAM_NAME;
-    daemon_pid_file_proc = daemonPidFilePath;
-}
-
-// sendStatus tells the starting command how the start went. A starter that has gone away in the meantime, for it was
-// killed or has waited long enough, must not end the daemon by a broken pipe.
+// sendStatus reports to the starting command how the start went, and returns `status`. A starter that was killed or has
+// waited long enough is gone by now; the broken pipe must not end the daemon.
 int sendStatus(int status) {
     const IgnoredPipeSignal ignored;
     daemon_retval_send(status);
     return status;
 }
 
-// prepareFork does what comes before the fork; false after a FATAL record.
+// ignoreSizeSignal makes a file size limit a failed write like any other. By default the signal for it ends the process
+// without a record.
+void ignoreSizeSignal() {
+    std::signal(SIGXFSZ, SIG_IGN);
+}
+
+// prepareFork does what comes before the fork. Returns false after a FATAL record.
 bool prepareFork() {
-    setPidFile();
+    usePidFile();
     daemon_log_ident = PROGRAM_NAME;
     openlog(PROGRAM_NAME, LOG_PID | LOG_PERROR, LOG_DAEMON);
     set_glib_default_log_handler_to_syslog(false);
@@ -53,7 +52,10 @@ bool prepareFork() {
         ORVLOG_FATAL(gs_pAppLogger, "failed to reset and unblock signals: %s", g_strerror(errno));
         return false;
     }
-    const pid_t running = daemon_pid_file_is_running();
+    ignoreSizeSignal();
+    if (!removeForeignPidFile())
+        return false;
+    const pid_t running = runningDaemon();
     if (running >= 0) {
         ORVLOG_FATAL(gs_pAppLogger, "daemon already running with PID %u", static_cast<unsigned>(running));
         return false;
@@ -65,7 +67,7 @@ bool prepareFork() {
     return true;
 }
 
-// awaitDaemon gives the exit status of the starting command.
+// awaitDaemon returns the exit status of the starting command.
 int awaitDaemon() {
     const int status = daemon_retval_wait(STATUS_TIMEOUT_SECONDS);
     if (status == -1) {
@@ -77,9 +79,9 @@ int awaitDaemon() {
     return status;
 }
 
-// settleDaemon makes the forked child a daemon with a PID file; false after a FATAL record.
+// settleDaemon makes the forked child a daemon with a PID file. Returns false after a FATAL record.
 bool settleDaemon() {
-    closelog();  // else libc would keep the number of a descriptor that is closed below
+    closelog();  // otherwise libc would keep the number of a descriptor that is closed below
     openlog(PROGRAM_NAME, LOG_PID, LOG_DAEMON);
     umask(DAEMON_UMASK);
     if (daemon_close_all(-1) < 0) {
@@ -87,16 +89,15 @@ bool settleDaemon() {
         return false;
     }
     pthread_atfork(nullptr, nullptr, daemon_retval_done);  // the status pipe isn't for the launcher and the hook
-    if (daemon_pid_file_create() < 0) {
+    if (!createPidFile()) {
         ORVLOG_FATAL(gs_pAppLogger, "could not create PID file: %s", g_strerror(errno));
         return false;
     }
-    atexit([] { daemon_pid_file_remove(); });
     return true;
 }
 
-// daemonize forks. The result is the exit status of the process that is done with it: the starting command, or a child
-// that failed. The daemon goes on without one.
+// daemonize forks. Returns an exit status in a process that has nothing more to do: the starting command, or a child
+// that failed. The daemon gets none and goes on.
 std::optional<int> daemonize() {
     if (!prepareFork())
         return EXIT_FAILURE;
@@ -112,8 +113,8 @@ std::optional<int> daemonize() {
     return std::nullopt;
 }
 
-// startLoop brings the loop to its first publication. The launcher comes before the switch, so that the hook keeps the
-// rights that the daemon gives up.
+// startLoop brings the loop to its first publication. The launcher is made before the switch, so that the hook keeps
+// the rights that the daemon gives up.
 bool startLoop(MainLoop& loop) {
     if (!loop.startLauncher())
         return false;
@@ -126,16 +127,6 @@ bool startLoop(MainLoop& loop) {
     return true;
 }
 
-// killRunning ends the process of the PID file. An empty file reads as process 0, which would be our own process group.
-int killRunning() {
-    const pid_t running = daemon_pid_file_is_running();
-    if (running == 0)
-        errno = ESRCH;
-    if (running <= 0)
-        return -1;
-    return daemon_pid_file_kill_wait(SIGTERM, KILL_TIMEOUT_SECONDS);
-}
-
 }  // namespace
 
 int watchFeatures() {
@@ -143,6 +134,8 @@ int watchFeatures() {
         const std::optional<int> status = daemonize();
         if (status)
             return *status;
+    } else {
+        ignoreSizeSignal();
     }
     MainLoop loop;
     if (!startLoop(loop))
@@ -155,8 +148,8 @@ int watchFeatures() {
 }
 
 int killDaemon() {
-    setPidFile();
-    if (killRunning() < 0) {
+    usePidFile();
+    if (!stopRunningDaemon(KILL_TIMEOUT_SECONDS)) {
         ORVLOG_FATAL(gs_pAppLogger, "failed to kill daemon: %s", g_strerror(errno));
         return EXIT_FAILURE;
     }

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <iostream>
+#include <optional>
 #include <utility>
 
 #include "agent/attestation_context.h"
@@ -21,6 +22,7 @@ void setIdentifier(JSON& identifiers, const char* key, bool present, const std::
         identifiers.set(key, JSON::String(value));
 }
 
+// otherIdentifiers returns an object even if none is known: readers find the member in every report.
 JSON::root otherIdentifiers() {
     JSON::root identifiers = JSON::Object();
     setIdentifier(*identifiers, "userSerial", ORVSerial::ms_bHasUserSerialNumber, ORVSerial::ms_strUserSerialNumber);
@@ -32,6 +34,8 @@ JSON::root otherIdentifiers() {
     return identifiers;
 }
 
+// loadIdentifiers returns false also if one source failed while the other had the serial number: the report shows the
+// identifiers of both.
 bool loadIdentifiers() {
     if (ORVSerial::load() && ORVSerial::ms_bHasSerialNumber)
         return true;
@@ -45,12 +49,13 @@ JSON::root base64Text(const Bytes& bytes) {
     return JSON::String(orv::base64Encode(bytes.data(), bytes.size()));
 }
 
-// setCounter sets the counter's value, certified for the nonce or only read. Above 2^53 the number loses low digits.
-bool setCounter(JSON& tpm2, bool certified, const Bytes& nonce, TPM2Attestor& tpm) {
+// setCounter sets the counter's value: certified for the context's nonce, or only read if there is no context. Above
+// 2^53 the number loses low digits.
+bool setCounter(JSON& tpm2, const AttestationContext* context, TPM2Attestor& tpm) {
     JSON::root counter = JSON::Object();
     uint64_t value = 0;
-    if (certified) {
-        const auto [attestation, signature] = tpm.certifyCounterWithAudit(&value, nonce);
+    if (context != nullptr) {
+        const auto [attestation, signature] = tpm.certifyCounterWithAudit(&value, context->nonce);
         if (attestation.empty() || signature.empty())
             return false;
         counter->set("att", base64Text(attestation));
@@ -63,6 +68,7 @@ bool setCounter(JSON& tpm2, bool certified, const Bytes& nonce, TPM2Attestor& tp
     return true;
 }
 
+// setAttestationKey sets the key's areas, and the answer to the challenge if there was one.
 bool setAttestationKey(JSON& tpm2, const Bytes& activation, TPM2Attestor& tpm) {
     const auto [publicArea, privateArea] = tpm.getAttestationKeyTPMPubPriv();
     if (publicArea.empty() || privateArea.empty())
@@ -76,31 +82,38 @@ bool setAttestationKey(JSON& tpm2, const Bytes& activation, TPM2Attestor& tpm) {
     return true;
 }
 
-// setTPM sets what the TPM vouches for. The order is fixed: the key is loaded before the challenge is answered, then
-// the counter is certified with it, and its areas are taken last, as certifying makes a key where there is none. The
-// TPM layer has logged the reason of any failure.
-bool setTPM(JSON& report, bool certified, const AttestationContext& context, TPM2Attestor& tpm) {
+// answerContext loads the context's key and answers its challenge with it, as far as it has them. The answer is stored
+// in `activation`.
+bool answerContext(const AttestationContext& context, Bytes& activation, TPM2Attestor& tpm) {
+    if (!context.akPriv.empty() && !tpm.loadAttestationKey(context.akPub, context.akPriv))
+        return false;
+    if (context.akActChall.empty())
+        return true;
+    activation = tpm.activateAttestationKey(context.akActChall);
+    return !activation.empty();
+}
+
+// setTPM sets what the TPM vouches for; `context` is null if the report is not certified. The order is fixed: the key
+// is loaded before the challenge is answered, then the counter is certified with it, and its areas are taken last,
+// because certifying makes a key where there is none. The TPM layer has logged the reason of any failure.
+bool setTPM(JSON& report, const AttestationContext* context, TPM2Attestor& tpm) {
     if (!tpm.isOpen() && !tpm.open())
         return false;
     const Bytes endorsementKey = tpm.getEndorsementKeyTPMPub();
     if (endorsementKey.empty())
         return false;
-    if (!context.akPriv.empty() && !tpm.loadAttestationKey(context.akPub, context.akPriv))
-        return false;
     Bytes activation;
-    if (!context.akActChall.empty()) {
-        activation = tpm.activateAttestationKey(context.akActChall);
-        if (activation.empty())
-            return false;
-    }
+    if (context != nullptr && !answerContext(*context, activation, tpm))
+        return false;
     JSON::root tpm2 = JSON::Object();
     tpm2->set("ekEccNistP256PubTpm2B", base64Text(endorsementKey));
-    if (!setCounter(*tpm2, certified, context.nonce, tpm) || !setAttestationKey(*tpm2, activation, tpm))
+    if (!setCounter(*tpm2, context, tpm) || !setAttestationKey(*tpm2, activation, tpm))
         return false;
     report.set("tpm2", std::move(tpm2));
     return true;
 }
 
+// print returns false, after a record, if standard output did not take the document.
 bool print(const JSON& report) {
     std::string text;
     report.stringify(text, 0);
@@ -114,18 +127,17 @@ bool print(const JSON& report) {
 }  // namespace
 
 bool printDeviceInfo(const char* attestationFile, TPM2Attestor* tpm) {
-    const bool certified = attestationFile != nullptr;
-    AttestationContext context;
-    if (certified && !context.parseFile(attestationFile))
+    std::optional<AttestationContext> context;
+    if (attestationFile != nullptr && !context.emplace().parseFile(attestationFile))
         return false;
     if (!loadIdentifiers())
         return false;
     const JSON::root report = JSON::Object();
     report->set("serial", JSON::String(ORVSerial::ms_strSerialNumber));
     report->set("altSerial", otherIdentifiers());
-    if (!context.cbData.empty())
-        report->set("cbData", JSON::String(context.cbData));
-    if (TPM2Attestor::isEnabled() && !setTPM(*report, certified, context, *tpm))
+    if (context && !context->cbData.empty())
+        report->set("cbData", JSON::String(context->cbData));
+    if (TPM2Attestor::isEnabled() && !setTPM(*report, context ? &*context : nullptr, *tpm))
         return false;
     return print(*report);
 }

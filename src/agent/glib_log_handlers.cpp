@@ -9,18 +9,24 @@
 
 namespace {
 
+// STREAM_BUFFER_SIZE is room for a long message: a line that fits is written by a single call.
 constexpr size_t STREAM_BUFFER_SIZE = 8192;
 
 bool gs_bDebug = false;
 
+// hasDomain returns whether a library named itself; a message of this program has no domain.
 bool hasDomain(const gchar* domain) {
     return domain != nullptr && *domain != '\0';
 }
 
+// isDropped returns whether `level` is hidden. GLib's own default hides more, its informational messages too.
 bool isDropped(GLogLevelFlags level) {
     return (level & G_LOG_LEVEL_MASK) == G_LOG_LEVEL_DEBUG && !gs_bDebug;
 }
 
+// syslogPriority returns the priority for `level` without its flags, which GLib adds for fatal and for nested messages.
+// kept: GLib's error and critical are LOG_CRIT and LOG_ERR, as the appliance's log filters count on it. The obvious
+// LOG_EMERG would reach every terminal.
 int syslogPriority(GLogLevelFlags level) {
     switch (level & G_LOG_LEVEL_MASK) {
     case G_LOG_LEVEL_ERROR:
@@ -41,13 +47,13 @@ int syslogPriority(GLogLevelFlags level) {
 void logToSyslog(const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer) {
     if (isDropped(level))
         return;
-    if (hasDomain(domain))
+    if (hasDomain(domain))  // the text is an argument, never the format: it may hold percent signs
         syslog(syslogPriority(level), "%s: %s", domain, message);
     else
         syslog(syslogPriority(level), "%s", message);
 }
 
-// timeStamp gives the local time with milliseconds, empty if it can't be told.
+// timeStamp returns the local time with milliseconds, or nothing if GLib cannot make one: the message counts more.
 std::string timeStamp() {
     GDateTime* now = g_date_time_new_now_local();
     if (now == nullptr)

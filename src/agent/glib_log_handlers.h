@@ -11,7 +11,7 @@
 void set_glib_default_log_handler_to_syslog(bool debug);
 
 // set_glib_default_log_handler_to_file makes `stream` the target, in lines that begin with the local time, and puts it
-// into line-buffered mode. The caller keeps the stream, which must stay open. `debug` is the new debug flag.
+// into line-buffered mode. The caller owns the stream, which must stay open. `debug` is the new debug flag.
 void set_glib_default_log_handler_to_file(FILE* stream, bool debug);
 
 // glib_log_handler_set_debug sets the debug flag.

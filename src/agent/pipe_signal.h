@@ -1,12 +1,12 @@
-// pipe_signal.h: where a reader that went away must not end the process.
+// pipe_signal.h: for places where a reader that went away must not end the process.
 //
 // Elsewhere SIGPIPE does what it always does: whoever cuts off this program's output wants it gone.
 #pragma once
 
 #include <csignal>
 
-// IgnoredPipeSignal has SIGPIPE ignored as long as it lives: a write to a broken pipe fails with EPIPE instead. For one
-// thread at a time, as the disposition belongs to the process.
+// IgnoredPipeSignal ignores SIGPIPE as long as it lives: a write to a broken pipe fails with EPIPE instead. Only one
+// thread may use it at a time, because the disposition belongs to the process.
 class IgnoredPipeSignal {
 public:
     IgnoredPipeSignal() : m_pPrevious(std::signal(SIGPIPE, SIG_IGN)) {}

@@ -14,16 +14,18 @@ namespace {
 
 using PasswdHolder = std::unique_ptr<passwd, void (*)(void*)>;
 
+// reportFailure returns the result of a failed switch.
 int reportFailure(const char* user, const char* reason) {
     g_log(nullptr, G_LOG_LEVEL_CRITICAL, "failed switching to user '%s': %s", user, reason);
     return -1;
 }
 
+// keepCapabilities returns false, with errno, if the process flag could not be set.
 bool keepCapabilities(bool keep) {
     return prctl(PR_SET_KEEPCAPS, keep ? 1 : 0) == 0;
 }
 
-// switchIds changes the groups before the user id: behind that they can't be changed any more.
+// switchIds changes the groups before the user id: after that the process may no longer change them.
 bool switchIds(const passwd& entry) {
     return initgroups(entry.pw_name, entry.pw_gid) == 0 && setgid(entry.pw_gid) == 0 && setuid(entry.pw_uid) == 0;
 }

@@ -8,10 +8,10 @@ struct passwd;
 // DAEMON_USER_KEEP_CAPABILITIES in the flags of daemon_user_switch keeps the process's capabilities over the switch.
 constexpr int DAEMON_USER_KEEP_CAPABILITIES = 1;
 
-// daemon_user_switch makes the process run as `user`, with that user's group and its supplementary groups; 0, or -1 on
-// failure, after which the process may have switched in part. For the whole process: call it while it has one thread.
+// daemon_user_switch makes the process run as `user`, with that user's group and supplementary groups. Returns 0, or -1
+// on failure, after which the process may have switched in part. It must be called while the process has one thread.
 int daemon_user_switch(const char* user, int flags);
 
-// get_passwd_entry looks the user `name` up. The result is one block with the entry and its strings, which the caller
-// releases with `free`; null on failure, with errno ESRCH if there is no such user.
+// get_passwd_entry returns the entry of the user `name` and its strings in one block, which the caller releases with
+// `free`; null on failure, with errno ESRCH if there is no such user.
 struct passwd* get_passwd_entry(const char* name);

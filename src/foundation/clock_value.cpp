@@ -2,16 +2,22 @@
 
 #include <apr_date.h>
 #include <apr_time.h>
+#include <signal.h>
 
+#include <algorithm>
 #include <boost/multiprecision/cpp_int.hpp>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <limits>
 
+#include "foundation/ascii.h"
 #include "foundation/strfmt.h"
 
 namespace {
 
+using ascii::isDigit;
 using boost::multiprecision::int128_t;
 
 constexpr uint64_t MICROSECONDS_PER_SECOND = 1000000;
@@ -33,10 +39,6 @@ struct Fraction {
     uint64_t numerator = 0;
     uint64_t scale = 1;
 };
-
-bool isDigit(char byte) {
-    return byte >= '0' && byte <= '9';
-}
 
 void skipWhitespace(const char*& cursor) {
     while (*cursor == '\t' || *cursor == '\n' || *cursor == '\r' || *cursor == ' ')
@@ -167,11 +169,32 @@ std::string isoDateTime(int64_t nanoseconds) {
                   fields.tm_hour, fields.tm_min, fields.tm_sec);
 }
 
+// hasForm returns whether `text` is `form` with a digit for each "d".
+bool hasForm(const std::string& text, const std::string& form) {
+    const auto fits = [](char c, char sign) { return sign == 'd' ? isDigit(c) : c == sign; };
+    return std::equal(text.begin(), text.end(), form.begin(), form.end(), fits);
+}
+
 // --- Ticks ---
 
-// The quotient on the 64-bit path. A divisor of 0 is left to the processor, which traps. The smallest number divided by
-// -1 has no 64-bit result and would trap as well: it wraps, as the product did.
+// endByDivisionError ends the process as x86 does on a division by 0, which other processors let pass: a handler of
+// SIGFPE is called first, but neither a handler that returns nor a signal that is ignored or blocked saves the process.
+[[noreturn]] void endByDivisionError() {
+    sigset_t error;
+    sigemptyset(&error);
+    sigaddset(&error, SIGFPE);
+    raise(SIGFPE);
+    signal(SIGFPE, SIG_DFL);
+    pthread_sigmask(SIG_UNBLOCK, &error, nullptr);
+    raise(SIGFPE);
+    std::abort();
+}
+
+// directQuotient returns the quotient on the 64-bit path. The smallest number divided by -1 has no 64-bit result, and
+// the processor might trap: it wraps, as the product did.
 int64_t directQuotient(int64_t product, int64_t divisor) {
+    if (divisor == 0)
+        endByDivisionError();
     return divisor == -1 ? wrappedNegation(product) : product / divisor;
 }
 
@@ -267,6 +290,20 @@ std::string UTCClockValue::get_as_iso8601_date_with_ms() const {
 std::string UTCClockValue::get_as_rfc822_date() const {
     char text[APR_RFC822_DATE_LEN] = {};
     return apr_rfc822_date(text, value / 1000) == APR_SUCCESS ? text : "";
+}
+
+std::optional<int64_t> parseInstant(const std::string& text) {
+    if (!hasForm(text, "dddd-dd-ddTdd:dd:ddZ"))
+        return std::nullopt;
+    const auto number = [&text](size_t position, size_t count) { return std::stoi(text.substr(position, count)); };
+    const auto date =
+        std::chrono::year(number(0, 4)) / std::chrono::month(number(5, 2)) / std::chrono::day(number(8, 2));
+    const std::chrono::hours hours(number(11, 2));
+    const std::chrono::minutes minutes(number(14, 2));
+    const std::chrono::seconds seconds(number(17, 2));
+    if (!date.ok() || hours.count() > 23 || minutes.count() > 59 || seconds.count() > 59)
+        return std::nullopt;
+    return (std::chrono::sys_days(date).time_since_epoch() + hours + minutes + seconds).count();
 }
 
 int64_t num_ticks(long ticks, long period) {

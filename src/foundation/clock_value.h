@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace svg {
@@ -71,9 +72,14 @@ struct UTCClockValue {
     std::string get_as_rfc822_date() const;
 };
 
+// parseInstant reads a UTC instant in exactly the form that get_as_iso8601_date writes, "YYYY-MM-DDThh:mm:ssZ", of any
+// year from 0000 to 9999, and returns its seconds since the Unix epoch; nothing for any other text, a day that its
+// month does not have, or a time from 24:00:00 up, leap seconds included.
+std::optional<int64_t> parseInstant(const std::string& text);
+
 // num_ticks returns the nanoseconds of `ticks` ticks of which there are `period` in a second, cut towards zero. Up to
-// 9223372035 ticks it computes in 64 bits and a period of 0 is the processor's division error (SIGFPE); a negative
-// number of ticks is always among these, and its product wraps. Above, it computes in 128 bits, saturates, and throws
+// 9223372035 ticks it computes in 64 bits, and a period of 0 ends the process by SIGFPE; a negative number of ticks is
+// always among these, and its product wraps. Above, it computes in 128 bits, saturates, and throws
 // std::overflow_error "Division by zero." for a period of 0. (Kept: the common case stays one multiplication and one
 // division.)
 int64_t num_ticks(long ticks, long period);

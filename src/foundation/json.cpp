@@ -262,6 +262,7 @@ JSON::root JSON::String(const std::string& text) {
     return std::make_unique<JSONString>(text);
 }
 
+// Kept: it copies and leaves `text` as it was, because callers go on using a text that they passed on.
 JSON::root JSON::String(std::string&& text) {
     return String(static_cast<const std::string&>(text));
 }

@@ -187,7 +187,7 @@ public:
     // Number returns a new number.
     static root Number(double value);
 
-    // String returns a new string, a copy of `text`. `text` may hold any byte.
+    // String returns a new string, a copy of `text`, which may hold any byte. Kept: a text given up is copied as well.
     static root String(const std::string& text);
     static root String(std::string&& text);
 
@@ -349,7 +349,12 @@ public:
     const Map& each() const override;
 };
 
-// jsonText gives the text of a string, owned by `value`; null if `value` is null or anything else than a string.
+// isObject returns whether `value` is an object; false for null.
+inline bool isObject(const JSON* value) {
+    return value != nullptr && value->type == JSON::ObjectType;
+}
+
+// jsonText returns the text of a string, owned by `value`; null if `value` is null or anything but a string.
 inline const std::string* jsonText(const JSON* value) {
     return dynamic_cast<const JSONString*>(value);
 }

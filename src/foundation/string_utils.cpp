@@ -7,6 +7,8 @@
 #include <limits>
 #include <utility>
 
+#include "foundation/ascii.h"
+
 namespace {
 
 using CharacterFacet = std::ctype<char>;
@@ -88,17 +90,6 @@ std::string joinSequence(const Sequence& pieces, const std::string& separator) {
         text += *piece;
     }
     return text;
-}
-
-// The value of a hexadecimal digit, -1 for any other character.
-int hexDigit(char digit) {
-    if (digit >= '0' && digit <= '9')
-        return digit - '0';
-    if (digit >= 'a' && digit <= 'f')
-        return digit - 'a' + 10;
-    if (digit >= 'A' && digit <= 'F')
-        return digit - 'A' + 10;
-    return -1;
 }
 
 // Written so that a NaN is outside.
@@ -225,8 +216,8 @@ std::vector<unsigned char> fromBase16(const std::string& digits) {
     std::vector<unsigned char> bytes;
     bytes.reserve(digits.size() / 2);
     for (size_t position = 0; position < digits.size(); position += 2) {
-        const int high = hexDigit(digits[position]);
-        const int low = hexDigit(digits[position + 1]);
+        const int high = ascii::hexValue(digits[position]);
+        const int low = ascii::hexValue(digits[position + 1]);
         if (high < 0 || low < 0)
             return {};
         bytes.push_back(static_cast<unsigned char>(high * 16 + low));

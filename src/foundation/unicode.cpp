@@ -16,8 +16,8 @@ using CountedUTF8 = CountedInput<unsigned char>;
 using CountedUTF16 = CountedInput<char16_t>;
 using CountedUCS4 = CountedInput<char32_t>;
 
-// soundLength gives the bytes of the sound sequence that starts with `word`, 0 if there is none. A stray continuation
-// byte is none.
+// soundLength returns the bytes of the sound sequence that starts with `word`, 0 if there is none. A stray continuation
+// byte is not one; an encoded surrogate is.
 int soundLength(uint32_t word) {
     if ((word & 0x80) == 0)
         return 1;
@@ -30,10 +30,22 @@ int soundLength(uint32_t word) {
     return 0;
 }
 
-template <class Input>
-bool isValid(Input in) {
+// lenientLength is soundLength, but takes a stray continuation byte as well.
+int lenientLength(uint32_t word) {
+    return isContinuation(word & 0xFF) ? 1 : soundLength(word);
+}
+
+// strictLength is soundLength, but refuses an encoded surrogate as well.
+int strictLength(uint32_t word) {
+    const int length = soundLength(word);
+    return length == 3 && isSurrogate(threeByteValue(word)) ? 0 : length;
+}
+
+// consistsOf returns whether `in` is made of sequences to which `lengthOf` gives a length.
+template <class Input, class LengthOf>
+bool consistsOf(Input in, LengthOf lengthOf) {
     while (in.more()) {
-        const int length = isContinuation(*in.at()) ? 1 : soundLength(peekSequence(in));
+        const int length = lengthOf(peekSequence(in));
         if (length == 0)
             return false;
         in.skip(length);
@@ -121,8 +133,11 @@ char32_t utf16Peek(const char16_t* in) {
 }
 
 bool isValidUTF8Z(const unsigned char* in) {
-    return isValid(TerminatedUTF8(in));
+    return consistsOf(TerminatedUTF8(in), lenientLength);
 }
 bool isValidUTF8N(const unsigned char* in, int count) {
-    return isValid(CountedUTF8(in, count));
+    return consistsOf(CountedUTF8(in, count), lenientLength);
+}
+bool isStrictUTF8N(const unsigned char* in, int count) {
+    return consistsOf(CountedUTF8(in, count), strictLength);
 }

@@ -28,6 +28,20 @@
 
 #include <string>
 
+// ---- Surrogates ----
+
+// isHighSurrogate and isLowSurrogate return whether `unit` is the first or second unit of a pair in UTF-16,
+// isSurrogate whether it is either.
+constexpr bool isHighSurrogate(char32_t unit) {
+    return (unit & 0xFFFFFC00) == 0xD800;
+}
+constexpr bool isLowSurrogate(char32_t unit) {
+    return (unit & 0xFFFFFC00) == 0xDC00;
+}
+constexpr bool isSurrogate(char32_t unit) {
+    return (unit & 0xFFFFF800) == 0xD800;
+}
+
 // ---- UCS-4 to UTF-8 ----
 //
 // Code points in the surrogate range (0xD800 to 0xDFFF) and those of 0x110000 or above are dropped without replacement.
@@ -237,3 +251,7 @@ bool isValidUTF8Z(const unsigned char* in);
 
 // isValidUTF8N is isValidUTF8Z for `count` bytes; a sequence cut off by their end is invalid.
 bool isValidUTF8N(const unsigned char* in, int count);
+
+// isStrictUTF8N returns whether `count` bytes at `in` are well-formed UTF-8 (RFC 3629): beyond what isValidUTF8N
+// checks, it refuses stray continuation bytes and encoded surrogates, as other readers of UTF-8 do.
+bool isStrictUTF8N(const unsigned char* in, int count);

@@ -2,13 +2,12 @@
 
 #include <optional>
 
+#include "foundation/ascii.h"
 #include "foundation/string_utils.h"
 
 namespace {
 
-bool isDigit(char byte) {
-    return byte >= '0' && byte <= '9';
-}
+using ascii::isDigit;
 
 // No major number orders below every major number.
 std::optional<uint32_t> majorOf(const VersionString& version) {

@@ -1,12 +1,15 @@
 #include "identity/orv_serial.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string_view>
+
+#include "runtime/file_holder.h"
 
 bool ORVSerial::ms_bLoaded = false;
 std::string ORVSerial::ms_strSerialNumber;
@@ -28,11 +31,6 @@ bool ORVSerial::ms_bHasActiveNetIface = false;
 
 namespace {
 
-struct FileCloser {
-    void operator()(FILE* file) const { fclose(file); }
-};
-using FileUPtr = std::unique_ptr<FILE, FileCloser>;
-
 // One identifier: its text, its flag, and the text that fills in for a missing source.
 struct Identifier {
     std::string& text;
@@ -50,6 +48,7 @@ struct Identifier {
     }
 };
 
+constexpr const char* IDENTIFIERS_PATH = "/etc/orvanta/identifiers";
 constexpr const char* NOT_DEFINED = "[not defined]";
 constexpr const char* DEFAULT_NET_IFACE = "eth0";
 
@@ -85,6 +84,13 @@ const struct {
     {"ORV_CHASSIS_SN", &CHASSIS_SERIAL_NUMBER},
     {"ORV_MAIN_IFACE_NAME", &MAIN_NET_IFACE},
 };
+
+// isOddFile returns whether something other than a regular file is at `path`: a FIFO would be waited for, and some
+// devices never end. Its folder is the administrator's, so this guards against mistakes, not attacks.
+bool isOddFile(const char* path) {
+    struct stat status {};
+    return stat(path, &status) == 0 && !S_ISREG(status.st_mode);
+}
 
 // Hands each line of `file`, or each piece of a line that `BUFFER_SIZE` cannot hold, to `takeLine`. True if the stream
 // had no fault and every line was good.
@@ -172,12 +178,14 @@ bool ORVSerial::load() {
 }
 
 bool ORVSerial::loadCpuInfo() {
-    const FileUPtr file(fopen("/proc/cpuinfo", "rb"));
+    const FileHolder file(fopen("/proc/cpuinfo", "rb"));
     return file && readLines<2048>(file.get(), takeCpuInfoLine);
 }
 
 bool ORVSerial::loadOrvantaIdentifiers() {
-    const FileUPtr file(fopen("/etc/orvanta/identifiers", "rb"));
+    if (isOddFile(IDENTIFIERS_PATH))
+        return false;
+    const FileHolder file(fopen(IDENTIFIERS_PATH, "rb"));
     if (!file)
         return errno == ENOENT;
     return readLines<128>(file.get(), takeIdentifierLine);

@@ -27,8 +27,8 @@ public:
     // loadOrvantaIdentifiers reads /etc/orvanta/identifiers. It sets only what has no source yet, so that the kernel's
     // values win, and among the lines the first. Values may stand in single or double quotes, without escapes; lines
     // that begin with "#" and unknown keys are ignored. A line of 128 bytes or more counts as several, and one with a
-    // NUL byte ends there. It returns true if there is no file, and false if it cannot be read or a line is malformed;
-    // the other lines count all the same.
+    // NUL byte ends there. It returns true if there is no file, and false if it cannot be read, isn't a regular file
+    // or has a malformed line; the other lines count all the same.
     static bool loadOrvantaIdentifiers();
 
     // setActiveNetIface sets the name of the network interface in use, until the next `load`.

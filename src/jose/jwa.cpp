@@ -1,6 +1,7 @@
 #include "jose/jwa.h"
 
 #include <openssl/bn.h>
+#include <openssl/core_names.h>
 #include <openssl/ec.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
@@ -11,9 +12,12 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 
 #include "foundation/strfmt.h"
+#include "runtime/file_holder.h"
+#include "runtime/openssl.h"
 #include "runtime/orv_error.h"
 
 namespace jwa {
@@ -22,7 +26,7 @@ namespace {
 
 using Digest = const EVP_MD* (*)();
 
-// Algorithm is what RFC 7518 says of one algorithm. `bits` is 0 where a key may have any size.
+// Algorithm describes one algorithm of RFC 7518. `bits` is 0 where a key may have any size.
 struct Algorithm {
     const char* name;
     size_t signatureSize;
@@ -49,19 +53,17 @@ const Algorithm& describe(Algo algo) {
     return ALGORITHMS[algo < std::size(ALGORITHMS) ? algo : None];
 }
 
-// opensslError makes an error of the first entry in OpenSSL's queue. Whoever calls OpenSSL clears the queue first, so
-// that this is its own error.
+// opensslError returns an error with the first entry of OpenSSL's queue. Each caller of OpenSSL clears the queue first,
+// so that the entry is its own.
 ORVError opensslError(ORVError::Errors code, const char* call) {
-    char text[256] = {};
-    ERR_error_string_n(ERR_get_error(), text, sizeof text);
-    return ORVError(code, std::string(call) + ": " + text);
+    return ORVError(code, std::string(call) + ": " + takeOpenSSLError());
 }
 
 ORVError notValid(const std::string& detail) {
     return ORVError(ORVError::StringNotValid, detail);
 }
 
-// selectDigest returns the digest of a signing algorithm; `failure` is the detail of the error if there is none.
+// selectDigest returns the digest of the key's algorithm, and throws an error with the detail `failure` if it has none.
 const EVP_MD* selectDigest(const Key& key, const char* failure) {
     const Algorithm& algorithm = describe(key.algo());
     if (algorithm.digest == nullptr)
@@ -69,6 +71,7 @@ const EVP_MD* selectDigest(const Key& key, const char* failure) {
     return algorithm.digest();
 }
 
+// prepareContext makes the context at its first use and clears the error queue.
 void prepareContext(DigestContext& context) {
     ERR_clear_error();
     if (!context)
@@ -81,15 +84,16 @@ bool isECDSA(const Key& key) {
     return describe(key.algo()).keyType == EVP_PKEY_EC;
 }
 
-// noPassword stands where OpenSSL would ask the terminal for a password.
+// noPassword is the callback that supplies no password: without one OpenSSL would prompt on the terminal.
 int noPassword(char*, int, int, void*) {
     return -1;
 }
 
 using ReadPEM = EVP_PKEY* (*)(FILE*, EVP_PKEY**, pem_password_cb*, void*);
 
+// readPEM reads a key file by `read`, OpenSSL's reader called `call`; the caller owns the key.
 EVP_PKEY* readPEM(const std::string& path, ReadPEM read, const char* call) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "re"), fclose);
+    const FileHolder file(fopen(path.c_str(), "re"));
     if (!file)
         throw ORVError::convertPosixError(ORVError::FileNotFound, errno, "cannot open PEM file");
     ERR_clear_error();
@@ -99,29 +103,81 @@ EVP_PKEY* readPEM(const std::string& path, ReadPEM read, const char* call) {
     return key;
 }
 
-struct OpenSSLDeleter {
-    void operator()(BIGNUM* number) const noexcept { BN_free(number); }
-    void operator()(ECDSA_SIG* signature) const noexcept { ECDSA_SIG_free(signature); }
-};
-
-template <class T>
-using Holder = std::unique_ptr<T, OpenSSLDeleter>;
-
+// typeOf returns the key's type as ALGORITHMS has it.
 int typeOf(const EVP_PKEY* key) {
     if (key == nullptr)
         return EVP_PKEY_NONE;
-    // HMAC keys have no base type, and those of no bytes have no type at all.
+    // HMAC keys have no base type, and an HMAC key of length 0 has no type at all.
     return EVP_PKEY_is_a(key, "HMAC") ? EVP_PKEY_HMAC : EVP_PKEY_base_id(key);
 }
 
-// derOf turns r and s side by side into OpenSSL's form of an ECDSA signature.
+// parsePublicKey reads the first block "PUBLIC KEY" of a PEM text.
+OpenSSLHolder<EVP_PKEY> parsePublicKey(const std::string& pem) {
+    ERR_clear_error();
+    const OpenSSLHolder<BIO> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(std::min<size_t>(pem.size(), INT_MAX))));
+    if (!bio)
+        throw opensslError(ORVError::NoMemory, "BIO_new_mem_buf");
+    unsigned char* bytes = nullptr;
+    long length = 0;
+    if (PEM_bytes_read_bio(&bytes, &length, nullptr, PEM_STRING_PUBLIC, bio.get(), noPassword, nullptr) != 1)
+        throw opensslError(ORVError::StringNotValid, "PEM_bytes_read_bio");
+    const OpenSSLHolder<unsigned char> der(bytes);
+    const unsigned char* position = bytes;
+    OpenSSLHolder<EVP_PKEY> key(d2i_PUBKEY(nullptr, &position, length));
+    if (!key)
+        throw opensslError(ORVError::StringNotValid, "d2i_PUBKEY");
+    return key;
+}
+
+// isOnCurve returns whether an EC key names its curve, and names `curve`. RFC 5480, section 2.1.1, forbids writing the
+// curve out as parameters, even where they equal a named one.
+bool isOnCurve(const EVP_PKEY* key, const char* curve) {
+    char name[64] = {};
+    int explicitly = 1;
+    return EVP_PKEY_get_int_param(key, OSSL_PKEY_PARAM_EC_DECODED_FROM_EXPLICIT_PARAMS, &explicitly) == 1 &&
+           explicitly == 0 && EVP_PKEY_get_group_name(key, name, sizeof name, nullptr) == 1 &&
+           std::strcmp(name, curve) == 0;
+}
+
+// hasSafeExponent returns whether an RSA key's public exponent is 3 or more: with 1 anybody can sign.
+bool hasSafeExponent(const EVP_PKEY* key) {
+    BIGNUM* exponent = nullptr;
+    EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_E, &exponent);
+    const OpenSSLHolder<BIGNUM> owner(exponent);
+    return owner && BN_num_bits(exponent) > 1 && !BN_is_word(exponent, 2);
+}
+
+// algoOf returns the algorithm that follows from a public key's kind, or None.
+Algo algoOf(const EVP_PKEY* key) {
+    const int type = typeOf(key);
+    if (type == EVP_PKEY_EC && isOnCurve(key, SN_X9_62_prime256v1))
+        return ES256;
+    if (type == EVP_PKEY_EC && isOnCurve(key, SN_secp384r1))
+        return ES384;
+    if (type == EVP_PKEY_RSA && EVP_PKEY_bits(key) == describe(RS256).bits && hasSafeExponent(key))
+        return RS256;
+    return None;
+}
+
+// requireSound throws if OpenSSL refuses the values of a public key: a point off its curve, a modulus with a small
+// factor.
+void requireSound(EVP_PKEY* key) {
+    ERR_clear_error();
+    const OpenSSLHolder<EVP_PKEY_CTX> context(EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr));
+    if (!context)
+        throw opensslError(ORVError::NoMemory, "EVP_PKEY_CTX_new_from_pkey");
+    if (EVP_PKEY_public_check(context.get()) != 1)
+        throw opensslError(ORVError::StringNotValid, "EVP_PKEY_public_check");
+}
+
+// derOf returns an ECDSA signature, r and s side by side, in OpenSSL's form.
 std::vector<unsigned char> derOf(const std::vector<unsigned char>& raw) {
     const int half = static_cast<int>(raw.size() / 2);
-    const Holder<ECDSA_SIG> signature(ECDSA_SIG_new());
+    const OpenSSLHolder<ECDSA_SIG> signature(ECDSA_SIG_new());
     if (!signature)
         throw opensslError(ORVError::NoMemory, "ECDSA_SIG_new");
-    Holder<BIGNUM> r(BN_bin2bn(raw.data(), half, nullptr));
-    Holder<BIGNUM> s(BN_bin2bn(raw.data() + half, half, nullptr));
+    OpenSSLHolder<BIGNUM> r(BN_bin2bn(raw.data(), half, nullptr));
+    OpenSSLHolder<BIGNUM> s(BN_bin2bn(raw.data() + half, half, nullptr));
     if (!r || !s)
         throw opensslError(ORVError::NoMemory, "BN_bin2bn");
     if (ECDSA_SIG_set0(signature.get(), r.get(), s.get()) != 1)
@@ -200,7 +256,7 @@ void Key::setHMAC(Algo algo, const unsigned char* key, size_t length) {
     if (describe(algo).keyType != EVP_PKEY_HMAC)
         throw notValid("Algorithm must be HMAC");
     ERR_clear_error();
-    // EVP_PKEY_new_mac_key takes no key without bytes, and counts them in an int.
+    // EVP_PKEY_new_mac_key refuses a key of length 0 and takes the length as an int.
     const bool countable = length > 0 && length <= INT_MAX;
     EVP_PKEY* made = countable ? EVP_PKEY_new_mac_key(EVP_PKEY_HMAC, nullptr, key, static_cast<int>(length))
                                : EVP_PKEY_new_raw_private_key(EVP_PKEY_HMAC, nullptr, key, length);
@@ -257,11 +313,16 @@ void Key::loadPublicKeyDER(Algo algo, const void* data, int length) {
     checkKey();
 }
 
-// --- Signer ---
-
-void DigestContextDeleter::operator()(EVP_MD_CTX* context) const noexcept {
-    EVP_MD_CTX_free(context);
+void Key::loadPublicKeyByKind(const std::string& pem) {
+    OpenSSLHolder<EVP_PKEY> key = parsePublicKey(pem);
+    const Algo algo = algoOf(key.get());
+    if (algo == None)
+        throw notValid("key must be EC on P-256 or P-384, or RSA of 2048 bits with a public exponent of 3 or more");
+    requireSound(key.get());
+    set(algo, key.release());
 }
+
+// --- Signer ---
 
 void Signer::init() {
     if (m_bInitialised)
@@ -279,7 +340,7 @@ void Signer::update(const void* data, size_t length) {
     init();
     ERR_clear_error();
     if (EVP_DigestUpdate(m_pContext.get(), data, length) != 1)
-        throw opensslError(ORVError::NoMemory, "EVP_DigestSignUpdate");
+        throw opensslError(ORVError::NoMemory, "EVP_DigestSignUpdate");  // kept: OpenSSL's older name of this call
 }
 
 const std::vector<unsigned char>& Signer::get() {
@@ -303,7 +364,7 @@ void Signer::finishRaw() {
         throw opensslError(ORVError::SystemUnknown, "EVP_DigestSignFinal");
 }
 
-// finishECDSA turns OpenSSL's DER form into r and s, each padded with zeros on the left.
+// finishECDSA converts OpenSSL's DER form to r and s, each padded with zeros on the left.
 void Signer::finishECDSA() {
     size_t length = 0;
     if (EVP_DigestSignFinal(m_pContext.get(), nullptr, &length) != 1)
@@ -312,7 +373,7 @@ void Signer::finishECDSA() {
     if (EVP_DigestSignFinal(m_pContext.get(), der.data(), &length) != 1)
         throw opensslError(ORVError::SystemUnknown, "EVP_DigestSignFinal");
     const unsigned char* position = der.data();
-    const Holder<ECDSA_SIG> signature(d2i_ECDSA_SIG(nullptr, &position, static_cast<long>(length)));
+    const OpenSSLHolder<ECDSA_SIG> signature(d2i_ECDSA_SIG(nullptr, &position, static_cast<long>(length)));
     if (!signature)
         throw opensslError(ORVError::SystemUnknown, "d2i_ECDSA_SIG");
     const BIGNUM *r, *s;
@@ -340,7 +401,7 @@ void Verifier::update(const void* data, size_t length) {
     init();
     ERR_clear_error();
     if (EVP_DigestUpdate(m_pContext.get(), data, length) != 1)
-        throw opensslError(ORVError::NoMemory, "EVP_DigestVerifyUpdate");
+        throw opensslError(ORVError::NoMemory, "EVP_DigestVerifyUpdate");  // kept: as above
 }
 
 bool Verifier::matches(const std::vector<unsigned char>& signature) {

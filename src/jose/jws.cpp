@@ -12,16 +12,17 @@ namespace jws {
 
 namespace {
 
-// Segments are the parts of a compact text. Further dots belong to the signature, whose decoder drops them.
+// Segments are the parts of a compact text. Further dots are in the signature, whose decoder drops them.
 struct Segments {
     std::string_view header;
     std::string_view payload;
     std::string_view signature;
 
-    // signingInput is what the signature is over: header, dot and payload.
+    // signingInput is what is signed: header, dot and payload.
     std::string_view signingInput;
 };
 
+// split returns the segments, or nothing if one is missing or the last is empty.
 std::optional<Segments> split(std::string_view text) {
     const size_t first = text.find('.');
     if (first == std::string_view::npos || first + 1 == text.size())
@@ -45,7 +46,7 @@ bool isObject(const JSON::root& value) {
     return value != nullptr && value->type == JSON::ObjectType;
 }
 
-// namesOtherAlgorithm tells whether the header has an `alg` that isn't the key's.
+// namesOtherAlgorithm returns whether the header has an `alg` that isn't the key's.
 bool namesOtherAlgorithm(const JSON& header, const jwa::Key& key) {
     const JSON* alg = header.get("alg");
     return alg != nullptr && alg->toString() != jwa::name(key.algo());
@@ -60,7 +61,7 @@ bool isSigned(const Segments& segments, const jwa::Key& key) {
     }
 }
 
-// verifyText is the common core of the three forms of `verify`; `payload` gets the segment.
+// verifyText is the common core of the three forms of `verify`; it stores the payload's segment in `payload`.
 bool verifyText(const std::string& text, JSON::root& header, std::string_view& payload, const jwa::Key& key) {
     const std::optional<Segments> segments = split(text);
     if (!segments)

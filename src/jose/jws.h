@@ -15,20 +15,21 @@
 
 namespace jws {
 
-// sign returns the compact text of a payload under `header`, which must not be null. The header goes out as it is on
-// one line; a member `alg` must be the name of the key's algorithm, and none is added where it is missing. A JSON
-// payload is signed as its text on one line. Failures throw an ORVError: a different `alg`, and those of jwa::sign.
+// sign returns the compact text of a payload under `header`, which must not be null. The header is written unchanged,
+// on one line; a member `alg` must be the name of the key's algorithm, and a missing one is not added. A JSON payload
+// is signed as its text on one line. Failures throw an ORVError: a different `alg`, and those of jwa::sign.
 std::string sign(const JSON* header, const unsigned char* payload, size_t length, const jwa::Key& key);
 std::string sign(const JSON* header, const std::string& payload, const jwa::Key& key);
 std::string sign(const JSON* header, const std::vector<unsigned char>& payload, const jwa::Key& key);
 std::string sign(const JSON* header, const JSON* payload, const jwa::Key& key);
 
-// verify tells whether `text` is a compact text whose signature is good under `key` and whose header has no `alg` or
-// that of the key. It throws nothing but exhausted memory.
+// verify returns whether `text` is a compact text whose signature is good under `key` and whose header has no `alg` or
+// that of the key. Only exhausted memory throws.
 //
-// `text` must not belong to the old `header`. That gets the header as soon as it could be read, so also when the
-// signature is bad. `payload` gets the payload when the signature is good, and stays untouched otherwise. With a JSON
-// payload the answer is true only for an object; any other value is stored all the same.
+// `text` must not belong to the old `header`, which is replaced as soon as the new one was parsed, even if the
+// signature is bad; it becomes null if the header is not JSON. `payload` is replaced if the signature is good, and left
+// as it was otherwise. With a JSON payload the result is true only for an object; any other value is stored
+// nevertheless.
 bool verify(const std::string& text, JSON::root& header, std::vector<unsigned char>& payload, const jwa::Key& key);
 bool verify(const std::string& text, JSON::root& header, std::string& payload, const jwa::Key& key);
 bool verify(const std::string& text, JSON::root& header, JSON::root& payload, const jwa::Key& key);

@@ -29,8 +29,7 @@ struct CommandLine {
     bool bIncrement = false;
     const char* pszAttestationFile = nullptr;
 
-    // firstUnread is the index of the first argument that the scan left unread, the number of arguments if there is
-    // none.
+    // firstUnread is the index of the first argument that the scan left unread, or the number of arguments.
     int firstUnread = 1;
 };
 
@@ -52,13 +51,9 @@ void printUsage() {
               << std::flush;
 }
 
-// takeFlag acts on an option without a value; false if `option` is none.
+// takeFlag stores an option without a value. Returns false if `option` is not one.
 bool takeFlag(const char* option, CommandLine& line) {
     const auto is = [option](const char* name) { return strcmp(option, name) == 0; };
-    if (is("-h")) {
-        printUsage();
-        exit(EXIT_SUCCESS);
-    }
     if (is("-s"))
         line.bSilent = true;
     else if (is("-d"))
@@ -78,7 +73,7 @@ bool takeFlag(const char* option, CommandLine& line) {
     return true;
 }
 
-// takeValue acts on an option with a value, whatever the value looks like; false if `option` is none.
+// takeValue stores an option with a value, whatever the value looks like. Returns false if `option` is not one.
 bool takeValue(const char* option, const char* value, CommandLine& line) {
     const auto is = [option](const char* name) { return strcmp(option, name) == 0; };
     if (is("-A"))
@@ -92,27 +87,37 @@ bool takeValue(const char* option, const char* value, CommandLine& line) {
     return true;
 }
 
-// scan reads the options up to the first argument without a leading dash. What it doesn't know it drops without a word,
-// an option that lacks its value among it: scripts written for other versions of this program must go on working.
+// scan reads the options up to the first argument without a leading dash; `-h` ends the process at once. It silently
+// skips what it does not know, including an option without its value: scripts written for other versions of this
+// program must go on working.
 CommandLine scan(int argc, char** argv) {
     CommandLine line;
     int i = 1;
     while (i < argc && argv[i][0] == '-') {
-        const bool tookValue = !takeFlag(argv[i], line) && i + 1 < argc && takeValue(argv[i], argv[i + 1], line);
-        i += tookValue ? 2 : 1;
+        if (strcmp(argv[i], "-h") == 0) {
+            printUsage();
+            exit(EXIT_SUCCESS);
+        } else if (takeFlag(argv[i], line)) {
+            i += 1;
+        } else if (i + 1 < argc && takeValue(argv[i], argv[i + 1], line)) {
+            i += 2;
+        } else {
+            i += 1;
+        }
     }
     line.firstUnread = i;
     return line;
 }
 
+// isValidCombination returns whether at most one mode was chosen and each given value belongs to it.
 bool isValidCombination(const CommandLine& line) {
     const int modes = int(line.bDeviceInfo) + int(line.bWatch) + int(line.bKill);
     return modes <= 1 && (line.pszAttestationFile == nullptr || line.bDeviceInfo) &&
            !(line.bWatch && g_strWatchFile.empty());
 }
 
-// reportDevice outlives its readers: ended by one that went away, it would leave a session behind in the TPM, which has
-// room for few.
+// reportDevice outlives its readers: if one that went away ended it, a session would stay in the TPM, which has room
+// for few.
 int reportDevice(const CommandLine& line) {
     const IgnoredPipeSignal ignored;
     TPM2Attestor tpm;

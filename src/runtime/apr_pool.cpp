@@ -13,7 +13,7 @@ namespace {
 
 constexpr apr_size_t MAX_FREE_BYTES = 0x20000;
 
-// boundGlobalAllocator reaches the allocator that all pools share through a pool that uses it.
+// boundGlobalAllocator bounds the memory kept by the allocator that all pools share. Only a pool leads to it.
 void boundGlobalAllocator() {
     apr_pool_t* pool = nullptr;
     if (apr_pool_create_ex(&pool, nullptr, nullptr, nullptr) != APR_SUCCESS)
@@ -62,7 +62,7 @@ APRPool::APRPool(const APRPool& parent, const char* name) : APRPool(&parent, nam
 APRPool& APRPool::operator=(const APRPool& other) {
     if (this == &other)
         return *this;
-    // The pool left behind may outlive this object, so it gets a tag of its own memory.
+    // The pool may outlive this object, so its tag moves to memory of its own. A borrowed one belongs to somebody else.
     if (m_bOwned && m_pPool != nullptr)
         apr_pool_tag(m_pPool, apr_pstrdup(m_pPool, m_strTag.c_str()));
     m_pPool = other.m_pPool;

@@ -1,7 +1,7 @@
 // apr_pool.h: the lifetime of the APR library, and its memory pools.
 //
-// Counting is atomic, but the first start of the library is not: the first instance must be made before any thread is.
-// `APRInitializer::ms_APRInitializer` sees to that. A pool belongs to one thread at a time.
+// Counting is atomic, but starting the library is not: the first instance must be made before any thread is.
+// `APRInitializer::ms_APRInitializer` ensures that. A pool belongs to one thread at a time.
 #pragma once
 
 #include <atomic>
@@ -10,12 +10,12 @@
 
 struct apr_pool_t;
 
-// APRInitializer keeps the APR library going: the first instance starts it, the last one to go ends it. While it runs,
-// its global allocator gives memory above 128 KiB back to the system instead of keeping it. If the library doesn't
-// start, the process aborts. APR counts for itself too, so other users of the library are not disturbed.
+// APRInitializer keeps the APR library running: the first instance starts it, the last one to be destroyed ends it.
+// While it runs, its global allocator returns free memory above 128 KiB to the system. If the library doesn't start,
+// the process aborts. APR has a count of its own, so other users of the library are not disturbed.
 class APRInitializer {
 public:
-    // APRInitializer counts one more user and starts the library if there was none.
+    // APRInitializer counts one more user and starts the library for the first one.
     APRInitializer();
     APRInitializer(const APRInitializer&) = delete;
     APRInitializer& operator=(const APRInitializer&) = delete;
@@ -28,9 +28,9 @@ private:
     static std::atomic<uint32_t> ms_refCount;
 };
 
-// APRPool owns a memory pool or borrows one; it keeps the library going. A borrowed pool must outlive it, and a pool
-// dies with its parent. A pool of its own carries a tag for APR's debugging aids: "N-name", where N counts the pools
-// tagged so far, or "N-<no name>". A borrower has none.
+// APRPool owns a memory pool or borrows one, and keeps the library running. A borrowed pool must outlive it, and a pool
+// is destroyed with its parent. A pool of its own has a tag that shows in APR's debugging output: "N-name", where N
+// counts the pools tagged so far, or "N-<no name>". A borrower has no tag.
 class APRPool : private APRInitializer {
 public:
     // APRPool borrows `parent` if there is one and no name is given, or makes a new pool below it. Without a parent the
@@ -44,16 +44,16 @@ public:
     // APRPool borrows `parent`'s pool, or makes a new one below it if a name is given. A copy thus only borrows.
     APRPool(const APRPool& parent, const char* name = nullptr);
 
-    // operator= borrows the other's pool from now on. Kept: a pool that was owned is not destroyed; it lives until its
-    // parent goes, with what was allocated from it.
+    // operator= borrows the other's pool. Kept: a pool that was owned is not destroyed; it lives until its parent is
+    // destroyed, with what was allocated from it.
     APRPool& operator=(const APRPool& other);
 
     ~APRPool() override;
 
-    // get returns the pool. It is null only if memory was exhausted when the pool was made.
+    // get returns the pool, which is null only if memory was exhausted when the pool was made.
     apr_pool_t* get() const { return m_pPool; }
 
-    // tag returns the tag, empty for one that only ever borrowed; an assignment leaves it as it was.
+    // tag returns the tag; it is empty if the object never owned a pool, and an assignment leaves it as it was.
     const std::string& tag() const { return m_strTag; }
 
 private:

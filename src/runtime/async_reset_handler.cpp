@@ -14,6 +14,7 @@ namespace {
 
 constexpr size_t MESSAGES_PER_READ = 16;
 
+// asksForReset returns whether the byte is a request; any other byte only ends the wait.
 bool asksForReset(unsigned char message) {
     return message == static_cast<unsigned char>(AsyncResetHandler::Message::Reset) ||
            message == static_cast<unsigned char>(AsyncResetHandler::Message::Flush);
@@ -45,7 +46,7 @@ AsyncResetHandler::~AsyncResetHandler() {
         send(Message::WakeUp);
         join();
     } catch (...) {
-        // a destructor has nobody to tell
+        // a destructor cannot report it
     }
     if (m_pReadEnd != nullptr)
         apr_file_close(m_pReadEnd);

@@ -11,29 +11,30 @@ struct apr_file_t;
 namespace orvlog {
 
 // AsyncResetHandler calls orvlog::reset on a thread of its own. A request is one byte on a pipe, so that the requester
-// never waits; one reset serves all requests that wait. When the pipe is full a request is lost, which does no harm.
+// never waits. One reset serves up to 16 waiting requests. When the pipe is full, a request is lost; the reset that the
+// waiting ones lead to serves it as well.
 //
 // Life cycle: constructed, `start`, destroyed, which ends the thread. `reset`, `flush` and `send` may be called from
-// any thread, and before `start`: the request then waits in the pipe. Nothing here throws but the construction, when
-// memory is exhausted.
+// any thread, and before `start`: the request then waits in the pipe. Only the constructor throws, when memory is
+// exhausted.
 class AsyncResetHandler : private ORVThread {
 public:
     // Message is the byte on the pipe.
     enum class Message : uint8_t {
-        WakeUp = 0,  // only look whether to stop
+        WakeUp = 0,  // ends the wait, so that a stop is noticed
         Reset = 1,
-        Flush = 2  // acts as Reset does
+        Flush = 2  // the same as Reset
     };
 
-    // AsyncResetHandler makes the pipe. If that fails, `start` gives false and requests do nothing.
+    // AsyncResetHandler makes the pipe. If that fails, `start` returns false and requests do nothing.
     AsyncResetHandler();
     ~AsyncResetHandler() override;
 
-    // start starts the thread and waits until it is there; false if there is no pipe or no thread, or if it was started
-    // before.
+    // start starts the thread and waits until it runs. It returns false if the pipe or the thread couldn't be made, or
+    // if it was called before.
     bool start();
 
-    // reset and flush ask for a reset of all appenders.
+    // reset and flush request a reset of all appenders.
     void reset();
     void flush();
 

@@ -9,7 +9,9 @@
 
 #include "foundation/strfmt.h"
 #include "foundation/unicode.h"
+#include "runtime/error_text.h"
 
+// The texts reach logs and screens of other programs, which compare them: they change as little as the codes.
 const ORVError::ORVErrorDesc::Description ORVError::ms_aErrors[] = {
     {NetworkError, 0, "Network Error"},
     {NetworkUnknown, 0, "Unknown Network Error"},
@@ -44,7 +46,7 @@ const ORVError::ORVErrorDesc::Description ORVError::ms_aErrors[] = {
     {FileNotFound, 2, "File not found"},
     {FileAccessDenied, 2, "File cannot be accessed"},
     {FileReadOnly, 2, "File is read only"},
-    {FileExists, 2, "File Exist"},
+    {FileExists, 2, "File Exist"},  // kept
     {FileContentBad, 2, "File content is incorrect"},
     {FileNameBad, 2, "Filename or path is incorrect"},
     {FileReadError, 2, "File read error"},
@@ -58,7 +60,7 @@ const ORVError::ORVErrorDesc::Description ORVError::ms_aErrors[] = {
     {InternalServerError, 2, "Internal Server Error"},
     {InputError, 3, "Input Error"},
     {InputUnknown, 3, "Unknown Input Error"},
-    {EmptyInput, 3, "Empthy input string not allowed"},  // kept: readers of logs look for it
+    {EmptyInput, 3, "Empthy input string not allowed"},  // kept: log readers search for it
     {StringTooLong, 3, "String too long"},
     {StringNotValid, 3, "String not valid"},
     {InvalidState, 3, "The operation cannot be executed in the current state"},
@@ -71,10 +73,10 @@ const ORVError::ORVErrorDesc ORVError::ms_oErrors(ms_aErrors);
 
 namespace {
 
-constexpr size_t SPARE_ROWS = 2;
-constexpr int MAX_NAME_LENGTH = 100;  // code points
+constexpr size_t SPARE_ROWS = 2;  // kept: two codes after the last have an empty text instead of that of code 0
 constexpr size_t APR_TEXT_SIZE = 64;
 
+// countRows returns the number of rows before the one that ends the table.
 size_t countRows(const ORVError::ORVErrorDesc::Description* table) {
     size_t count = 0;
     while (table[count].text != nullptr)
@@ -82,6 +84,7 @@ size_t countRows(const ORVError::ORVErrorDesc::Description* table) {
     return count;
 }
 
+// codePointsOf returns UTF-8 text by code points, so that a name is never cut inside of one.
 std::u32string codePointsOf(const std::string& text) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
     const int size = static_cast<int>(text.size());
@@ -90,12 +93,14 @@ std::u32string codePointsOf(const std::string& text) {
     return codePoints;
 }
 
+// append adds `count` code points to `out` in UTF-8.
 void append(std::string& out, const char32_t* codePoints, size_t count) {
     for (size_t i = 0; i < count; ++i)
         utf8Append(out, codePoints[i]);
 }
 
-// codeForAPRStatus gives the code of a status that has one of its own.
+// codeForAPRStatus returns the code of a status that has one of its own. On Linux an APR status of a failed system call
+// is its errno value.
 std::optional<ORVError::Errors> codeForAPRStatus(int status) {
     switch (status) {
     case EACCES:
@@ -132,7 +137,7 @@ ORVError::ORVErrorDesc::ORVErrorDesc(const Description* table) : m_aRows(countRo
 }
 
 const ORVError::ORVErrorDesc::DescriptionStr& ORVError::ORVErrorDesc::row(int errorCode) const {
-    const auto index = static_cast<size_t>(errorCode);
+    const auto index = static_cast<size_t>(errorCode);  // a negative code becomes an index beyond every table
     return m_aRows[index < m_aRows.size() ? index : 0];
 }
 
@@ -148,8 +153,7 @@ const std::string& ORVError::toString(Errors errorCode) {
 std::string ORVError::toString(Errors errorCode, std::string detail) {
     if (detail.empty())
         return toString(errorCode);
-    detail.erase(detail.find_last_not_of("\r\n") + 1);
-    return toString(errorCode) + " : " + detail;
+    return toString(errorCode) + " : " + withoutLineBreaks(std::move(detail));
 }
 
 uint32_t ORVError::toScope(Errors errorCode) {
@@ -165,6 +169,7 @@ std::string ORVError::truncateName(std::string&& name, int maxLength) {
     if (maxLength >= utf8NumCodePointsN(bytes, static_cast<int>(name.size())))
         return std::move(name);
     const std::u32string codePoints = codePointsOf(name);
+    // Bytes that are not UTF-8 may count as more code points than they convert to.
     const size_t kept = std::min(static_cast<size_t>(std::max(maxLength, 0)) / 2, codePoints.size());
     std::string shortened;
     append(shortened, codePoints.data(), kept);

@@ -15,7 +15,7 @@ class URI;
 // ORVError is a runtime error with a code. Its text is composed when it is made.
 class ORVError : public std::runtime_error {
 public:
-    // Errors are the codes, by scope. The values are fixed: other programs know them.
+    // Errors are the codes, by scope. The values are fixed, as other programs know them.
     enum Errors : uint32_t {
         // scope 0: network
         NetworkError,
@@ -91,8 +91,8 @@ public:
         // ORVErrorDesc copies a table whose codes are those from 0 up to the number of its rows, in any order.
         explicit ORVErrorDesc(const Description* table);
 
-        // desc and scope return what the table has for `errorCode`. Two codes behind the last have an empty text and
-        // scope 0; any other code counts as code 0.
+        // desc and scope return text and scope of `errorCode`. The two codes after the last have an empty text and
+        // scope 0; any other code outside the table counts as code 0.
         const std::string& desc(int errorCode) const { return row(errorCode).text; }
         uint32_t scope(int errorCode) const { return row(errorCode).scope; }
 
@@ -114,8 +114,8 @@ public:
     // getCode returns the code.
     Errors getCode() const { return code; }
 
-    // toString returns the text of a code: with a `detail` that isn't empty the text, " : " and the detail without line
-    // breaks at its end.
+    // toString returns the text of a code. A `detail` that isn't empty follows after " : ", without the line breaks at
+    // its end.
     static const std::string& toString(Errors errorCode);
     static std::string toString(Errors errorCode, std::string detail);
 
@@ -123,21 +123,21 @@ public:
     static uint32_t toScope(Errors errorCode);
 
     // truncateName shortens a UTF-8 name of more than `maxLength` code points to its first and last `maxLength` / 2 and
-    // "..." between them. Kept: the limit bounds the kept text, so the result may be three code points longer.
+    // "..." between them. Kept: the limit does not count the "...", so the result may be three code points longer.
     static std::string truncateName(const std::string& name, int maxLength);
     static std::string truncateName(std::string&& name, int maxLength);
 
-    // convertAPRError returns the error for an APR status, which may be an errno value. `name` tells what it was about,
-    // or is null.
+    // convertAPRError returns the error for an APR status, which may be an errno value. `name` is what the failed call
+    // was about, or null.
     static ORVError convertAPRError(int status, const char* name);
 
     // convertPosixError returns an error with `errorCode`; its detail is `name`, unless that is null, and the text of
-    // `errnum`. Kept: the name stands in front here, and behind in the unknown cases of `convertAPRError`.
+    // `errnum`. Kept: the name comes first here, and last where `convertAPRError` has no code for the status.
     static ORVError convertPosixError(Errors errorCode, int errnum, const char* name);
 
     // throwFTPError and throwCurlError throw the error for a result code of libcurl, of an FTP transfer or any other:
-    // an ORVAuthError where credentials are at fault, else an ORVError. The detail is made of `verb`, the URI as people
-    // read it, shortened, and `detail`, or "failed" if that is null or empty.
+    // an ORVAuthError where credentials are at fault, else an ORVError. The detail is made of `verb`, the shortened URI
+    // in the form for people, and `detail`, or "failed" if that is null or empty.
     [[noreturn]] static void throwFTPError(int result, const char* verb, const URI& uri, const char* detail);
     [[noreturn]] static void throwCurlError(int result, const char* verb, const URI& uri, const char* detail);
 
@@ -146,7 +146,7 @@ public:
     [[noreturn]] static void throwHTTPError(int status, const char* verb, const URI& uri, const std::string& extra,
                                             const std::string& reason);
 
-    // ms_aErrors is the table, ms_oErrors the look-up made from it.
+    // ms_aErrors is the table of all errors, and ms_oErrors looks them up.
     static const ORVErrorDesc::Description ms_aErrors[];
     static const ORVErrorDesc ms_oErrors;
 

@@ -18,8 +18,10 @@ constexpr const char* CONSOLE_PATTERN = "%d{HH:mm:ss.SSS} %p: %m%n";
 constexpr const char* SILENT_CONSOLE_PATTERN = "%p: %m%n";
 constexpr const char* SYSLOG_PATTERN = "%-5p %-20c - %m%n";
 
-constexpr size_t PLAIN_MESSAGE_SIZE = 512;
+constexpr size_t PLAIN_MESSAGE_SIZE = 512;  // with the terminator
 
+// makeConsoleAppender returns an appender for standard error or output. Its records have no date, and in a silent run,
+// where the only record is that of its failure, no time either.
 log4cxx::AppenderPtr makeConsoleAppender(bool toStdErr, bool bSilent) {
     const auto layout = std::make_shared<log4cxx::PatternLayout>(bSilent ? SILENT_CONSOLE_PATTERN : CONSOLE_PATTERN);
     const auto appender = std::make_shared<log4cxx::ConsoleAppender>(
@@ -29,6 +31,7 @@ log4cxx::AppenderPtr makeConsoleAppender(bool toStdErr, bool bSilent) {
     return appender;
 }
 
+// logGuarded writes a record. An appender that fails must not fail its caller, who cannot do anything about it.
 template <class Text>
 void logGuarded(const log4cxx::LoggerPtr& logger, const log4cxx::LevelPtr& level, const Text& message,
                 const log4cxx::spi::LocationInfo& location) {
@@ -39,7 +42,8 @@ void logGuarded(const log4cxx::LoggerPtr& logger, const log4cxx::LevelPtr& level
     }
 }
 
-// shareLogger gives a counted reference to the repository's logger behind a plain pointer.
+// shareLogger returns a counted reference to the logger that `logger` points to: C code holds a plain pointer, while
+// log4cxx evaluates levels through counted ones.
 log4cxx::LoggerPtr shareLogger(void* logger) {
     std::string name;
     static_cast<log4cxx::Logger*>(logger)->getName(name);
@@ -83,7 +87,7 @@ log4cxx::LoggerPtr getLogger(const std::string& name) {
 bool configureBasic(bool toStdErr, bool bSilent) {
     try {
         log4cxx::LogManager::resetConfiguration();
-        claimConfiguration();
+        claimConfiguration();  // the reset forgot the claim
         const log4cxx::LoggerPtr root = rootAsItIs();
         root->setLevel(log4cxx::Level::getInfo());
         root->addAppender(makeConsoleAppender(toStdErr, bSilent));
@@ -91,6 +95,7 @@ bool configureBasic(bool toStdErr, bool bSilent) {
         return true;
     } catch (const log4cxx::helpers::Exception& failure) {
         claimConfiguration();
+        // kept: "startupConfigure" is the name that readers of standard error know
         fprintf(stderr, "ERROR: orvlog::startupConfigure() failed with exception '%s'\n", failure.what());
         return false;
     }

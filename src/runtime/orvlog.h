@@ -1,8 +1,8 @@
 // orvlog.h: loggers under one top name, the set-up of logging, and the calls that make a record.
 //
-// A thin layer over log4cxx. No failure of logging ever stops the caller: what goes wrong in writing a record is told
-// on standard error and the caller goes on. Only log4cxx's own exceptions are handled so; others pass on. log4cxx does
-// its own locking: any thread may log.
+// A thin layer over log4cxx. No failure of logging ever stops the caller: what goes wrong in writing a record is
+// reported on standard error and the caller goes on. Only log4cxx's own exceptions are handled so; others pass through.
+// log4cxx does its own locking: any thread may log.
 //
 // A module holds its logger in a static object and makes records with the macros, which test the level first and
 // compose the text only when a record will be made of it:
@@ -40,32 +40,33 @@ extern const char* const TOP_LOGGER_NAME;
 // append returns the name of the logger `name` below the logger `parent`.
 std::string append(const std::string& parent, const std::string& name);
 
-// getLogger returns the logger called `name` and makes it if need be. Loggers are made only here: log4cxx left alone
-// would configure itself at the first one, from files in the current folder or named by the environment, and so let
-// whoever picks the folder write files with this process's rights.
+// getLogger returns the logger called `name`, which is made at its first use. Loggers are made only here: log4cxx left
+// alone would configure itself at the first one, from files in the current folder or named by the environment, and so
+// let whoever chooses the folder write files with this process's rights.
 log4cxx::LoggerPtr getLogger(const std::string& name);
 
 // configureBasic sets logging up for short-lived runs and for the time before a full configuration, in place of
 // whatever was configured before: records from INFO up go to standard error (`toStdErr`) or standard output, and to
-// syslog. With `bSilent` only FATAL records pass, on both. A failure is told on standard error and gives false;
+// syslog. With `bSilent` only FATAL records pass, on both. A failure is reported on standard error and returns false;
 // appenders that were attached by then stay.
 bool configureBasic(bool toStdErr, bool bSilent);
 
 // configureDefault sets logging up with files, in place of whatever was configured before: records from INFO up go to
 // "log/player.log", FATAL ones to syslog too, those of the logger "orv.accounting" only to "log/accounting.log", and
 // those of "orv.svglib.profiling" nowhere. The folder "log" is made in the working directory; each file is kept once
-// more when it has grown too large. Nothing of ours goes to the console. A failure is told on standard error and gives
-// false; appenders that were attached by then stay. Kept: a file that can't be opened is none, log4cxx only complains.
+// more when it has grown too large. No record goes to the console. A failure is reported on standard error and returns
+// false; appenders that were attached by then stay. Kept: a file that can't be opened is not a failure; log4cxx only
+// reports it.
 bool configureDefault();
 
-// configureFromXML and configureFromINI set logging up from a file in one of log4cxx's two formats. A failure, a file
-// that is missing or malformed included, is told on standard error and gives false.
+// configureFromXML and configureFromINI set logging up from a file in one of log4cxx's two formats. A failure, a
+// missing or malformed file included, is reported on standard error and returns false.
 bool configureFromXML(const std::string& file);
 bool configureFromINI(const std::string& file);
 
-// reset makes all appenders reopen their targets: log files that were moved away are made anew. A failure is told on
-// standard error; one logger's appenders, the root's excepted, don't keep the others from being reset.
-// AsyncResetHandler does this without the caller waiting.
+// reset makes all appenders reopen their targets: log files that were moved away are made again. A failure is reported
+// on standard error; a failing appender, unless it is the root's, doesn't keep other loggers' appenders from being
+// reset. AsyncResetHandler does this without the caller waiting.
 void reset();
 
 // fini ends logging; meant for atexit.

@@ -36,11 +36,13 @@ RollingFileAppenderPtr makeFileAppender(const char* pattern, const char* file, c
     return appender;
 }
 
+// makeLogFolder ignores a failure: what it leads to, a file that can't be opened, is reported by the appender.
 void makeLogFolder() {
     log4cxx::helpers::Pool pool;
     apr_dir_make_recursive("log", APR_FPROT_OS_DEFAULT, pool.getAPRPool());
 }
 
+// silenceProfiling detaches the profiling logger from the root; it has no appender of its own.
 void silenceProfiling() {
     const std::string svglib = orvlog::append(orvlog::TOP_LOGGER_NAME, "svglib");
     orvlog::getLogger(orvlog::append(svglib, "profiling"))->setAdditivity(false);
@@ -75,21 +77,21 @@ void setUpFiles() {
     attachMainFile(root);
 }
 
-// requireConfigured makes a failure of what log4cxx itself only complains about on standard error.
+// requireConfigured throws where log4cxx itself would only print a warning.
 void requireConfigured(log4cxx::spi::ConfigurationStatus status) {
     if (status != log4cxx::spi::ConfigurationStatus::Configured)
         throw log4cxx::helpers::RuntimeException("the file is missing or malformed");
 }
 
-// configureGuarded runs a set-up and tells how it went. The claim is renewed on both sides: neither a set-up that was
-// reset before nor the content of a file may leave log4cxx to itself.
+// configureGuarded runs a set-up, records or reports how it went, and returns whether it succeeded. The claim is
+// renewed before and after: neither an earlier reset nor the content of a file may make log4cxx configure itself.
 template <class SetUp>
 bool configureGuarded(const char* scope, const char* name, SetUp setUp) {
     orvlog::claimConfiguration();
     try {
         setUp();
         orvlog::claimConfiguration();
-        ORVLOG_INFO(gs_pUtilsLogger, "Logs %s() sucess", name);
+        ORVLOG_INFO(gs_pUtilsLogger, "Logs %s() sucess", name);  // kept: log readers search for it
         return true;
     } catch (const log4cxx::helpers::Exception& failure) {
         orvlog::claimConfiguration();
@@ -98,11 +100,13 @@ bool configureGuarded(const char* scope, const char* name, SetUp setUp) {
     }
 }
 
+// reopenAppenders activates each appender of one logger again, which opens its target.
 void reopenAppenders(const log4cxx::LoggerPtr& logger, log4cxx::helpers::Pool& pool) {
     for (const log4cxx::AppenderPtr& appender : logger->getAllAppenders())
         appender->activateOptions(pool);
 }
 
+// reopenAppendersGuarded is `reopenAppenders` for a logger whose failure must not reach the next one.
 void reopenAppendersGuarded(const log4cxx::LoggerPtr& logger, log4cxx::helpers::Pool& pool) {
     try {
         reopenAppenders(logger, pool);
@@ -116,7 +120,7 @@ void reopenAppendersGuarded(const log4cxx::LoggerPtr& logger, log4cxx::helpers::
 namespace orvlog {
 
 bool configureDefault() {
-    return configureGuarded("log", "configureDefault", setUpFiles);
+    return configureGuarded("log", "configureDefault", setUpFiles);  // kept: "log", not "orvlog"
 }
 
 bool configureFromXML(const std::string& file) {

@@ -1,4 +1,4 @@
-// orvlog_setup.h: the steps that the set-ups of logging share; for the sources of orvlog.h only.
+// orvlog_setup.h: the steps that all set-ups of logging share; for the sources of orvlog.h only.
 #pragma once
 
 #include <log4cxx/appender.h>
@@ -10,8 +10,8 @@ namespace orvlog {
 // claim.
 void claimConfiguration();
 
-// rootAsItIs returns the root logger as the repository has it: log4cxx's own way to it would first configure what
-// another thread has just shut down.
+// rootAsItIs returns the root logger as the repository has it: log4cxx's own accessor would reconfigure a repository
+// that another thread just shut down.
 log4cxx::LoggerPtr rootAsItIs();
 
 // makeSyslogAppender returns an appender for syslog, ready for use; with `bSilent` only FATAL records pass it.

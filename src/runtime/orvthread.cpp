@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr size_t KERNEL_NAME_SIZE = 16;
+constexpr size_t KERNEL_NAME_SIZE = 16;  // with the terminator
 
 // MAX_TIMEOUT keeps a deadline within the range of the clocks.
 constexpr std::chrono::microseconds MAX_TIMEOUT = std::chrono::hours(24 * 365 * 100);
@@ -30,7 +30,8 @@ std::string toText(std::thread::id id) {
     return text.str();
 }
 
-// Deadline is a point in time on both clocks: the waiting is done by the system clock, which may be set meanwhile.
+// Deadline is a point in time on both clocks: the condition waits by the system clock, which may be set meanwhile, and
+// a clock set forward must not look like elapsed time.
 struct Deadline {
     explicit Deadline(std::chrono::microseconds timeout)
         : steady(std::chrono::steady_clock::now() + timeout), system(std::chrono::system_clock::now() + timeout) {}
@@ -43,7 +44,8 @@ struct Deadline {
     std::chrono::system_clock::time_point system;
 };
 
-// toSystemPriority gives what a priority means within a policy; false if the policy has no range of priorities.
+// toSystemPriority writes the system's number of a priority within `policy` to `result`; false if the policy has no
+// range of priorities.
 bool toSystemPriority(ORVThread::Priority priority, int policy, int& result) {
     const int minimum = sched_get_priority_min(policy);
     const int maximum = sched_get_priority_max(policy);
@@ -72,7 +74,7 @@ ORVThread::~ORVThread() {
         try {
             stop();
         } catch (...) {
-            // the thread may still be there, see below
+            // the thread may still run, which is found below
         }
     }
     if (m_oThread.joinable())
@@ -92,6 +94,7 @@ void ORVThread::start() {
     logLife(m_oThread.get_id(), "started");
 }
 
+// claimStart notifies after releasing the mutex, so that the waiter it wakes can take it at once.
 void ORVThread::claimStart() {
     {
         const std::lock_guard lock(m_oMutex);
@@ -102,7 +105,7 @@ void ORVThread::claimStart() {
     m_oCondition.notify_all();
 }
 
-// createThread holds the mutex, which the new thread takes first: that one finds the handle stored.
+// createThread holds the mutex, which the new thread takes first, and so finds the handle stored.
 void ORVThread::createThread() {
     const std::lock_guard lock(m_oMutex);
     m_bLetGo = false;
@@ -117,6 +120,7 @@ void ORVThread::setState(State state) {
     m_eState = state;
 }
 
+// runAndEnd notifies nobody of a detached thread's end, as its owner must not wait for it any more.
 void ORVThread::runAndEnd() {
     runUnlessStopped();
     setState(Ended);
@@ -126,6 +130,7 @@ void ORVThread::runAndEnd() {
     letGo();
 }
 
+// runUnlessStopped skips `run` if the stop was requested before the thread came here.
 void ORVThread::runUnlessStopped() {
     {
         const std::lock_guard lock(m_oMutex);
@@ -139,7 +144,7 @@ void ORVThread::runUnlessStopped() {
     run();
 }
 
-// letGo is the last step of each side: the object may be gone behind it.
+// letGo is the last step of thread and owner alike: the object may be gone after it.
 void ORVThread::letGo() {
     if (m_bLetGo.exchange(true))
         delete this;
@@ -154,7 +159,7 @@ bool ORVThread::waitForStart(long timeout) {
         return true;
     }
     const Deadline deadline(std::min(std::chrono::microseconds(timeout), MAX_TIMEOUT));
-    m_oCondition.wait_until(lock, deadline.system);
+    m_oCondition.wait_until(lock, deadline.system);  // kept: once, so that a spurious wake-up counts as a start
     return !deadline.isOver();
 }
 
@@ -184,7 +189,7 @@ void ORVThread::join() {
             return;
     }
     if (m_oThread.joinable())
-        m_oThread.join();
+        m_oThread.join();  // without the mutex, which the ending thread takes
     const std::lock_guard lock(m_oMutex);
     m_eState = Idle;
     m_hThread = pthread_t{};
@@ -213,6 +218,7 @@ bool ORVThread::changePriorityLocked(Priority priority) {
     int policy = 0;
     sched_param present{};
     if (m_hThread == pthread_t{} || pthread_getschedparam(m_hThread, &policy, &present) != 0) {
+        // kept: "retrive"; log readers search for the text
         ORVLOG_ERROR(threadLogger(), "failed to retrive thread's scheduling parameters");
         return false;
     }
@@ -257,7 +263,7 @@ void ORVThread::logLife(std::thread::id id, const char* what) const {
 }
 
 bool ORVReadWriteLock::admitsReader() const {
-    return m_nCount >= 0 && (m_nLimit <= 0 || m_nCount <= m_nLimit);
+    return m_nCount >= 0 && (m_nLimit <= 0 || m_nCount <= m_nLimit);  // kept: admits one reader more than the limit
 }
 
 void ORVReadWriteLock::readLock() {

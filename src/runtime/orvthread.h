@@ -1,6 +1,6 @@
 // orvthread.h: a base class for worker threads with a life cycle, and a counting read/write lock.
 //
-// Made of the standard thread facilities and the POSIX scheduling calls. Failures throw: `ORVError` for a call in the
+// Uses the standard thread facilities and the POSIX scheduling calls. Failures throw: `ORVError` for a call in the
 // wrong state, std::system_error for what the system refuses.
 #pragma once
 
@@ -13,12 +13,12 @@
 #include <string>
 #include <thread>
 
-// setThreadName gives a running thread its name in the kernel, cut to the 15 bytes that the kernel keeps. A thread
-// object without a thread is left alone.
+// setThreadName sets a running thread's name in the kernel, which keeps the first 15 bytes. A thread object without a
+// thread is left alone.
 void setThreadName(std::thread& thread, const std::string& name);
 
-// ORVThread is a named thread whose body is `run` of a subclass. Nothing can end `run` from outside: `stop` asks, and
-// `run` returns when it finds the state no longer `Running`.
+// ORVThread is a named thread whose body is `run` of a subclass. Nothing can end `run` from outside: `stop` requests
+// it, and `run` returns when it finds that the state is no longer `Running`.
 //
 //     Idle --start--> Starting --> Running --stopNoWait--> Stopping
 //      ^                 |            |                       |
@@ -26,9 +26,9 @@ void setThreadName(std::thread& thread, const std::string& name);
 //      |                              |                       v
 //      +-----------join---------------+------------------> Ended
 //
-// A joined thread may be started anew. One owning thread calls `start`, `join`, `detach` and the destructor; any thread
-// may call the rest. State and priorities are under one mutex, which is held neither during `run` nor while a join
-// waits. A subclass must stop its `run` in its own destructor, before the members that `run` uses die.
+// A joined thread may be started again. One owning thread calls `start`, `join`, `detach` and the destructor; any
+// thread may call the rest. State and priorities are under one mutex, which is held neither during `run` nor while a
+// join waits. A subclass must stop its `run` in its own destructor, before the members that `run` uses die.
 //
 // Start and end are recorded at DEBUG level, what fails at ERROR level, by the logger of `loggerName`.
 class ORVThread {
@@ -36,37 +36,37 @@ public:
     // State is where the thread is in its life.
     enum State : int32_t {
         Starting = 0,  // `start` is making the system thread
-        Running = 1,   // `run` is at work and no stop was asked for
-        Stopping = 2,  // a stop was asked for, `run` should return
+        Running = 1,   // `run` is at work and no stop was requested
+        Stopping = 2,  // a stop was requested, `run` should return
         Ended = 3,     // `run` has returned, not joined yet
         Idle = 4       // never started, joined, or not started because of a failure
     };
 
-    // Priority is a step within the thread's present real-time policy, from its minimum to its maximum, or a change to
-    // the policy SCHED_FIFO at that policy's minimum.
+    // Priority is a step within the thread's present real-time policy, from its minimum (`Lowest`) to its maximum
+    // (`Highest`), or a change to the policy SCHED_FIFO at that policy's minimum (`Fifo`).
     enum Priority : int32_t { Lowest = 0, Low = 1, Normal = 2, High = 3, Highest = 4, Fifo = 5 };
 
-    // ORVThread makes an idle thread. Messages carry the whole name, the kernel its first 15 bytes.
+    // ORVThread makes an idle thread. Records have the whole name, the kernel its first 15 bytes.
     explicit ORVThread(const std::string& name);
     ORVThread(const ORVThread&) = delete;
     ORVThread& operator=(const ORVThread&) = delete;
 
-    // ~ORVThread stops and joins a thread that is still there. If that fails, the process is terminated.
+    // ~ORVThread stops and joins a thread that still runs. If that fails, the process is terminated.
     virtual ~ORVThread();
 
     // start makes the system thread. If the state isn't `Idle`, it throws an ORVError with `ORVError::InvalidState`. If
-    // the thread can't be made, that is logged, the state is `Idle` again and the failure is thrown on.
+    // the thread can't be made, that is logged, the state is `Idle` again and the failure is rethrown.
     void start();
 
-    // waitForStart waits until the start is over, at most `timeout` microseconds (more than 100 years count as that)
-    // or, for 0 and less, without limit. It returns false if the time ran out. True only means that the wait ended in
-    // time: it waits once, and a spurious wake-up ends it too.
+    // waitForStart waits until the start is over, at most `timeout` microseconds (more than 100 years count as 100) or,
+    // for 0 and less, without limit. It returns false if the time ran out on both the steady and the system clock. True
+    // only means that the wait ended in time: it waits once, and a spurious wake-up ends it too.
     bool waitForStart(long timeout);
 
-    // stop asks the thread to stop and joins it.
+    // stop requests the thread's end and joins it.
     void stop();
 
-    // stopNoWait asks the thread to stop. A request that comes before `run` was entered wins: `run` is never called.
+    // stopNoWait requests the thread's end. If the request comes before `run` was entered, `run` is never called.
     // Without a live thread it does nothing.
     void stopNoWait();
 
@@ -77,15 +77,15 @@ public:
     // throws an ORVError with `ORVError::InvalidState`.
     void join();
 
-    // detach gives the object to itself: it is deleted once `run` has returned, or right here if that was before. It
-    // must live on the heap, and the caller must not touch it any more. Without a system thread detach does nothing. It
+    // detach makes the object own itself: it is deleted when `run` has returned, or at once if that was before. It must
+    // live on the heap, and the caller must not touch it any more. Without a system thread detach does nothing. It
     // takes no lock.
     void detach();
 
-    // setPriority asks for a priority and returns false if it can't be had; then nothing is recorded. Without a live
-    // thread it is applied as the thread starts. Kept: one of the steps asked of a SCHED_OTHER thread changes nothing
-    // and counts as done, and a thread that is started anew keeps the priority that the system gives it if the last
-    // request was fulfilled.
+    // setPriority requests a priority. It returns false if the system refuses it; the object then keeps the old one.
+    // Without a live thread the priority is applied as the thread starts. Kept: a step requested of a SCHED_OTHER
+    // thread changes nothing and counts as done, and a thread that is started again keeps the system's priority if the
+    // last request was fulfilled.
     bool setPriority(Priority priority);
 
     // changePriorityLocked applies a priority to the system thread, which must exist, for a caller that holds the
@@ -103,14 +103,14 @@ protected:
     // it ends the process.
     virtual void run() = 0;
 
-    // isRunning takes the mutex and tells whether `run` should go on.
+    // isRunning takes the mutex and returns whether `run` should go on.
     bool isRunning();
 
 private:
     std::string m_strName;
 
 protected:
-    // m_oMutex guards the state and the priorities, m_oCondition tells changes of m_eState.
+    // m_oMutex guards the state and the priorities; m_oCondition is notified of changes of m_eState.
     std::mutex m_oMutex;
     std::condition_variable m_oCondition;
     State m_eState = Idle;
@@ -132,10 +132,10 @@ private:
     Priority m_eRequestedPriority = NO_PRIORITY;
     std::atomic<bool> m_bDetached{false};
 
-    // The handle serves the scheduling calls: the thread object forgets it when it is detached.
+    // m_hThread is for the scheduling calls, as the thread object loses the handle when it is detached.
     pthread_t m_hThread{};
 
-    // Thread and owner both let go of a detached object, the second of them deletes it.
+    // m_bLetGo is set by the first of thread and owner to let go of a detached object; the second deletes it.
     std::atomic<bool> m_bLetGo{false};
 };
 
@@ -146,13 +146,13 @@ public:
     // ORVReadWriteLock makes a free lock. Kept: `limit` + 1 readers may hold it; 0 and less mean no bound.
     explicit ORVReadWriteLock(int32_t limit) : m_nLimit(limit) {}
 
-    // readLock waits until no writer and not too many readers hold the lock, and takes it.
+    // readLock waits until no writer and not too many readers hold the lock, and takes it as a reader.
     void readLock();
 
-    // writeLock waits until the lock is free and takes it.
+    // writeLock waits until the lock is free and takes it as the writer.
     void writeLock();
 
-    // unlock gives the lock back, as a reader or as the writer. A free lock stays free.
+    // unlock releases the lock, as a reader or as the writer. A free lock stays free.
     void unlock();
 
 private:

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <initializer_list>
 
-namespace {
+#include "runtime/error_text.h"
 
-constexpr int MAX_NAME_LENGTH = 100;  // code points
+namespace {
 
 // Row lists the results or statuses that become one error.
 struct Row {
@@ -14,7 +14,7 @@ struct Row {
     std::initializer_list<int> results;
 };
 
-// The results of libcurl by number: the numbers never change, and no header of libcurl is needed here.
+// FTP_ROWS and CURL_ROWS have libcurl's results by number. The numbers never change, so no header of libcurl is needed.
 constexpr Row FTP_ROWS[] = {
     {ORVError::HostLookupFailed, {5, 6, 15}},
     {ORVError::ConnectFailed, {7, 10, 35, 59}},
@@ -47,7 +47,7 @@ constexpr Row CURL_ROWS[] = {
     {ORVError::ConnectionLost, {80}},
 };
 
-// 405 isn't here: what it means depends on the verb.
+// 405 is not here, as its meaning depends on the verb.
 constexpr Row HTTP_ROWS[] = {
     {ORVError::FileNotFound, {404, 410}},   {ORVError::BadRequest, {400}},
     {ORVError::MethodNotAllowed, {403}},    {ORVError::FileAuthFailed, {401}},
@@ -56,6 +56,7 @@ constexpr Row HTTP_ROWS[] = {
     {ORVError::InsufficientStorage, {507}}, {ORVError::FileRetry, {408, 409, 421, 429, 502, 503, 504}},
 };
 
+// codeOf returns the code of the row that lists `result`.
 template <size_t N>
 ORVError::Errors codeOf(int result, const Row (&rows)[N], ORVError::Errors otherwise) {
     for (const Row& row : rows)
@@ -64,14 +65,14 @@ ORVError::Errors codeOf(int result, const Row (&rows)[N], ORVError::Errors other
     return otherwise;
 }
 
-// httpCode gives the code of an HTTP status. A folder can't be made by MKCOL where something stands already.
+// httpCode returns the code of an HTTP status. A server refuses MKCOL with 405 where something exists already.
 ORVError::Errors httpCode(int status, const char* verb) {
     if (status == 405)
         return std::strcmp(verb, "MKCOL") == 0 ? ORVError::FileExists : ORVError::FileNotSupported;
     return codeOf(status, HTTP_ROWS, ORVError::HttpError);
 }
 
-// Three codes blame the credentials; whoever asks for others must know for which URI.
+// isAboutCredentials returns whether other credentials may help; whoever asks for them must know for which URI.
 bool isAboutCredentials(ORVError::Errors code) {
     return code == ORVError::FileAuthFailed || code == ORVError::ServerAuthFailed || code == ORVError::ProxyAuthFailed;
 }
@@ -83,17 +84,15 @@ bool isAboutCredentials(ORVError::Errors code) {
     throw ORVError(code, detail);
 }
 
+// requestText returns the start of a detail: what was asked of which URI.
 std::string requestText(const char* protocol, const char* verb, const URI& uri) {
     return std::string(protocol) + " " + verb + " " + ORVError::truncateName(uri.toUserString(false), MAX_NAME_LENGTH) +
            " -> ";
 }
 
+// reasonText returns the end of a detail.
 std::string reasonText(const char* detail) {
-    std::string reason = detail == nullptr ? "" : detail;
-    if (reason.empty())
-        return "failed";
-    reason.erase(reason.find_last_not_of("\r\n") + 1);
-    return reason;
+    return detail == nullptr || *detail == '\0' ? "failed" : withoutLineBreaks(detail);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
-// protocol_errors.h: the errors of code that talks to servers: those that carry the URI concerned.
+// protocol_errors.h: the errors of code that talks to servers, each with the URI concerned.
 //
-// The converters of libcurl's results and HTTP's statuses into errors, `ORVError::throwFTPError`, `throwCurlError` and
-// `throwHTTPError`, are declared with `ORVError`; they throw these two classes among others.
+// `ORVError::throwFTPError`, `throwCurlError` and `throwHTTPError` turn libcurl's results and HTTP's statuses into
+// errors. They throw an ORVAuthError where credentials are at fault, and never an ORVRedirectError.
 #pragma once
 
 #include <string>
@@ -9,10 +9,10 @@
 #include "foundation/uri.h"
 #include "runtime/orv_error.h"
 
-// ORVAuthError tells that a server or proxy wants (other) credentials.
+// ORVAuthError is thrown when a server or proxy asks for credentials, or for other ones.
 class ORVAuthError : public ORVError {
 public:
-    // ORVAuthError keeps copies. What `extra` means is the thrower's business.
+    // ORVAuthError keeps copies. The meaning of `extra` is the thrower's.
     ORVAuthError(Errors errorCode, const URI& uri, const std::string& detail, const std::string& extra);
 
     // getURI returns the URI concerned, getExtra the thrower's text.
@@ -24,13 +24,13 @@ private:
     std::string m_strExtra;
 };
 
-// ORVRedirectError tells that what was asked for is elsewhere.
+// ORVRedirectError is thrown when what was asked for is at another URI.
 class ORVRedirectError : public ORVError {
 public:
-    // ORVRedirectError keeps copies. What `flag` means is the thrower's business.
+    // ORVRedirectError keeps copies. The meaning of `flag` is the thrower's.
     ORVRedirectError(Errors errorCode, const URI& from, const URI& to, bool flag, const std::string& detail);
 
-    // getFrom returns the URI that was asked for, getTo the one that it leads to, getFlag the thrower's flag.
+    // getFrom returns the URI that was asked for, getTo the one that it leads to, and getFlag the thrower's flag.
     const URI& getFrom() const { return m_oFrom; }
     const URI& getTo() const { return m_oTo; }
     bool getFlag() const { return m_bFlag; }

@@ -14,11 +14,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <ctime>
 #include <exception>
 #include <random>
 
+#include "foundation/strfmt.h"
+#include "runtime/openssl.h"
 #include "runtime/orvlog.h"
 
 // Template L-2 of the TCG EK Credential Profile, B.3.4: each field is part of the key's identity.
@@ -41,7 +42,7 @@ const TPM2B_PUBLIC TPM2Attestor::ms_sEcc256EKTemplateL2 = {
                                      .scheme = {.scheme = TPM2_ALG_NULL, .details = {}},
                                      .curveID = TPM2_ECC_NIST_P256,
                                      .kdf = {.scheme = TPM2_ALG_NULL, .details = {}}}},
-        // the nonce of the TPM's maker would stand in x
+        // the nonce of the TPM's maker, if there is one, goes into x
         .unique = {.ecc = {.x = {.size = 32, .buffer = {}}, .y = {.size = 32, .buffer = {}}}},
     }};
 
@@ -59,7 +60,7 @@ const TPM2B_PUBLIC TPM2Attestor::ms_sEcc256AKTemplate = {
                                                 .details = {.ecdsa = {.hashAlg = TPM2_ALG_SHA256}}},
                                      .curveID = TPM2_ECC_NIST_P256,
                                      .kdf = {.scheme = TPM2_ALG_NULL, .details = {}}}},
-        .unique = {.ecc = {}},  // the TPM's to fill in
+        .unique = {.ecc = {}},  // filled in by the TPM
     }};
 
 const TPM2B_NV_PUBLIC TPM2Attestor::ms_sCounterPublicTemplate = {
@@ -83,13 +84,11 @@ namespace {
 
 using Bytes = TPM2Attestor::Bytes;
 
-// Where things lie in the TPM. The two indices of the TPM's maker are those of the TCG EK Credential Profile, 2.2.1.4.
+// Handles in the TPM. The two indices of the TPM's maker are those of the TCG EK Credential Profile, 2.2.1.4.
 constexpr TPM2_HANDLE EK_NONCE_INDEX = 0x01c0000b;
 constexpr TPM2_HANDLE EK_TEMPLATE_INDEX = 0x01c0000c;
 constexpr TPM2_HANDLE EK_HANDLE = 0x8101000a;
 constexpr TPM2_HANDLE TEMPORARY_INDEX = 0x018c8120;
-
-static_assert(ESysResource::NO_HANDLE == ESYS_TR_NONE);
 
 constexpr uint16_t EK_NONCE_SIZE = 32;
 constexpr uint16_t NV_CHUNK_SIZE = 512;
@@ -107,48 +106,51 @@ constexpr int MAX_RETRY_DELAY = 1000;
 constexpr TPMT_SYM_DEF NO_SYMMETRIC = {.algorithm = TPM2_ALG_NULL, .keyBits = {}, .mode = {}};
 constexpr TPMT_SIG_SCHEME SCHEME_OF_KEY = {.scheme = TPM2_ALG_NULL, .details = {}};
 
+// Log readers search for the texts of the records below, slips of the pen included: those are marked "kept".
 const log4cxx::LoggerPtr gs_pTallyLogger = orvlog::getLogger(orvlog::append(orvlog::TOP_LOGGER_NAME, "tally"));
 
-// succeeded tells whether a call of the TPM software stack was a success, and makes an error record if it was not.
-bool succeeded(TSS2_RC rc, const char* failure) {
-    if (rc == TSS2_RC_SUCCESS)
-        return true;
-    ORVLOG_ERROR(gs_pTallyLogger, "%s: %s (0x%x)", failure, Tss2_RC_Decode(rc), rc);
-    return false;
+// recordError makes an error record of what failed and the code that the TPM software stack returned.
+void recordError(const std::string& failure, TSS2_RC rc) {
+    ORVLOG_ERROR(gs_pTallyLogger, "%s: %s (0x%x)", failure.c_str(), Tss2_RC_Decode(rc), rc);
 }
 
-// succeededOrWarn is `succeeded` for what the caller can do without.
-bool succeededOrWarn(TSS2_RC rc, const char* failure) {
-    if (rc == TSS2_RC_SUCCESS)
-        return true;
-    ORVLOG_WARN(gs_pTallyLogger, "%s: %s (0x%x)", failure, Tss2_RC_Decode(rc), rc);
-    return false;
+// recordWarning is `recordError` for what the caller can do without.
+void recordWarning(const std::string& failure, TSS2_RC rc) {
+    ORVLOG_WARN(gs_pTallyLogger, "%s: %s (0x%x)", failure.c_str(), Tss2_RC_Decode(rc), rc);
 }
 
-// failedWithOpenSSL makes an error record with the first entry of OpenSSL's queue; its result is the null of any
-// holder. Each conversion clears the queue first, so that this is its own error and not one left by somebody else.
-std::nullptr_t failedWithOpenSSL(const char* failure) {
-    char text[256];
-    ERR_error_string_n(ERR_get_error(), text, sizeof text);
-    ORVLOG_ERROR(gs_pTallyLogger, "%s: %s", failure, text);
+// checkCall returns whether a call of the stack succeeded, and records its failure.
+bool checkCall(TSS2_RC rc, const char* failure) {
+    if (rc != TSS2_RC_SUCCESS)
+        recordError(failure, rc);
+    return rc == TSS2_RC_SUCCESS;
+}
+
+// checkOrWarn is `checkCall` for what the caller can do without.
+bool checkOrWarn(TSS2_RC rc, const char* failure) {
+    if (rc != TSS2_RC_SUCCESS)
+        recordWarning(failure, rc);
+    return rc == TSS2_RC_SUCCESS;
+}
+
+// recordOpenSSLError makes an error record with the first entry of OpenSSL's queue and returns the null of any holder.
+// Each conversion clears the queue first, so that the entry is its own.
+std::nullptr_t recordOpenSSLError(const char* failure) {
+    ORVLOG_ERROR(gs_pTallyLogger, "%s: %s", failure, takeOpenSSLError().c_str());
     return nullptr;
 }
 
-struct OpenSSLDeleter {
-    void operator()(BIO* bio) const noexcept { BIO_free_all(bio); }
-    void operator()(BIGNUM* number) const noexcept { BN_free(number); }
-    void operator()(unsigned char* buffer) const noexcept { OPENSSL_free(buffer); }
-};
-using BIO_UPtr = std::unique_ptr<BIO, OpenSSLDeleter>;
-using BIGNUM_UPtr = std::unique_ptr<BIGNUM, OpenSSLDeleter>;
-using OPENSSL_UPtr = std::unique_ptr<unsigned char, OpenSSLDeleter>;
+using BIO_UPtr = OpenSSLHolder<BIO>;
+using BIGNUM_UPtr = OpenSSLHolder<BIGNUM>;
+using OPENSSL_UPtr = OpenSSLHolder<unsigned char>;
 
+// toBigNumber returns a coordinate or a half of a signature as OpenSSL's number; null when memory is exhausted.
 BIGNUM_UPtr toBigNumber(const TPM2B_ECC_PARAMETER& number) {
     return BIGNUM_UPtr(BN_bin2bn(number.buffer, number.size, nullptr));
 }
 
-// OutputOf lends ESYS a null pointer for an output parameter and at the end of the call's expression gives what came
-// back to the holder, whatever the call returned.
+// OutputOf lends ESYS a null pointer for an output parameter. At the end of the call's expression the holder takes what
+// came back, whatever the call returned.
 template <class T>
 class OutputOf {
 public:
@@ -163,7 +165,7 @@ private:
     T* m_pOutput = nullptr;
 };
 
-// marshal gives `structure` in its wire form, in at most `room` bytes.
+// marshal writes the wire form of `structure` to `out`, at most `room` bytes, and returns the stack's code.
 template <class T>
 TSS2_RC marshal(TSS2_RC (*toWire)(const T*, uint8_t*, size_t, size_t*), const T& structure, size_t room, Bytes& out) {
     size_t length = 0;
@@ -182,11 +184,12 @@ bool isWritten(TPMA_NV attributes) {
     return (attributes & TPMA_NV_WRITTEN) != 0;
 }
 
-// withWritten makes attributes comparable whether or not the index was ever written.
+// withWritten returns attributes that compare alike whether or not the index was ever written.
 TPMA_NV withWritten(TPMA_NV attributes) {
     return attributes | TPMA_NV_WRITTEN;
 }
 
+// toTPMData copies the caller's nonce to `data`; false and a record if it is too long.
 bool toTPMData(const Bytes& qualifyingData, TPM2B_DATA& data) {
     if (qualifyingData.size() > MAX_QUALIFYING_DATA) {
         ORVLOG_ERROR(gs_pTallyLogger, "qualifying data exceed maximum size (%zu > %zu)", qualifyingData.size(),
@@ -199,8 +202,8 @@ bool toTPMData(const Bytes& qualifyingData, TPM2B_DATA& data) {
     return true;
 }
 
-// attestationAndSignature gives the TPMS_ATTEST without its size and the signature in DER; both empty if the signature
-// can't be converted.
+// attestationAndSignature returns the TPMS_ATTEST without its size and the signature in DER; both are empty if the
+// signature can't be converted.
 std::pair<Bytes, Bytes> attestationAndSignature(const TPM2B_ATTEST& attestation, const TPMT_SIGNATURE& signature) {
     Bytes der = TPM2Attestor::toDER(TPM2Attestor::ecdsaToOssl(&signature));
     if (der.empty())
@@ -208,8 +211,7 @@ std::pair<Bytes, Bytes> attestationAndSignature(const TPM2B_ATTEST& attestation,
     return {bytesOf(attestation.attestationData, attestation.size), std::move(der)};
 }
 
-// seed lets clients that get into each other's way wait for different times. Without entropy the generator stays as it
-// is.
+// seed makes clients that disturb each other wait for different times. Without entropy the generator stays as it is.
 void seed(std::minstd_rand0& generator) {
     try {
         generator.seed(std::random_device("default")());
@@ -223,70 +225,7 @@ void sleepMilliseconds(int milliseconds) {
     }
 }
 
-// reportRelease tells a failed release on standard error: it happens in destructors, where no record is made.
-bool reportRelease(TSS2_RC rc, const ESYS_CONTEXT* ctx, const char* verb, ESYS_TR handle) {
-    if (rc != TSS2_RC_SUCCESS)
-        fprintf(stderr, "TPM2 ctx %p failed %s of resource 0x%x: 0x%x\n", static_cast<const void*>(ctx), verb, handle,
-                rc);
-    return rc == TSS2_RC_SUCCESS;
-}
-
 }  // namespace
-
-// === holders =========================================================================================================
-
-ESysResource& ESysResource::operator=(ESysResource&& other) noexcept {
-    ctx = other.ctx;
-    handle = other.release();
-    return *this;
-}
-
-ESysTransient& ESysTransient::operator=(ESysTransient&& other) noexcept {
-    if (this != &other) {
-        flush();
-        ESysResource::operator=(std::move(other));
-    }
-    return *this;
-}
-
-bool ESysTransient::flush() {
-    if (!isHeld())
-        return true;
-    const ESYS_TR held = release();
-    return reportRelease(Esys_FlushContext(ctx, held), ctx, "flush", held);
-}
-
-ESysClosable& ESysClosable::operator=(ESysClosable&& other) noexcept {
-    if (this != &other) {
-        closeHeld();
-        ESysResource::operator=(std::move(other));
-    }
-    return *this;
-}
-
-bool ESysClosable::close() {
-    const ESYS_TR held = handle;
-    const TSS2_RC rc = Esys_TR_Close(ctx, &handle);
-    handle = NO_HANDLE;
-    return reportRelease(rc, ctx, "close", held);
-}
-
-void ESysClosable::closeHeld() {
-    if (isHeld())
-        close();
-}
-
-void ESysFree::operator()(void* output) const noexcept {
-    Esys_Free(output);
-}
-
-void EC_KEY_Deleter::operator()(EC_KEY* key) const noexcept {
-    EC_KEY_free(key);
-}
-
-void ECDSA_SIG_Deleter::operator()(ECDSA_SIG* signature) const noexcept {
-    ECDSA_SIG_free(signature);
-}
 
 // === context and session =============================================================================================
 
@@ -306,7 +245,7 @@ bool TPM2Attestor::open() {
         return false;
     }
     TSS2_ABI_VERSION abi = {.tssCreator = 1, .tssFamily = 2, .tssLevel = 1, .tssVersion = 108};
-    if (!succeeded(Esys_Initialize(&m_pContext, nullptr, &abi), "failed to open TPM2"))
+    if (!checkCall(Esys_Initialize(&m_pContext, nullptr, &abi), "failed to open TPM2"))
         return false;
     m_oCounter = ESysClosable(m_pContext);
     ORVLOG_DEBUG(gs_pTallyLogger, "opened TPM2");
@@ -339,7 +278,7 @@ void TPM2Attestor::close() {
     Esys_Finalize(&m_pContext);
 }
 
-bool TPM2Attestor::guardOpen() const {
+bool TPM2Attestor::requireOpen() const {
     if (!isOpen())
         ORVLOG_ERROR(gs_pTallyLogger, "TPM2 not open");
     return isOpen();
@@ -347,11 +286,11 @@ bool TPM2Attestor::guardOpen() const {
 
 // startSession starts a session salted with the EK and bound to nothing, without parameter encryption.
 bool TPM2Attestor::startSession(ESysTransient& session, TPM2_SE type, const char* failure) {
-    if (succeeded(Esys_StartAuthSession(m_pContext, m_hEK, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
+    if (checkCall(Esys_StartAuthSession(m_pContext, m_hEK, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
                                         nullptr, type, &NO_SYMMETRIC, TPM2_ALG_SHA256, &session.handle),
                   failure))
         return true;
-    session.release();  // out of memory, the library may leave a handle to nothing
+    session.release();  // when memory is exhausted, the library may leave a handle to nothing
     return false;
 }
 
@@ -364,8 +303,7 @@ bool TPM2Attestor::getTPMObject(TPM2_HANDLE handle, ESYS_TR* out) {
     TSS2_RC rc = Esys_GetCapability(m_pContext, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, TPM2_CAP_HANDLES, handle, 1,
                                     nullptr, OutputOf(found));
     if (rc != TSS2_RC_SUCCESS) {
-        ORVLOG_ERROR(gs_pTallyLogger, "failed to check existence of TPM object with handle 0x%x: %s (0x%x)", handle,
-                     Tss2_RC_Decode(rc), rc);
+        recordError(strfmt("failed to check existence of TPM object with handle 0x%x", handle), rc);
         return false;
     }
     const TPML_HANDLE& handles = found->data.handles;
@@ -374,36 +312,32 @@ bool TPM2Attestor::getTPMObject(TPM2_HANDLE handle, ESYS_TR* out) {
         return true;
     }
     rc = Esys_TR_FromTPMPublic(m_pContext, handle, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, out);
-    if (rc == TSS2_RC_SUCCESS)
-        return true;
-    ORVLOG_ERROR(gs_pTallyLogger, "failed loading TPM object with handle 0x%xx: %s (0x%x)", handle, Tss2_RC_Decode(rc),
-                 rc);
-    return false;
+    if (rc != TSS2_RC_SUCCESS)
+        recordError(strfmt("failed loading TPM object with handle 0x%xx", handle), rc);  // kept: "xx" is in the logs
+    return rc == TSS2_RC_SUCCESS;
 }
 
-// readNVPublic reads an index's public area with the session's audit attribute on. The warning carries the code of the
-// reading, also when that went well, and serves for any index: kept.
+// readNVPublic reads an index's public area with the session's audit attribute on. Kept: the warning carries the code
+// of the reading, even of one that succeeded, and names the counter whatever the index.
 TSS2_RC TPM2Attestor::readNVPublic(ESYS_TR index, ESysOutUPtr<TPM2B_NV_PUBLIC>& publicArea) {
     TSS2_RC rc = setSessionAttributes(TPMA_SESSION_AUDIT, TPMA_SESSION_AUDIT);
     if (rc == TSS2_RC_SUCCESS)
         rc = Esys_NV_ReadPublic(m_pContext, index, m_oSession.handle, ESYS_TR_NONE, ESYS_TR_NONE, OutputOf(publicArea),
                                 nullptr);
     if (setSessionAttributes(0, TPMA_SESSION_AUDIT) != TSS2_RC_SUCCESS)
-        ORVLOG_WARN(gs_pTallyLogger,
-                    "failed to restore session attributes after reading tally counter NV index public info: %s (0x%x)",
-                    Tss2_RC_Decode(rc), rc);
+        recordWarning("failed to restore session attributes after reading tally counter NV index public info", rc);
     return rc;
 }
 
 // === endorsement key =================================================================================================
 
 bool TPM2Attestor::haveEK() {
-    return guardOpen() && (m_pEKPublic || createEK());
+    return requireOpen() && (m_pEKPublic || createEK());
 }
 
 Bytes TPM2Attestor::getEndorsementKeyTPMPub() {
     Bytes bytes;
-    if (!haveEK() || !succeeded(marshal(Tss2_MU_TPM2B_PUBLIC_Marshal, *m_pEKPublic, PUBLIC_ROOM, bytes),
+    if (!haveEK() || !checkCall(marshal(Tss2_MU_TPM2B_PUBLIC_Marshal, *m_pEKPublic, PUBLIC_ROOM, bytes),
                                 "failed serializing EK public area"))
         return {};
     return bytes;
@@ -424,9 +358,9 @@ EC_KEY_UPtr TPM2Attestor::getEkPubkeyOssl() {
     return key;
 }
 
-// createEK leaves the EK fields as they were on failure. An occupant of the persistent handle that is no EK of ours is
-// neither evicted nor replaced: `m_hEK` names it, and the new key serves for its public area only, whatever the record
-// about a transient one says. Kept: what stands at that handle belongs to the appliance's owner.
+// createEK leaves the EK fields as they were on failure. Kept: an object at the persistent handle that is not an EK of
+// ours belongs to the appliance's owner and is neither evicted nor replaced. `m_hEK` then names that object, and only
+// the new key's public area is used, although the record speaks of a transient key.
 bool TPM2Attestor::createEK() {
     ORVLOG_DEBUG(gs_pTallyLogger, "creating ECC NIST P256 EK");
     TPM2B_PUBLIC ekTemplate;
@@ -434,7 +368,7 @@ bool TPM2Attestor::createEK() {
         return false;
     ESysClosable persistent(m_pContext);
     if (!getTPMObject(EK_HANDLE, &persistent.handle))
-        ORVLOG_WARN(gs_pTallyLogger, "failed checking for existence of persisten endorsement key");
+        ORVLOG_WARN(gs_pTallyLogger, "failed checking for existence of persisten endorsement key");  // kept
     if (persistent.isHeld() && takePersistentEK(persistent, ekTemplate))
         return true;
     ESysTransient primary(m_pContext);
@@ -450,6 +384,7 @@ bool TPM2Attestor::createEK() {
     return true;
 }
 
+// chooseEKTemplate writes the template that the TPM's maker stored, or else L-2; false if the indices contradict it.
 bool TPM2Attestor::chooseEKTemplate(TPM2B_PUBLIC* ekTemplate) {
     ESysClosable templateIndex(m_pContext);
     ESysClosable nonceIndex(m_pContext);
@@ -461,7 +396,7 @@ bool TPM2Attestor::chooseEKTemplate(TPM2B_PUBLIC* ekTemplate) {
     }
     if (!templateIndex.isHeld() && nonceIndex.isHeld()) {
         ORVLOG_ERROR(gs_pTallyLogger,
-                     "EK found non-default nonce but no non-default template, which is fobidden by spec");
+                     "EK found non-default nonce but no non-default template, which is fobidden by spec");  // kept
         return false;
     }
     if (!templateIndex.isHeld()) {
@@ -480,11 +415,11 @@ bool TPM2Attestor::readEKTemplate(ESYS_TR index, TPM2B_PUBLIC* ekTemplate) {
         return false;
     }
     *ekTemplate = {};
-    return succeeded(Tss2_MU_TPM2B_PUBLIC_Unmarshal(bytes.data(), bytes.size(), nullptr, ekTemplate),
+    return checkCall(Tss2_MU_TPM2B_PUBLIC_Unmarshal(bytes.data(), bytes.size(), nullptr, ekTemplate),
                      "failed to parse EK non-default template");
 }
 
-// applyEKNonce puts the nonce into the template's x coordinate, cut or filled with zeros to its size.
+// applyEKNonce writes the nonce to the template's x coordinate, cut or filled with zeros to its size.
 bool TPM2Attestor::applyEKNonce(ESYS_TR index, TPM2B_PUBLIC* ekTemplate) {
     ORVLOG_DEBUG(gs_pTallyLogger, "found non-default ECC NIST P256 EK nonce");
     Bytes nonce;
@@ -508,13 +443,13 @@ bool TPM2Attestor::applyEKNonce(ESYS_TR index, TPM2B_PUBLIC* ekTemplate) {
 // takePersistentEK makes the object at the persistent handle the EK if it equals the template in all but its point.
 bool TPM2Attestor::takePersistentEK(ESysClosable& persistent, const TPM2B_PUBLIC& ekTemplate) {
     ESysOutUPtr<TPM2B_PUBLIC> publicArea;
-    if (!succeededOrWarn(Esys_ReadPublic(m_pContext, persistent.handle, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
-                                         OutputOf(publicArea), nullptr, nullptr),
-                         "failed reading public area of persistent endorsement key"))
+    if (!checkOrWarn(Esys_ReadPublic(m_pContext, persistent.handle, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
+                                     OutputOf(publicArea), nullptr, nullptr),
+                     "failed reading public area of persistent endorsement key"))
         return false;
     TPM2B_PUBLIC comparable = *publicArea;
     comparable.publicArea.unique = ekTemplate.publicArea.unique;
-    Bytes found, wanted;
+    Bytes found, wanted;  // kept: no code is read; both structures were unmarshalled or are ours, so neither call fails
     marshal(Tss2_MU_TPM2B_PUBLIC_Marshal, comparable, PUBLIC_ROOM, found);
     marshal(Tss2_MU_TPM2B_PUBLIC_Marshal, ekTemplate, PUBLIC_ROOM, wanted);
     if (found != wanted) {
@@ -532,18 +467,18 @@ bool TPM2Attestor::createPrimaryEK(const TPM2B_PUBLIC& ekTemplate, ESysTransient
                                    ESysOutUPtr<TPM2B_PUBLIC>& publicArea) {
     const TPM2B_SENSITIVE_CREATE noSensitive = {};
     const TPML_PCR_SELECTION noPCR = {};
-    return succeeded(Esys_CreatePrimary(m_pContext, ESYS_TR_RH_ENDORSEMENT, ESYS_TR_PASSWORD, ESYS_TR_NONE,
+    return checkCall(Esys_CreatePrimary(m_pContext, ESYS_TR_RH_ENDORSEMENT, ESYS_TR_PASSWORD, ESYS_TR_NONE,
                                         ESYS_TR_NONE, &noSensitive, &ekTemplate, nullptr, &noPCR, &primary.handle,
                                         OutputOf(publicArea), nullptr, nullptr, nullptr),
                      "failed to create endorsement key");
 }
 
-// saveEK makes the new key persistent, so that later runs need not make it again. Its transient copy stays loaded on
-// purpose; without the right to save it the run goes on with that copy.
+// saveEK makes the new key persistent, so that later runs need not make it again. Kept: its transient copy stays
+// loaded. Without the right to save the key the run goes on with that copy.
 void TPM2Attestor::saveEK(ESysTransient& primary, ESysClosable& persistent) {
-    if (!succeededOrWarn(Esys_EvictControl(m_pContext, ESYS_TR_RH_OWNER, primary.handle, ESYS_TR_PASSWORD, ESYS_TR_NONE,
-                                           ESYS_TR_NONE, EK_HANDLE, &persistent.handle),
-                         "failed to save endorsement key to persistent handle")) {
+    if (!checkOrWarn(Esys_EvictControl(m_pContext, ESYS_TR_RH_OWNER, primary.handle, ESYS_TR_PASSWORD, ESYS_TR_NONE,
+                                       ESYS_TR_NONE, EK_HANDLE, &persistent.handle),
+                     "failed to save endorsement key to persistent handle")) {
         persistent.release();  // as in `startSession`
         return;
     }
@@ -560,7 +495,7 @@ void TPM2Attestor::releaseEK() {
 
 bool TPM2Attestor::readNVIndex(ESYS_TR index, Bytes* out) {
     ESysOutUPtr<TPM2B_NV_PUBLIC> publicArea;
-    if (!succeeded(readNVPublic(index, publicArea), "failed reading public info from NV-index"))
+    if (!checkCall(readNVPublic(index, publicArea), "failed reading public info from NV-index"))
         return false;
     const size_t size = publicArea->nvPublic.dataSize;
     out->clear();
@@ -571,8 +506,8 @@ bool TPM2Attestor::readNVIndex(ESYS_TR index, Bytes* out) {
         TSS2_RC rc = Esys_NV_Read(m_pContext, index, index, m_oSession.handle, ESYS_TR_NONE, ESYS_TR_NONE, length,
                                   offset, OutputOf(data));
         if (rc == TSS2_RC_SUCCESS && (data->size == 0 || data->size > length))
-            rc = TSS2_ESYS_RC_MALFORMED_RESPONSE;  // an empty chunk would be asked for for ever
-        if (!succeeded(rc, "failed reading data from NV-index"))
+            rc = TSS2_ESYS_RC_MALFORMED_RESPONSE;  // an empty chunk would be requested forever
+        if (!checkCall(rc, "failed reading data from NV-index"))
             return false;
         out->insert(out->end(), data->buffer, data->buffer + data->size);
     }
@@ -584,7 +519,7 @@ ESysTransient TPM2Attestor::createEHPolSession() {
     if (!startSession(session, TPM2_SE_POLICY, "failed to create TPM2 session for endorsement hierarchy"))
         return ESysTransient(m_pContext);
     ORVLOG_DEBUG(gs_pTallyLogger, "TPM2 salted policy session established");
-    if (!succeeded(Esys_PolicySecret(m_pContext, ESYS_TR_RH_ENDORSEMENT, session.handle, m_oSession.handle,
+    if (!checkCall(Esys_PolicySecret(m_pContext, ESYS_TR_RH_ENDORSEMENT, session.handle, m_oSession.handle,
                                      ESYS_TR_NONE, ESYS_TR_NONE, nullptr, nullptr, nullptr, 0, nullptr, nullptr),
                    "failed to set secret on policy session for endorsement hierarchy"))
         return ESysTransient(m_pContext);
@@ -594,20 +529,20 @@ ESysTransient TPM2Attestor::createEHPolSession() {
 // === attestation key =================================================================================================
 
 bool TPM2Attestor::loadAttestationKey(Bytes publicArea, Bytes privateArea) {
-    if (!guardOpen())
+    if (!requireOpen())
         return false;
     TPM2B_PUBLIC publicStructure = {};
     TPM2B_PRIVATE privateStructure = {};
-    if (!succeeded(Tss2_MU_TPM2B_PUBLIC_Unmarshal(publicArea.data(), publicArea.size(), nullptr, &publicStructure),
+    if (!checkCall(Tss2_MU_TPM2B_PUBLIC_Unmarshal(publicArea.data(), publicArea.size(), nullptr, &publicStructure),
                    "failed de-serializing AK areas"))
         return false;
-    // A bad private area makes itself known when the TPM is to load it.
+    // Kept: this code is not read; a bad private area is reported by the TPM on loading.
     Tss2_MU_TPM2B_PRIVATE_Unmarshal(privateArea.data(), privateArea.size(), nullptr, &privateStructure);
     return loadAK(&publicStructure, &privateStructure);
 }
 
 Bytes TPM2Attestor::activateAttestationKey(Bytes blob) {
-    if (!guardOpen())
+    if (!requireOpen())
         return {};
     if (!m_oAK.isHeld()) {
         ORVLOG_ERROR(gs_pTallyLogger, "cannot activate attestation key if none is loaded");
@@ -617,20 +552,20 @@ Bytes TPM2Attestor::activateAttestationKey(Bytes blob) {
     TPM2B_ID_OBJECT credential = {};
     TPM2B_ENCRYPTED_SECRET secret = {};
     size_t offset = 0;
-    if (!succeeded(Tss2_MU_TPM2B_ID_OBJECT_Unmarshal(blob.data(), blob.size(), &offset, &credential), FAILURE) ||
-        !succeeded(Tss2_MU_TPM2B_ENCRYPTED_SECRET_Unmarshal(blob.data(), blob.size(), &offset, &secret), FAILURE))
+    if (!checkCall(Tss2_MU_TPM2B_ID_OBJECT_Unmarshal(blob.data(), blob.size(), &offset, &credential), FAILURE) ||
+        !checkCall(Tss2_MU_TPM2B_ENCRYPTED_SECRET_Unmarshal(blob.data(), blob.size(), &offset, &secret), FAILURE))
         return {};
     const ESysOutUPtr<TPM2B_DIGEST> certInfo = activateAK(&credential, &secret);
     return certInfo ? bytesOf(certInfo->buffer, certInfo->size) : Bytes();
 }
 
 std::pair<Bytes, Bytes> TPM2Attestor::getAttestationKeyTPMPubPriv() {
-    if (!guardOpen() || !haveAK())
+    if (!requireOpen() || !haveAK())
         return {};
     constexpr const char* FAILURE = "failed serializing AK areas";
     std::pair<Bytes, Bytes> areas;
-    if (!succeeded(marshal(Tss2_MU_TPM2B_PUBLIC_Marshal, *m_pAKPublic, PUBLIC_ROOM, areas.first), FAILURE) ||
-        !succeeded(marshal(Tss2_MU_TPM2B_PRIVATE_Marshal, *m_pAKPrivate, PRIVATE_ROOM, areas.second), FAILURE))
+    if (!checkCall(marshal(Tss2_MU_TPM2B_PUBLIC_Marshal, *m_pAKPublic, PUBLIC_ROOM, areas.first), FAILURE) ||
+        !checkCall(marshal(Tss2_MU_TPM2B_PRIVATE_Marshal, *m_pAKPrivate, PRIVATE_ROOM, areas.second), FAILURE))
         return {};
     return areas;
 }
@@ -649,7 +584,7 @@ bool TPM2Attestor::createAK() {
     const TPML_PCR_SELECTION noPCR = {};
     ESysOutUPtr<TPM2B_PRIVATE> privateArea;
     ESysOutUPtr<TPM2B_PUBLIC> publicArea;
-    if (!succeeded(Esys_Create(m_pContext, m_hEK, policy.handle, ESYS_TR_NONE, ESYS_TR_NONE, &noSensitive,
+    if (!checkCall(Esys_Create(m_pContext, m_hEK, policy.handle, ESYS_TR_NONE, ESYS_TR_NONE, &noSensitive,
                                &ms_sEcc256AKTemplate, &noOutsideInfo, &noPCR, OutputOf(privateArea),
                                OutputOf(publicArea), nullptr, nullptr, nullptr),
                    "failed to create attestation key in endorsement hierarchy"))
@@ -665,7 +600,7 @@ bool TPM2Attestor::loadAK(const TPM2B_PUBLIC* publicArea, const TPM2B_PRIVATE* p
     if ((attributes & RESTRICTED_SIGNING) != RESTRICTED_SIGNING) {
         ORVLOG_ERROR(
             gs_pTallyLogger,
-            "an attestation key must be a restricted signing key, cannot load key with attributes 0x%x)",  // kept
+            "an attestation key must be a restricted signing key, cannot load key with attributes 0x%x)",  // kept: ")"
             attributes);
         return false;
     }
@@ -673,7 +608,7 @@ bool TPM2Attestor::loadAK(const TPM2B_PUBLIC* publicArea, const TPM2B_PRIVATE* p
     if (!policy.isHeld())
         return false;
     ESysTransient key(m_pContext);
-    if (!succeeded(Esys_Load(m_pContext, m_hEK, policy.handle, ESYS_TR_NONE, ESYS_TR_NONE, privateArea, publicArea,
+    if (!checkCall(Esys_Load(m_pContext, m_hEK, policy.handle, ESYS_TR_NONE, ESYS_TR_NONE, privateArea, publicArea,
                              &key.handle),
                    "failed to load attestation key in endorsement hierarchy"))
         return false;
@@ -683,7 +618,7 @@ bool TPM2Attestor::loadAK(const TPM2B_PUBLIC* publicArea, const TPM2B_PRIVATE* p
     return true;
 }
 
-// keepAKAreas copies both areas before it gives up the old ones, which it may be given itself.
+// keepAKAreas copies both areas before it drops the old ones, as the arguments may be the old ones.
 void TPM2Attestor::keepAKAreas(const TPM2B_PUBLIC& publicArea, const TPM2B_PRIVATE& privateArea) {
     auto publicCopy = std::make_unique<TPM2B_PUBLIC>(publicArea);
     auto privateCopy = std::make_unique<TPM2B_PRIVATE>(privateArea);
@@ -697,7 +632,7 @@ ESysOutUPtr<TPM2B_DIGEST> TPM2Attestor::activateAK(const TPM2B_ID_OBJECT* creden
     if (!policy.isHeld())
         return nullptr;
     ESysOutUPtr<TPM2B_DIGEST> certInfo;
-    if (!succeeded(Esys_ActivateCredential(m_pContext, m_oAK.handle, m_hEK, m_oSession.handle, policy.handle,
+    if (!checkCall(Esys_ActivateCredential(m_pContext, m_oAK.handle, m_hEK, m_oSession.handle, policy.handle,
                                            ESYS_TR_NONE, credential, secret, OutputOf(certInfo)),
                    "failed to activate attestation key"))
         return nullptr;
@@ -707,17 +642,17 @@ ESysOutUPtr<TPM2B_DIGEST> TPM2Attestor::activateAK(const TPM2B_ID_OBJECT* creden
 // === tally counter ===================================================================================================
 
 bool TPM2Attestor::incrementCounter() {
-    return guardOpen() && haveCounter() && incrementOpenCounter();
+    return requireOpen() && haveCounter() && incrementOpenCounter();
 }
 
 bool TPM2Attestor::readCounter(uint64_t* value) {
-    if (!guardOpen() || !haveCounter())
+    if (!requireOpen() || !haveCounter())
         return false;
     ESysOutUPtr<TPM2B_MAX_NV_BUFFER> data;
     TSS2_RC rc = readOpenCounter(data);
     if (rc == TSS2_RC_SUCCESS)
         rc = Tss2_MU_UINT64_Unmarshal(data->buffer, data->size, nullptr, value);
-    return succeeded(rc, "failed to read tally counter NV index");
+    return checkCall(rc, "failed to read tally counter NV index");
 }
 
 bool TPM2Attestor::haveCounter() {
@@ -747,7 +682,7 @@ bool TPM2Attestor::openCounter() {
 bool TPM2Attestor::defineCounter() {
     m_oCounter.closeHeld();
     ORVLOG_DEBUG(gs_pTallyLogger, "defining tally counter NV index");
-    return succeeded(defineIndex(ms_sCounterPublicTemplate, m_oCounter), "failed defining tally counter NV index");
+    return checkCall(defineIndex(ms_sCounterPublicTemplate, m_oCounter), "failed defining tally counter NV index");
 }
 
 TSS2_RC TPM2Attestor::defineIndex(const TPM2B_NV_PUBLIC& publicArea, ESysClosable& index) {
@@ -761,7 +696,7 @@ TSS2_RC TPM2Attestor::incrementIndex(const ESysClosable& index) {
 
 bool TPM2Attestor::checkCounter() {
     ESysOutUPtr<TPM2B_NV_PUBLIC> publicArea;
-    if (!succeeded(readNVPublic(m_oCounter.handle, publicArea), "failed loading tally counter NV index public info"))
+    if (!checkCall(readNVPublic(m_oCounter.handle, publicArea), "failed loading tally counter NV index public info"))
         return false;
     const TPMA_NV attributes = publicArea->nvPublic.attributes;
     if (withWritten(attributes) != withWritten(ms_sCounterPublicTemplate.nvPublic.attributes)) {
@@ -777,7 +712,7 @@ bool TPM2Attestor::checkCounter() {
 
 bool TPM2Attestor::checkCounterName() {
     ESysOutUPtr<TPM2B_NAME> name;
-    if (!succeeded(Esys_TR_GetName(m_pContext, m_oCounter.handle, OutputOf(name)),
+    if (!checkCall(Esys_TR_GetName(m_pContext, m_oCounter.handle, OutputOf(name)),
                    "failed loading tally counter NV index name"))
         return false;
     if (bytesOf(name->name, name->size) != bytesOf(ms_sCounterName.name, ms_sCounterName.size)) {
@@ -790,11 +725,11 @@ bool TPM2Attestor::checkCounterName() {
 
 bool TPM2Attestor::incrementOpenCounter() {
     return workaroundCounterRollbackOnClear() &&
-           succeeded(incrementIndex(m_oCounter), "failed to increment tally counter NV index");
+           checkCall(incrementIndex(m_oCounter), "failed to increment tally counter NV index");
 }
 
-// The increment below is always the first write of an index that was never written, and no run leaves more than one
-// temporary index behind.
+// workaroundCounterRollbackOnClear increments only an index that was never written, and an interrupted run leaves at
+// most one temporary index.
 bool TPM2Attestor::workaroundCounterRollbackOnClear() {
     TPM2B_NV_PUBLIC publicArea = ms_sCounterPublicTemplate;
     publicArea.nvPublic.nvIndex = TEMPORARY_INDEX;
@@ -807,19 +742,19 @@ bool TPM2Attestor::workaroundCounterRollbackOnClear() {
         return false;
     if (!temporary.isHeld()) {
         ORVLOG_DEBUG(gs_pTallyLogger, "defining new temporary workaround NV index");
-        if (!succeeded(defineIndex(publicArea, temporary), "failed to define temporary workaround NV index"))
+        if (!checkCall(defineIndex(publicArea, temporary), "failed to define temporary workaround NV index"))
             return false;
     }
-    return succeeded(incrementIndex(temporary), "failed to increment temporary workaround NV index") &&
+    return checkCall(incrementIndex(temporary), "failed to increment temporary workaround NV index") &&
            undefineTemporary(temporary, "failed to delete temporary workaround NV index");
 }
 
-// takeLeftOver deals with the temporary index of an interrupted run: it keeps one that was never written and removes a
-// written one. An index of another kind is left alone, and that is a failure.
+// takeLeftOver keeps the temporary index of an interrupted run if it was never written, and removes a written one. An
+// index of another kind is left alone and is a failure.
 bool TPM2Attestor::takeLeftOver(ESysClosable& temporary, const TPM2B_NV_PUBLIC& expected) {
     ORVLOG_DEBUG(gs_pTallyLogger, "found left-over temporary workaround NV index");
     ESysOutUPtr<TPM2B_NV_PUBLIC> found;
-    if (!succeeded(Esys_NV_ReadPublic(m_pContext, temporary.handle, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
+    if (!checkCall(Esys_NV_ReadPublic(m_pContext, temporary.handle, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
                                       OutputOf(found), nullptr),
                    "failed to read left-over temporary workaround NV index info"))
         return false;
@@ -836,9 +771,10 @@ bool TPM2Attestor::takeLeftOver(ESysClosable& temporary, const TPM2B_NV_PUBLIC& 
     return undefineTemporary(temporary, "failed to delete left-over temporary workaround NV index");
 }
 
-// undefineTemporary empties the holder on success: the stack has forgotten the handle then.
+// undefineTemporary removes the index from the TPM. On success it empties the holder, as the stack has dropped the
+// handle.
 bool TPM2Attestor::undefineTemporary(ESysClosable& temporary, const char* failure) {
-    if (!succeeded(Esys_NV_UndefineSpace(m_pContext, ESYS_TR_RH_OWNER, temporary.handle, m_oSession.handle,
+    if (!checkCall(Esys_NV_UndefineSpace(m_pContext, ESYS_TR_RH_OWNER, temporary.handle, m_oSession.handle,
                                          ESYS_TR_NONE, ESYS_TR_NONE),
                    failure))
         return false;
@@ -848,7 +784,7 @@ bool TPM2Attestor::undefineTemporary(ESysClosable& temporary, const char* failur
 
 // === certification ===================================================================================================
 
-// AuditedReading is what the attempts of one certification leave: the outputs of the latest, and how it ended.
+// AuditedReading is the outputs of the latest attempt of one certification, and how that attempt ended.
 struct TPM2Attestor::AuditedReading {
     ESysOutUPtr<TPM2B_MAX_NV_BUFFER> counter;
     ESysOutUPtr<TPM2B_ATTEST> attestation;
@@ -857,18 +793,17 @@ struct TPM2Attestor::AuditedReading {
     const char* step = nullptr;
     TSS2_RC rc = TSS2_RC_SUCCESS;
 
-    // passes notes how a step ended, and tells whether it was a success.
-    bool passes(const char* name, TSS2_RC result) {
+    // noteStep keeps how a step ended and returns whether it succeeded.
+    bool noteStep(const char* name, TSS2_RC result) {
         step = name;
         rc = result;
         return rc == TSS2_RC_SUCCESS;
     }
 
-    // isSuccess tells whether `result`, of the latest step, is a success, and makes an error record if it is not.
-    bool isSuccess(TSS2_RC result) const {
+    // checkStep returns whether `result`, of the latest step, is a success, and records a failure.
+    bool checkStep(TSS2_RC result) const {
         if (result != TSS2_RC_SUCCESS)
-            ORVLOG_ERROR(gs_pTallyLogger, "failed to %s after %i tries: %s (0x%x)", step, tries, Tss2_RC_Decode(result),
-                         result);
+            recordError(strfmt("failed to %s after %i tries", step, tries), result);
         return result == TSS2_RC_SUCCESS;
     }
 };
@@ -883,11 +818,9 @@ std::pair<Bytes, Bytes> TPM2Attestor::certifyCounterWithAudit(uint64_t* counter,
     AuditedReading reading;
     readAudited(reading, data);
     if (setSessionAttributes(0, AUDIT_ATTRIBUTES) != TSS2_RC_SUCCESS)
-        ORVLOG_WARN(gs_pTallyLogger,
-                    "failed to restore session attributes after reading tally counter NV index: %s (0x%x)",
-                    Tss2_RC_Decode(reading.rc), reading.rc);
-    if (!reading.isSuccess(reading.rc) ||
-        !reading.isSuccess(Tss2_MU_UINT64_Unmarshal(reading.counter->buffer, reading.counter->size, nullptr, counter)))
+        recordWarning("failed to restore session attributes after reading tally counter NV index", reading.rc);
+    if (!reading.checkStep(reading.rc) ||
+        !reading.checkStep(Tss2_MU_UINT64_Unmarshal(reading.counter->buffer, reading.counter->size, nullptr, counter)))
         return {};
     std::pair<Bytes, Bytes> result = attestationAndSignature(*reading.attestation, *reading.signature);
     if (!result.second.empty())
@@ -902,7 +835,7 @@ std::pair<Bytes, Bytes> TPM2Attestor::certifyCounterWithCmd(const Bytes& qualify
         return {};
     ESysOutUPtr<TPM2B_ATTEST> attestation;
     ESysOutUPtr<TPMT_SIGNATURE> signature;
-    if (!succeeded(Esys_NV_Certify(m_pContext, m_oAK.handle, m_oCounter.handle, m_oCounter.handle, m_oSession.handle,
+    if (!checkCall(Esys_NV_Certify(m_pContext, m_oAK.handle, m_oCounter.handle, m_oCounter.handle, m_oSession.handle,
                                    ESYS_TR_NONE, ESYS_TR_NONE, &data, &SCHEME_OF_KEY, sizeof(uint64_t), 0,
                                    OutputOf(attestation), OutputOf(signature)),
                    "failed to certify tally counter NV index"))
@@ -911,36 +844,35 @@ std::pair<Bytes, Bytes> TPM2Attestor::certifyCounterWithCmd(const Bytes& qualify
 }
 
 bool TPM2Attestor::prepareCertification() {
-    return guardOpen() && haveCounter() && haveAK() &&
+    return requireOpen() && haveCounter() && haveAK() &&
            (m_oAK.isHeld() || loadAK(m_pAKPublic.get(), m_pAKPrivate.get()));
 }
 
-// readAudited attempts the audited reading until no other client of the TPM disturbs it or the tries are used up. What
-// breaks the exclusivity is a command of that client between the reading and the digest, so each attempt begins with
-// the reading.
+// readAudited repeats the audited reading until no other client of the TPM disturbs it or the tries are used up. A
+// client's command between the reading and the digest ends the exclusivity, so each attempt begins with the reading.
 void TPM2Attestor::readAudited(AuditedReading& reading, const TPM2B_DATA& qualifyingData) {
     std::minstd_rand0 generator;
     std::uniform_int_distribution<int> delay(MIN_RETRY_DELAY, MAX_RETRY_DELAY);
     while (attemptAuditedReading(reading, qualifyingData) && reading.tries < MAX_AUDIT_TRIES) {
         if (reading.tries++ == 1)
-            seed(generator);  // the usual run reads no entropy
+            seed(generator);  // not earlier: the usual run needs no entropy
         sleepMilliseconds(delay(generator));
     }
 }
 
 // attemptAuditedReading returns whether another attempt may help: the audit session was not exclusive.
 bool TPM2Attestor::attemptAuditedReading(AuditedReading& reading, const TPM2B_DATA& qualifyingData) {
-    if (!reading.passes("setup audit session to read tally counter NV index",
-                        setSessionAttributes(TPMA_SESSION_AUDIT | TPMA_SESSION_AUDITRESET, AUDIT_ATTRIBUTES)) ||
-        !reading.passes("read tally counter NV index in audit session", readOpenCounter(reading.counter)) ||
-        !reading.passes("setup audit session to certify read tally counter NV index",
-                        setSessionAttributes(TPMA_SESSION_AUDIT | TPMA_SESSION_AUDITEXCLUSIVE, AUDIT_ATTRIBUTES)))
+    if (!reading.noteStep("setup audit session to read tally counter NV index",
+                          setSessionAttributes(TPMA_SESSION_AUDIT | TPMA_SESSION_AUDITRESET, AUDIT_ATTRIBUTES)) ||
+        !reading.noteStep("read tally counter NV index in audit session", readOpenCounter(reading.counter)) ||
+        !reading.noteStep("setup audit session to certify read tally counter NV index",
+                          setSessionAttributes(TPMA_SESSION_AUDIT | TPMA_SESSION_AUDITEXCLUSIVE, AUDIT_ATTRIBUTES)))
         return false;
-    reading.passes("get audit session digest to certify read tally counter NV index",
-                   Esys_GetSessionAuditDigest(m_pContext, ESYS_TR_RH_ENDORSEMENT, m_oAK.handle, m_oSession.handle,
-                                              ESYS_TR_PASSWORD, m_oSession.handle, ESYS_TR_NONE, &qualifyingData,
-                                              &SCHEME_OF_KEY, OutputOf(reading.attestation),
-                                              OutputOf(reading.signature)));
+    reading.noteStep("get audit session digest to certify read tally counter NV index",
+                     Esys_GetSessionAuditDigest(m_pContext, ESYS_TR_RH_ENDORSEMENT, m_oAK.handle, m_oSession.handle,
+                                                ESYS_TR_PASSWORD, m_oSession.handle, ESYS_TR_NONE, &qualifyingData,
+                                                &SCHEME_OF_KEY, OutputOf(reading.attestation),
+                                                OutputOf(reading.signature)));
     return reading.rc == TPM2_RC_EXCLUSIVE;
 }
 
@@ -958,13 +890,13 @@ EC_KEY_UPtr TPM2Attestor::eccPubkeyToOssl(const TPMT_PUBLIC* publicArea) {
     ERR_clear_error();
     EC_KEY_UPtr key(EC_KEY_new_by_curve_name(NID_X9_62_prime256v1));
     if (!key)
-        return failedWithOpenSSL("failed to create new ECC key by curve ID");
+        return recordOpenSSLError("failed to create new ECC key by curve ID");
     const BIGNUM_UPtr x = toBigNumber(publicArea->unique.ecc.x);
     const BIGNUM_UPtr y = toBigNumber(publicArea->unique.ecc.y);
     if (!x || !y)
-        return failedWithOpenSSL("failed to create new ECC key points");
+        return recordOpenSSLError("failed to create new ECC key points");
     if (EC_KEY_set_public_key_affine_coordinates(key.get(), x.get(), y.get()) != 1)
-        return failedWithOpenSSL("failed to set the public part of ECC key");
+        return recordOpenSSLError("failed to set the public part of ECC key");
     return key;
 }
 
@@ -972,11 +904,11 @@ std::string TPM2Attestor::toPEM(const EC_KEY_UPtr& key) {
     ERR_clear_error();
     const BIO_UPtr bio(BIO_new(BIO_s_mem()));
     if (!bio) {
-        failedWithOpenSSL("failed to create PEM memory buffer");
+        recordOpenSSLError("failed to create PEM memory buffer");
         return {};
     }
     if (PEM_write_bio_EC_PUBKEY(bio.get(), key.get()) < 1) {
-        failedWithOpenSSL("failed to write ECC public key to PEM memory buffer");
+        recordOpenSSLError("failed to write ECC public key to PEM memory buffer");
         return {};
     }
     char* data = nullptr;
@@ -991,7 +923,7 @@ Bytes TPM2Attestor::toDER(const EC_KEY_UPtr& key) {
     unsigned char* buffer = nullptr;
     const int length = i2d_EC_PUBKEY(key.get(), &buffer);
     if (length < 0) {
-        failedWithOpenSSL("failed to serialize ECC public key to DER");
+        recordOpenSSLError("failed to serialize ECC public key to DER");
         return {};
     }
     const OPENSSL_UPtr owner(buffer);
@@ -1006,13 +938,13 @@ ECDSA_SIG_UPtr TPM2Attestor::ecdsaToOssl(const TPMT_SIGNATURE* signature) {
     ERR_clear_error();
     ECDSA_SIG_UPtr result(ECDSA_SIG_new());
     if (!result)
-        return failedWithOpenSSL("failed to create new ECDS signature");
+        return recordOpenSSLError("failed to create new ECDS signature");  // kept
     BIGNUM_UPtr r = toBigNumber(signature->signature.ecdsa.signatureR);
     BIGNUM_UPtr s = toBigNumber(signature->signature.ecdsa.signatureS);
     if (!r || !s)
-        return failedWithOpenSSL("failed to create new ECDSA signature points");
+        return recordOpenSSLError("failed to create new ECDSA signature points");
     if (ECDSA_SIG_set0(result.get(), r.get(), s.get()) != 1)
-        return failedWithOpenSSL("failed to set the ECDSA signature points");
+        return recordOpenSSLError("failed to set the ECDSA signature points");
     static_cast<void>(r.release());  // both belong to the signature now
     static_cast<void>(s.release());
     return result;
@@ -1030,7 +962,7 @@ Bytes TPM2Attestor::toDER(const ECDSA_SIG_UPtr& signature) {
         length = i2d_ECDSA_SIG(signature.get(), &end);
     }
     if (length <= 0) {
-        failedWithOpenSSL("failed to serialize ECDSA signature to DER");
+        recordOpenSSLError("failed to serialize ECDSA signature to DER");
         return {};
     }
     return der;

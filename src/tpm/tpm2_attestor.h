@@ -1,14 +1,14 @@
-// tpm2_attestor.h: the system's only door to the device's TPM 2.0: endorsement key, attestation key, and the tally
+// tpm2_attestor.h: the system's only access to the device's TPM 2.0: endorsement key, attestation key, and the tally
 // counter, read, incremented and certified.
 //
-// It is written against the Enhanced System API (ESYS) of the TCG software stack; the library's default picks the
-// connection. Endorsement and owner hierarchy, keys and NV indices are all used with the empty authorisation value: no
-// password is set or stored anywhere.
+// It uses the Enhanced System API (ESYS) of the TCG software stack, whose default chooses the connection. Endorsement
+// and owner hierarchy, keys and NV indices are all used with the empty authorisation value: no password is set or
+// stored anywhere.
 //
-// No operation throws for a failure of the TPM or of the stack: it makes a record through the logger "orv.tally" and
-// ends with false, an empty vector, text or pair, or a null holder. The instance stays open and usable; what an earlier
-// step of the same operation made (a counter, an AK) stays. Only exhausted memory throws; the holders give the TPM's
-// resources back on the way. Byte vectors hold TPM structures in their wire form.
+// No operation throws because of a failure of the TPM or of the stack: it makes a record through the logger "orv.tally"
+// and returns false, an empty vector, text or pair, or a null holder. The instance stays open and usable; what an
+// earlier step of the same operation made (a counter, an AK) stays. Only exhausted memory throws, and the holders then
+// release the TPM's resources. Byte vectors hold TPM structures in their wire form.
 #pragma once
 
 #include <cstdint>
@@ -17,8 +17,9 @@
 #include <utility>
 #include <vector>
 
-// The types of the TPM software stack and of OpenSSL, so that their headers reach only those who use them.
-struct ESYS_CONTEXT;
+#include "tpm/esys_holders.h"
+
+// The types of the TPM software stack, so that its headers reach only those who use them.
 struct TPM2B_DATA;
 struct TPM2B_DIGEST;
 struct TPM2B_ENCRYPTED_SECRET;
@@ -30,80 +31,7 @@ struct TPM2B_PRIVATE;
 struct TPM2B_PUBLIC;
 struct TPMT_PUBLIC;
 struct TPMT_SIGNATURE;
-using ESYS_TR = uint32_t;
 using TPM2_HANDLE = uint32_t;
-using EC_KEY = struct ec_key_st;
-using ECDSA_SIG = struct ECDSA_SIG_st;
-
-// ESysResource is what the two holders of ESYS handles have in common: the context, not owned, and the handle, which is
-// `NO_HANDLE` (the stack's ESYS_TR_NONE) when nothing is held. Moving leaves the source without a handle.
-struct ESysResource {
-    static constexpr ESYS_TR NO_HANDLE = 0xfff;
-
-    explicit ESysResource(ESYS_CONTEXT* context = nullptr, ESYS_TR held = NO_HANDLE) : ctx(context), handle(held) {}
-    ESysResource(ESysResource&& other) noexcept : ctx(other.ctx), handle(std::exchange(other.handle, NO_HANDLE)) {}
-    ESysResource& operator=(ESysResource&& other) noexcept;
-
-    // isHeld tells whether there is a handle.
-    bool isHeld() const { return handle != NO_HANDLE; }
-
-    // release gives the handle up to the caller.
-    ESYS_TR release() { return std::exchange(handle, NO_HANDLE); }
-
-    ESYS_CONTEXT* ctx;
-    ESYS_TR handle;
-};
-
-// ESysTransient holds a session or a transient object: what occupies memory in the TPM. It flushes what it holds before
-// it takes something else over, and at its end.
-struct ESysTransient : ESysResource {
-    using ESysResource::ESysResource;
-    ESysTransient(ESysTransient&&) noexcept = default;
-    ESysTransient& operator=(ESysTransient&& other) noexcept;
-    ~ESysTransient() { flush(); }
-
-    // flush removes the resource from the TPM and empties the holder, also when the TPM refuses; that is told on
-    // standard error, not in the log, as it happens in destructors. It returns whether the call succeeded, and true for
-    // an empty holder.
-    bool flush();
-};
-
-// ESysClosable holds an NV index or a persistent object, whose counterpart in the TPM must stay.
-struct ESysClosable : ESysResource {
-    using ESysResource::ESysResource;
-    ESysClosable(ESysClosable&&) noexcept = default;
-    ESysClosable& operator=(ESysClosable&& other) noexcept;
-    ~ESysClosable() { closeHeld(); }
-
-    // close drops the stack's own record of the object, which reaches the TPM not at all, and empties the holder;
-    // failure is told and returned as with `ESysTransient::flush`. The holder must not be empty.
-    bool close();
-
-    // closeHeld is `close` for a holder that may be empty.
-    void closeHeld();
-};
-
-// ESysFree returns memory that ESYS allocated.
-struct ESysFree {
-    void operator()(void* output) const noexcept;
-};
-
-// ESysOutUPtr holds a structure that ESYS returned through an output parameter.
-template <class T>
-using ESysOutUPtr = std::unique_ptr<T, ESysFree>;
-
-// EC_KEY_Deleter and ECDSA_SIG_Deleter release the OpenSSL objects of these names.
-struct EC_KEY_Deleter {
-    void operator()(EC_KEY* key) const noexcept;
-};
-
-struct ECDSA_SIG_Deleter {
-    void operator()(ECDSA_SIG* signature) const noexcept;
-};
-
-// EC_KEY_UPtr and ECDSA_SIG_UPtr own them; null when empty.
-using EC_KEY_UPtr = std::unique_ptr<EC_KEY, EC_KEY_Deleter>;
-using ECDSA_SIG_UPtr = std::unique_ptr<ECDSA_SIG, ECDSA_SIG_Deleter>;
 
 // TPM2Attestor is one connection to the TPM.
 //
@@ -112,10 +40,11 @@ using ECDSA_SIG_UPtr = std::unique_ptr<ECDSA_SIG, ECDSA_SIG_Deleter>;
 // and as soon as they are needed the attestation key (AK) and the handle of the tally counter. Operations that need the
 // TPM fail with the record "TPM2 not open" on a closed instance.
 //
-// What stays in the TPM behind `close`: the EK at its persistent handle, the counter, and on the run that made the EK
+// What stays in the TPM after `close`: the EK at its persistent handle, the counter, and on the run that made the EK
 // its transient copy, until the TPM starts again.
 //
-// Threads: one at a time for each instance. Nothing here is atomic towards other programs that use the same TPM.
+// Threads: one at a time for each instance. No operation is atomic with respect to other programs that use the same
+// TPM.
 class TPM2Attestor {
 public:
     // Bytes is the form in which all blobs of the TPM leave this class.
@@ -126,14 +55,14 @@ public:
     TPM2Attestor& operator=(const TPM2Attestor&) = delete;
     ~TPM2Attestor();
 
-    // isEnabled tells whether this build talks to a TPM at all: always true.
+    // isEnabled returns whether this build uses a TPM: always true.
     static bool isEnabled();
 
-    // isOpen tells whether the instance has a connection.
+    // isOpen returns whether the instance has a connection.
     bool isOpen() const { return m_pContext != nullptr; }
 
-    // open connects, finds or makes the EK and starts the salted session. On false everything is released again, except
-    // when the instance was open already: then it stays as it is.
+    // open connects, finds or makes the EK and starts the salted session. On false everything is released again; an
+    // instance that was open already stays as it is.
     bool open();
 
     // close releases all that `open` and later operations took. It does nothing on a closed instance.
@@ -141,7 +70,7 @@ public:
 
     // --- endorsement key ---------------------------------------------------------------------------------------------
 
-    // getEndorsementKeyTPMPub returns the EK's public area as a marshalled TPM2B_PUBLIC, and nothing behind it.
+    // getEndorsementKeyTPMPub returns the EK's public area as a marshalled TPM2B_PUBLIC.
     Bytes getEndorsementKeyTPMPub();
 
     // getEndorsementKeyPEM and getEndorsementKeyDER return its SubjectPublicKeyInfo (RFC 5280, 4.1).
@@ -154,36 +83,36 @@ public:
     // must be a restricted signing key and a child of this TPM's EK; on false the AK in use stays.
     bool loadAttestationKey(Bytes publicArea, Bytes privateArea);
 
-    // activateAttestationKey answers a credential challenge, a marshalled TPM2B_ID_OBJECT and right behind it a
-    // marshalled TPM2B_ENCRYPTED_SECRET, and returns the secret. Only a loaded AK can be activated. Bytes behind the
-    // challenge are ignored.
+    // activateAttestationKey answers a credential challenge, a marshalled TPM2B_ID_OBJECT followed by a marshalled
+    // TPM2B_ENCRYPTED_SECRET, and returns the secret. Only a loaded AK can be activated. Bytes after the challenge are
+    // ignored.
     Bytes activateAttestationKey(Bytes blob);
 
     // getAttestationKeyTPMPubPriv returns the AK as `loadAttestationKey` takes it, first public, second private area.
-    // If there is none yet, one is made. It loads nothing.
+    // A missing AK is made first. It loads nothing.
     std::pair<Bytes, Bytes> getAttestationKeyTPMPubPriv();
 
     // --- tally counter -----------------------------------------------------------------------------------------------
 
-    // incrementCounter adds one to the tally counter; a counter that is missing is made first, which adds one of its
-    // own.
+    // incrementCounter adds one to the tally counter. A missing counter is made first, and making it adds one as well.
     bool incrementCounter();
 
-    // readCounter reads the tally counter into `value`, which stays on failure; a counter that is missing is made
+    // readCounter reads the tally counter into `value`, which is left as it was on failure. A missing counter is made
     // first.
     bool readCounter(uint64_t* value);
 
     // certifyCounterWithAudit reads the counter in a TPM audit session and has the AK sign the session's digest
-    // together with `qualifyingData` (the caller's nonce, 64 bytes at most). An AK and a counter that are missing are
+    // together with `qualifyingData` (the caller's nonce, 64 bytes at most). A missing AK and a missing counter are
     // made first.
     //
     // It returns a marshalled TPMS_ATTEST and the ECDSA signature over it in DER; `counter` is what the attestation
-    // covers, and may be written even on failure. Other clients of the TPM can break the exclusive audit session: it
-    // then tries again, ten times in all, and sleeps up to a second before each further attempt.
+    // covers, and may be written even on failure. Other clients of the TPM can end the session's exclusivity:
+    // certifyCounterWithAudit then tries again, ten times in all, and sleeps up to a second before each further
+    // attempt.
     std::pair<Bytes, Bytes> certifyCounterWithAudit(uint64_t* counter, const Bytes& qualifyingData);
 
-    // certifyCounterWithCmd does the same in the single TPM command NV_Certify. Nothing here calls it; kept as the
-    // short alternative for TPMs that take it with one authorisation.
+    // certifyCounterWithCmd does the same in the single TPM command NV_Certify. Nothing here calls it. Kept: it is the
+    // short alternative on TPMs that take it with one authorisation.
     std::pair<Bytes, Bytes> certifyCounterWithCmd(const Bytes& qualifyingData);
 
     // --- conversions: pure functions, usable from any thread ---------------------------------------------------------
@@ -203,23 +132,21 @@ public:
     static Bytes toDER(const EC_KEY_UPtr& key);
     static Bytes toDER(const ECDSA_SIG_UPtr& signature);
 
-    // --- steps of the operations above, for an open instance
-    // ----------------------------------------------------------
+    // --- steps of the operations above, on an open instance ----------------------------------------------------------
 
-    // getTPMObject looks whether `handle`, a persistent object or NV index, exists in the TPM and writes an ESYS handle
-    // for it, or `NO_HANDLE`, to `out`. True means that the question was answered. It works without a session.
+    // getTPMObject writes an ESYS handle for `handle`, a persistent object or NV index, to `out`, or `NO_HANDLE` if the
+    // TPM has no such object. It returns whether the TPM answered. It works without a session.
     bool getTPMObject(TPM2_HANDLE handle, ESYS_TR* out);
 
     // createEK finds the EK at its persistent handle or makes it and saves it there, by the rules of the TCG EK
-    // Credential Profile: template L-2, unless NV indices of the TPM's maker give another one. It works without a
-    // session, but those indices can't be read then.
+    // Credential Profile: template L-2, unless NV indices of the TPM's maker hold another one. It works without a
+    // session, but then those indices can't be read.
     bool createEK();
 
-    // createEHPolSession returns a new policy session that authorises one use of the EK; without a handle on failure.
-    // The caller owns it.
+    // createEHPolSession returns a new policy session that authorises one use of the EK; an empty holder on failure.
     ESysTransient createEHPolSession();
 
-    // readNVIndex reads the whole NV index into `out`, in chunks of 512 bytes; on false `out` holds what was read by
+    // readNVIndex reads the whole NV index into `out`, in chunks of 512 bytes. On false `out` holds what was read until
     // then.
     bool readNVIndex(ESYS_TR index, Bytes* out);
 
@@ -229,29 +156,29 @@ public:
     // createAK makes a new AK without loading it. An AK that was loaded until now is flushed.
     bool createAK();
 
-    // loadAK loads an AK and keeps copies of its areas; on false all stays as it was.
+    // loadAK loads an AK and keeps copies of its areas; on false nothing changes.
     bool loadAK(const TPM2B_PUBLIC* publicArea, const TPM2B_PRIVATE* privateArea);
 
     // activateAK answers a credential challenge with the loaded AK.
     ESysOutUPtr<TPM2B_DIGEST> activateAK(const TPM2B_ID_OBJECT* credential, const TPM2B_ENCRYPTED_SECRET* secret);
 
-    // openCounter finds or makes the counter and checks that it is the counter; on false no handle of it is kept.
+    // openCounter finds or makes the counter and checks it; on false no handle of it is kept.
     bool openCounter();
 
     // defineCounter makes the counter's NV index, never written.
     bool defineCounter();
 
-    // checkCounter tests kind and name of the index behind the counter's handle. One that was never written is
-    // incremented first, which gives it its value.
+    // checkCounter tests kind and name of the index that the counter's handle refers to. One that was never written is
+    // incremented first, as it has no value before.
     bool checkCounter();
 
-    // incrementOpenCounter does one increment of the counter behind the handle, with the cycle before it.
+    // incrementOpenCounter increments the counter once, after workaroundCounterRollbackOnClear.
     bool incrementOpenCounter();
 
-    // workaroundCounterRollbackOnClear defines a temporary counter, increments it and removes it. A TPM gives a new
-    // counter the highest value that any counter ever had, and keeps that value for good; passing it through here keeps
-    // the tally counter from rolling back when the TPM is cleared. What an interrupted cycle left behind is taken over
-    // or removed.
+    // workaroundCounterRollbackOnClear defines a temporary counter, increments it and removes it. A TPM starts a new
+    // counter at the highest value that any counter ever had, and keeps that value for good; passing it through here
+    // keeps the tally counter from rolling back when the TPM is cleared. What an interrupted run left is taken over or
+    // removed.
     bool workaroundCounterRollbackOnClear();
 
     // ms_sEcc256EKTemplateL2 is template L-2 of the TCG EK Credential Profile (B.3.4), the default EK.
@@ -263,11 +190,11 @@ public:
     // ms_sCounterPublicTemplate is the public area of the tally counter's NV index before its first write.
     static const TPM2B_NV_PUBLIC ms_sCounterPublicTemplate;
 
-    // ms_sCounterName is the TPM name of that index once written.
+    // ms_sCounterName is the TPM's name of that index after its first write.
     static const TPM2B_NAME ms_sCounterName;
 
 private:
-    bool guardOpen() const;
+    bool requireOpen() const;
     bool startSession(ESysTransient& session, uint8_t type, const char* failure);
     uint32_t setSessionAttributes(uint8_t flags, uint8_t mask);
     uint32_t readNVPublic(ESYS_TR index, ESysOutUPtr<TPM2B_NV_PUBLIC>& publicArea);
@@ -300,11 +227,11 @@ private:
     ESysTransient m_oSession;
     ESysClosable m_oCounter;
 
-    // m_hEK and m_bEKPersistent keep their values through `close`; the next `createEK` sets them anew. So an `open`
-    // that fails before it has an EK tells on standard error that the old handle couldn't be released.
+    // m_hEK and m_bEKPersistent keep their values through `close` until the next `createEK` sets them. Kept: an `open`
+    // that fails before it has an EK thus reports on standard error that the old handle couldn't be released.
     ESYS_TR m_hEK = ESysResource::NO_HANDLE;
 
-    // m_bEKPersistent tells that `m_hEK` stands for a persistent object, which is closed and not flushed.
+    // m_bEKPersistent is whether `m_hEK` refers to a persistent object, which is closed and not flushed.
     bool m_bEKPersistent = false;
 
     ESysOutUPtr<TPM2B_PUBLIC> m_pEKPublic;

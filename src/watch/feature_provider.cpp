@@ -12,7 +12,7 @@ namespace {
 
 constexpr int64_t NANOSECONDS_PER_SECOND = 1000000000;
 
-// earlier gives the earlier of two instants, of which `first` may be 0 for none.
+// earlier returns the earlier of two instants; `first` is 0 if there is only the second.
 int64_t earlier(int64_t first, int64_t second) {
     return first == 0 ? second : std::min(first, second);
 }
@@ -25,7 +25,7 @@ FeatureProvider::FeatureProvider()
 
 void FeatureProvider::init(int64_t now) {
     for (FeatureSource& source : m_aSources)
-        source.drop();
+        source.reset();
     judge(now);
 }
 
@@ -36,12 +36,12 @@ std::string FeatureProvider::inputPath(int inputId) const {
 bool FeatureProvider::dropInput(int inputId) {
     FeatureSource& source = m_aSources[inputId];
     source.drop();
-    return !source.fileExists() && judge(currentSeconds());
+    return !source.fileExists() && judgeNow();
 }
 
 bool FeatureProvider::loadInput(int inputId) {
     m_aSources[inputId].load();
-    return judge(currentSeconds());
+    return judgeNow();
 }
 
 bool FeatureProvider::recheckAll(int64_t now) {
@@ -51,16 +51,18 @@ bool FeatureProvider::recheckAll(int64_t now) {
     return judge(now);
 }
 
+// writeFeatures puts the document together from the texts of its entries, in the form that JSON::stringify prints.
 int64_t FeatureProvider::writeFeatures(int64_t now, std::ostream& stream) const {
     const FeatureList list = listAt(now);
-    const JSON::root document = JSON::Object();
-    document->set("checkDate", JSON::String(svg::UTCClockValue(now * NANOSECONDS_PER_SECOND).get_as_iso8601_date()));
-    JSON* entries = document->set("features", JSON::Array());
-    for (const Feature* feature : list.features)
-        entries->push(feature->entry->dup());
-    std::string text;
-    document->stringify(text, 0);
-    stream << text << '\n';
+    const std::string date = svg::UTCClockValue(now * NANOSECONDS_PER_SECOND).get_as_iso8601_date();
+    std::string text = "{\n\t\"checkDate\": \"" + date + "\",\n\t\"features\": [";
+    const char* separator = "\n\t\t";
+    for (const Feature* feature : list.features) {
+        text.append(separator).append(feature->text);
+        separator = ",\n\t\t";
+    }
+    text += list.features.empty() ? " ]\n}\n" : "\n\t]\n}\n";
+    stream << text;
     return list.next;
 }
 
@@ -68,13 +70,22 @@ std::vector<std::string> FeatureProvider::activeFeatureNames() const {
     return m_oJudged.names;
 }
 
-// judge makes the list anew for `now`, keeps it, and tells whether it, or the instant at which it changes, differs.
+// judgeNow judges for the present moment. First it reads again what was dropped though its file is still there: the
+// second event of a rename over that file is yet to come, and without its features the list would seem to change.
+bool FeatureProvider::judgeNow() {
+    for (FeatureSource& source : m_aSources)
+        if (source.wasDropped() && source.fileExists())
+            source.load();
+    return judge(currentSeconds());
+}
+
+// judge makes the list again for `now`, keeps it, and returns whether it, or the instant at which it changes, differs.
 bool FeatureProvider::judge(int64_t now) {
     const FeatureList list = listAt(now);
     Judgement judgement;
     for (const Feature* feature : list.features) {
         judgement.names.push_back(feature->name);
-        feature->entry->stringify(judgement.entries, -1);
+        judgement.entries += feature->text;
     }
     judgement.next = list.next;
     const bool changed = judgement.entries != m_oJudged.entries || judgement.next != m_oJudged.next;
@@ -82,25 +93,25 @@ bool FeatureProvider::judge(int64_t now) {
     return changed;
 }
 
-// listAt walks all entries by rank. The entry that stands for a name gives way when its time ends, or when one of
-// higher rank begins; entries of lower rank can't change the list before that.
+// listAt walks all entries by rank. The entry listed under a name gives way when its time ends, or when one of higher
+// rank begins; entries of lower rank can't change the list before that.
 FeatureProvider::FeatureList FeatureProvider::listAt(int64_t now) const {
     FeatureList list;
-    std::map<std::string_view, const Feature*> standing;
+    std::map<std::string_view, const Feature*> listed;
     for (const FeatureSource& source : m_aSources) {
         for (const Feature& feature : source.features()) {
-            if (standing.contains(feature.name))
+            if (listed.contains(feature.name))
                 continue;
             if (feature.startsAfter(now))
                 list.next = earlier(list.next, feature.validFrom);
             if (!feature.isActive(now))
                 continue;
-            standing.emplace(feature.name, &feature);
+            listed.emplace(feature.name, &feature);
             if (feature.ends())
                 list.next = earlier(list.next, feature.validUntil);
         }
     }
-    for (const auto& [name, feature] : standing)
+    for (const auto& [name, feature] : listed)
         list.features.push_back(feature);
     return list;
 }

@@ -8,25 +8,27 @@
 //                       "validFrom": "2026-01-01T00:00:00Z",
 //                       "validUntil": "2027-01-01T00:00:00Z" } ] }
 //
-// A file of granted features is a JWS in compact form (RFC 7515, section 3.1) around that object, good only if it is
-// signed with the key that the appliance trusts and names this device: `serial` must be there. The key's kind alone
-// decides on the algorithm: ES256, ES384 or RS256.
+// A file of granted features is a grant (grant.h) with that object as its payload. It must name this device: `serial`
+// is required there.
 //
-// Apart from that `serial`, `validFrom`, `validUntil` and `params` are optional, unknown members are ignored. An entry
-// that breaks the form is left out with a WARN that names the file, the entry's index and the reason; the others stand.
-// A file that can't be used counts as empty, with one ERROR that names it and the reason; a missing file is no fault.
-// Nothing of a file's content is logged beyond feature names.
+// Otherwise `serial`, `validFrom`, `validUntil` and `params` are optional; unknown members are ignored. An entry that
+// breaks the form is left out with a WARN that names the file, the entry's index and the reason, and the others are
+// taken. After twenty such records of one reading a last one tells how many more were left out.
+//
+// A file that can't be used counts as empty, with one ERROR that names it and the reason; a missing file is not a
+// fault. Nothing of a file's content is logged.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "foundation/json.h"
+#include "watch/whole_file.h"
 
 // Feature is one entry of an input, good from `validFrom` on and until just before `validUntil`, both in whole seconds
 // since the Unix epoch.
@@ -35,32 +37,39 @@ struct Feature {
     int64_t validFrom = std::numeric_limits<int64_t>::min();
     int64_t validUntil = std::numeric_limits<int64_t>::max();
 
-    // entry is the feature as the features document shows it.
-    JSON::root entry;
+    // text is the entry as the features document shows it, from brace to brace. It is made once, when the file is read,
+    // because each look at the list compares it.
+    std::string text;
 
-    // isActive tells whether it is good at `now`, startsAfter whether it ever will be from a later instant on, ends
-    // whether it has an end.
+    // isActive returns whether the feature is good at `now`.
     bool isActive(int64_t now) const { return validFrom <= now && now < validUntil; }
+
+    // startsAfter returns whether the feature begins after `now`; one that ends before it begins never does.
     bool startsAfter(int64_t now) const { return now < validFrom && validFrom < validUntil; }
+
+    // ends returns whether the feature has an end.
     bool ends() const { return validUntil != std::numeric_limits<int64_t>::max(); }
 };
 
 // FeatureSource reads one input file. It belongs to one thread.
 class FeatureSource {
 public:
-    // FeatureSource stands for the file at `path`, whose features carry `label` as their source. An empty path means
+    // FeatureSource represents the file at `path`, whose features carry `label` as their source. An empty path means
     // that the input isn't in use: it never has features.
     FeatureSource(const std::string& path, const std::string& label);
 
-    // FeatureSource with a `keyPath` stands for a file of granted features, verified with the public key in that PEM
+    // FeatureSource with a `keyPath` represents a file of granted features, verified with the public key in that PEM
     // file, which is read at each load.
     FeatureSource(const std::string& path, const std::string& label, const std::string& keyPath);
 
-    // path gives the file's path.
+    // path returns the file's path.
     const std::string& path() const { return m_strPath; }
 
-    // features gives what was read last, in the file's order.
+    // features returns what was read last, in the file's order.
     const std::vector<Feature>& features() const { return m_aFeatures; }
+
+    // reset forgets everything, as if nothing had ever been read.
+    void reset();
 
     // load reads the file.
     void load();
@@ -68,15 +77,19 @@ public:
     // drop forgets what was read.
     void drop();
 
-    // fileExists tells whether the file is there now.
+    // wasDropped returns whether the last that happened was `drop`.
+    bool wasDropped() const { return m_bDropped; }
+
+    // fileExists returns whether the file is there now. One that can't be looked at counts as there.
     bool fileExists() const;
 
-    // fileChanged tells whether the file, or the key's, is another one than was read last: replaced, written to,
-    // appeared, gone, or dropped and still there.
+    // fileChanged returns whether the file, or the key's, isn't the one that was read last: replaced, written to,
+    // appeared, gone, dropped and still there, or not read because of a fault that may pass. To the latter belongs a
+    // serial number that isn't known yet. While such a fault lasts, its ERROR isn't repeated for the same file.
     bool fileChanged() const;
 
 private:
-    // FileState tells one state of the file from another; an absent file is all zero.
+    // FileState distinguishes one state of a file from another; an absent file is all zero.
     struct FileState {
         dev_t device = 0;
         ino_t inode = 0;
@@ -87,11 +100,21 @@ private:
         bool operator==(const FileState&) const = default;
     };
 
+    // Report is the last ERROR: its reason, and the files that it was about.
+    struct Report {
+        std::string reason;
+        FileState file;
+        FileState key;
+
+        bool operator==(const Report&) const = default;
+    };
+
     static FileState stateOf(const std::string& path);
     bool isGrant() const { return !m_strKeyPath.empty(); }
-    std::string readDocument(FILE* file);
-    std::string takeDocument(JSON& document);
+    std::optional<Refusal> readDocument();
+    std::optional<Refusal> takeDocument(JSON& document);
     void takeFeatures(JSON& list);
+    void report(const std::optional<Refusal>& refusal);
 
     std::string m_strPath;
     std::string m_strLabel;
@@ -99,4 +122,7 @@ private:
     std::vector<Feature> m_aFeatures;
     FileState m_oLoadedState;
     FileState m_oLoadedKeyState;
+    bool m_bDropped = false;
+    bool m_bTryAgain = false;
+    Report m_oReported;
 };

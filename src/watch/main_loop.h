@@ -3,14 +3,16 @@
 
 #include <gio/gio.h>
 
+#include <array>
 #include <cstdint>
 
+#include "watch/feature_provider.h"
 #include "watch/script_launcher.h"
 
-// MainLoop reacts to what can change the device's features: SIGINT and SIGTERM end it, SIGHUP asks for a full recheck,
-// a change of an input file, the moment at which the list changes by itself, and an hourly evaluation as the safety
-// net. Each leads to one step: ask the feature provider whether the list changed, publish the document if so, run the
-// hook.
+// MainLoop reacts to what can change the device's features: SIGHUP, which asks for a full recheck, a change of an input
+// file, the moment at which the list changes by itself, and an hourly evaluation as the safety net. Each leads to one
+// step: ask the feature provider whether the list changed, and if so publish the document and run the hook. SIGINT and
+// SIGTERM end the loop.
 //
 // Life cycle: constructed on the stack of the watch mode, `startLauncher`, switch of the user, `start`, `m_pMainLoop`
 // run with g_main_loop_run, destroyed. The destructor waits for the hook's pending runs. A stop that was asked for is
@@ -24,19 +26,19 @@ public:
     MainLoop& operator=(const MainLoop&) = delete;
     ~MainLoop();
 
-    // startLauncher forks the hook's launcher; false on failure. It must come before the user switch (the hook keeps
-    // the starting user's rights) and before `start` (the first signal source starts a thread of GLib's).
+    // startLauncher forks the hook's launcher; it returns false on failure. It must come before the user switch (the
+    // hook keeps the starting user's rights) and before `start` (the first signal source starts a thread of GLib's).
     bool startLauncher();
 
-    // start publishes the first document, runs the hook and begins to watch; false on failure. A launcher is needed, so
-    // the daemon doesn't start without a hook command.
+    // start publishes the first document, runs the hook and begins to watch; it returns false on failure. Kept: it
+    // needs the launcher's process, so the daemon doesn't start without a hook command.
     bool start();
 
 private:
     bool m_bQuitting = false;
 
 public:
-    // m_bFailed tells that the loop stopped on a failure.
+    // m_bFailed is true once the loop has stopped on a failure.
     bool m_bFailed = false;
 
     // m_pMainLoop is the loop to run, owned by this object; null before `start`.
@@ -57,6 +59,7 @@ private:
     void input_file_changed(GFileMonitor* monitor, GFile* file, GFile* other, GFileMonitorEvent event);
 
     void addSignals();
+    void warnIfUnwatchable();
     template <int inputId>
     bool watchInput();
     void keepFolderAwake(Input& input);
@@ -71,7 +74,7 @@ private:
     bool updateFeatures(int64_t now, int64_t& next);
     void log_features(bool changed);
 
-    Input m_aInputs[2];
+    std::array<Input, FeatureProvider::INPUT_COUNT> m_aInputs;
     guint m_nEvaluationTimer = 0;
     ScriptLauncher m_oLauncher;
 };

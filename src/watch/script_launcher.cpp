@@ -117,6 +117,7 @@ void ScriptLauncher::closePipe() {
 void ScriptLauncher::becomeLauncher() {
     closeFd(m_nWriteFd);  // the read end must see an end of file when the daemon dies
     setpgid(0, 0);        // a Ctrl-C in the foreground is for the daemon, which then stops this process in good order
+    std::signal(SIGXFSZ, SIG_DFL);  // ignored in the daemon alone: the command gets the default
     redirectToNull(O_RDONLY, STDIN_FILENO, 1);
     redirectToNull(O_WRONLY, STDOUT_FILENO, 2);
     if (prctl(PR_SET_NAME, PROCESS_NAME) == -1)

@@ -7,7 +7,7 @@ Where the tests run
 A test
     Derive from `FaultTest`. It has the sandbox's software TPM under its control: `self.start_fresh()` starts it as new,
     `self.start_provisioned()` as it was after a first report. Both start from a copy of a state that was left by an
-    orderly shutdown, so a test may do anything to the TPM and start anew, as often as it likes. The seeds are the same
+    orderly shutdown, so a test may do anything to the TPM and start again, as often as it likes. The seeds are the same
     in both, so the endorsement key is, and a key made on the one loads on the other.
 
         class LostTest(FaultTest):
@@ -142,7 +142,7 @@ class SoftwareTPM:
                 return header + stream.read(struct.unpack(">I", header[2:6])[0] - 10)
 
     def call(self, code, body, password=False):
-        """Gives the response code and what stands behind the header. `password`: with the empty one, once."""
+        """Returns the response code and what follows the header. `password`: with the empty one, once."""
         handles, parameters = body if password else (body, b"")
         authorisation = struct.pack(">IIHBH", 9, 0x40000009, 0, 0, 0) if password else b""
         payload = handles + authorisation + parameters
@@ -245,7 +245,7 @@ def parse_log(data):
 
 @dataclass
 class FaultRun:
-    """FaultRun is one run of the agent behind the injector."""
+    """FaultRun is one run of the agent with the injector."""
 
     result: harness.Result
     commands: list
@@ -267,7 +267,7 @@ class FaultRun:
 
 
 class FaultTest(SandboxTest):
-    """FaultTest is the base of all runs behind the injector; the module's head tells its use."""
+    """FaultTest is the base of all runs with the injector; the module's head says how to use it."""
 
     def setUp(self):
         super().setUp()
@@ -308,7 +308,7 @@ class FaultTest(SandboxTest):
         return write_file(self.work_path(f"context-{int(key)}.json"), members)
 
     def run_agent(self, *arguments, plan=(), env=None, **keywords):
-        """Runs the agent behind the injector. Fails if a plan was given and none of its rules was ever used."""
+        """Runs the agent with the injector. Fails if a plan was given and none of its rules was ever used."""
         plan_file = write_file(self.work_path("plan"), "".join(rule + "\n" for rule in plan))
         log = self.work_path("log")
         with contextlib.suppress(FileNotFoundError):
@@ -328,7 +328,7 @@ class FaultTest(SandboxTest):
         return run
 
     def start_for(self, mode):
-        """Starts the TPM in the state that a `steps.Mode` wants."""
+        """Starts the TPM in the state that a `steps.Mode` needs."""
         if mode.fresh:
             self.start_fresh()
         elif not mode.left_over:
@@ -349,7 +349,7 @@ class FaultTest(SandboxTest):
         return state
 
     def run_mode(self, mode, **keywords):
-        """Runs the agent as a `steps.Mode` tells."""
+        """Runs the agent as a `steps.Mode` says."""
         context = ["-A", self.context(key=mode.context == "with key")] if mode.context else []
         return self.run_agent(mode.option, *context, **keywords)
 
@@ -370,7 +370,7 @@ class FaultTest(SandboxTest):
         self.assertIn("ERROR", levels[:-1], str(run))
 
     def assert_sound(self, run):
-        """Either refused, or a report that is right in every respect. Gives whether there is one."""
+        """Either refused, or a report that is right in every respect. Returns whether there is one."""
         if run.status != 0:
             self.assert_refused(run)
             return False
@@ -378,7 +378,7 @@ class FaultTest(SandboxTest):
         return True
 
     def assert_report(self, run):
-        """Status 0 and a report that tells what this TPM holds and, with a context, answers to it."""
+        """Status 0 and a report that shows what this TPM holds and, with a context, answers to it."""
         self.assert_success(run.result)
         attested = "-A" in run.result.arguments
         answering = attested and self.context(key=True) in run.result.arguments

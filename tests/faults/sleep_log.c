@@ -1,4 +1,4 @@
-// sleep_log.c: loaded into the agent (LD_PRELOAD), it takes the waiting out of nanosleep and tells what was asked for.
+// sleep_log.c: loaded into the agent (LD_PRELOAD), it takes the waiting out of nanosleep and logs what was asked for.
 //
 //   SLEEP_LOG=FILE         one line for each call is added to it: seconds, nanoseconds
 //   SLEEP_INTERRUPTED=1    every other call, from the first, ends with EINTR and leaves a third of the time

@@ -120,7 +120,7 @@ def look_for(what, handle, *records, **keywords):
 
 
 def flush(what, left):
-    """A failed flush is told on standard error only, and is no failure of the run."""
+    """A failed flush is reported on standard error only; the run does not fail."""
     return Step(f"flush {what}", FLUSH_CONTEXT, goes_on=True, left=left)
 
 
@@ -290,9 +290,7 @@ def with_policy(*steps):
 CREATE_AK = with_policy(
     Step("create AK", CREATE, None, (error("failed to create attestation key in endorsement hierarchy"),))
 )
-LOAD_AK = with_policy(
-    Step("load AK", LOAD, None, (error("failed to load attestation key in endorsement hierarchy"),))
-)
+LOAD_AK = with_policy(Step("load AK", LOAD, None, (error("failed to load attestation key in endorsement hierarchy"),)))
 ACTIVATE = Step("activate AK", ACTIVATE_CREDENTIAL, None, (error("failed to activate attestation key"),))
 
 

@@ -36,9 +36,8 @@ def own_numbers(mode):
     return [number for number, step in enumerate(mode.steps, 1) if step.what not in others]
 
 
-
 def made_up(body, tag=0x8001, size=None):
-    """The rule for a well-formed header of a success, with anything behind it."""
+    """The rule for a well-formed header of a success, with anything after it."""
     header = struct.pack(">HII", tag, 10 + len(body) if size is None else size, SUCCESS)
     return "answer " + (header + body).hex()
 
@@ -100,7 +99,7 @@ class TransportTest(FaultTest):
 
     @staticmethod
     def alters_ek_point(step, action):
-        """See DamagedResponseTest.test_altered_ek_point."""
+        """See DamagedResponseTest.test_altered_ek_point_is_reported_as_it_came."""
         return step.what == "read EK" and action.startswith("flip") and int(action.split()[1]) in EK_POINT
 
 
@@ -132,26 +131,26 @@ class LostConnectionTest(TransportTest):
         self.assertGreater(self.tpm.counter(), value, str(run))
         self.assertFalse(self.tpm.exists(TEMPORARY))
 
-    def test_attested_report_without_command(self):
+    def test_attested_report_fails_where_a_command_is_lost(self):
         "A connection that breaks before the TPM gets a command fails that step, with the reason."
         self.check_losses(LATER_ATTESTED_REPORT, ("lose", "lose-once"))
 
-    def test_attested_report_without_answer(self):
+    def test_attested_report_fails_where_an_answer_is_lost(self):
         "A connection that breaks when the TPM has carried out a command fails that step, with the reason."
         self.check_losses(LATER_ATTESTED_REPORT, ("lose-answer", "lose-answer-once"))
 
-    def test_first_increment(self):
+    def test_first_increment_that_lost_an_answer_is_made_good(self):
         "A first -R that loses the answer to any command fails or has its report out; the next mends what was left."
         self.check_losses(FIRST_INCREMENT, ("lose-answer",))
 
-    def test_later_increment(self):
+    def test_later_increment_that_lost_a_command_is_made_good(self):
         "A later -R that loses the connection before any command is made good by the next."
         self.check_losses(LATER_INCREMENT, ("lose",))
 
 
 class BusyTest(TransportTest):
-    def test_once(self):
-        "A TPM that is busy at any one command is asked again, and the report stands."
+    def test_busy_tpm_is_asked_again(self):
+        "A TPM that is busy at any one command is asked again, and there is a report."
         mode = LATER_REPORT
         for number, step in enumerate(mode.steps, 1):
             with self.subTest(f"#{number} {step.what}"):
@@ -160,7 +159,7 @@ class BusyTest(TransportTest):
                 self.assert_no_records(run.result)
                 self.assertEqual(len(run.commands), len(mode.steps) + 1, str(run))
 
-    def test_again_and_again(self):
+    def test_tpm_that_stays_busy_fails_the_step(self):
         "A TPM that is busy each time is asked a limited number of times; then the step has failed, with the reason."
         mode = LATER_INCREMENT
         for number, step in enumerate(mode.steps, 1):
@@ -170,7 +169,7 @@ class BusyTest(TransportTest):
                 self.assertEqual(run.commands[number + MOST_SUBMISSIONS - 2].code, step.code, str(run))
                 self.assert_records(run.result, *mode.expected_records(number - 1, busy))
 
-    def test_for_ever(self):
+    def test_tpm_that_is_never_ready_ends_the_run(self):
         "A TPM that is never ready again ends the run."
         for number in (*OPENING, *CERTIFICATION):
             with self.subTest(f"#{number}-"):
@@ -178,55 +177,55 @@ class BusyTest(TransportTest):
 
 
 class DamagedResponseTest(TransportTest):
-    def test_cut_in_opening(self):
+    def test_cut_response_in_opening_gives_no_wrong_report(self):
         "A response that ends early never leads to a wrong report: opening, challenge."
         self.check(LATER_ATTESTED_REPORT, cut_rules, OPENING)
 
-    def test_cut_in_certification(self):
+    def test_cut_response_in_certification_gives_no_wrong_report(self):
         "The same: reading and certifying the counter."
         self.check(LATER_ATTESTED_REPORT, cut_rules, CERTIFICATION)
 
-    def test_cut_in_increment(self):
+    def test_cut_response_in_increment_gives_no_wrong_report(self):
         "The same: what only a -R does."
         self.check(LATER_INCREMENT, cut_rules, own_numbers(LATER_INCREMENT))
 
-    def test_shortened_in_opening(self):
+    def test_shortened_response_in_opening_gives_no_wrong_report(self):
         "A response that ends early and says so never leads to a wrong report: opening, challenge."
         self.check(LATER_ATTESTED_REPORT, shorten_rules, OPENING)
 
-    def test_shortened_in_certification(self):
+    def test_shortened_response_in_certification_gives_no_wrong_report(self):
         "The same: reading and certifying the counter."
         self.check(LATER_ATTESTED_REPORT, shorten_rules, CERTIFICATION)
 
-    def test_shortened_in_first_increment(self):
+    def test_shortened_response_in_first_increment_gives_no_wrong_report(self):
         "The same: what only a first -R does."
         self.check(FIRST_INCREMENT, shorten_rules, own_numbers(FIRST_INCREMENT))
 
-    def test_garbage_in_opening(self):
+    def test_made_up_response_in_opening_gives_no_wrong_report(self):
         "A response that is made up never leads to a wrong report: opening, challenge."
         self.check(LATER_ATTESTED_REPORT, garbage_rules, OPENING)
 
-    def test_garbage_in_certification(self):
+    def test_made_up_response_in_certification_gives_no_wrong_report(self):
         "The same: reading and certifying the counter."
         self.check(LATER_ATTESTED_REPORT, garbage_rules, CERTIFICATION)
 
-    def test_garbage_in_first_increment(self):
+    def test_made_up_response_in_first_increment_gives_no_wrong_report(self):
         "The same: what only a first -R does."
         self.check(FIRST_INCREMENT, garbage_rules, own_numbers(FIRST_INCREMENT))
 
-    def test_altered_in_opening(self):
+    def test_altered_response_in_opening_gives_no_wrong_report(self):
         "A response with altered bits never leads to a wrong report: opening, challenge."
         self.check(LATER_ATTESTED_REPORT, flip_rules, OPENING)
 
-    def test_altered_in_certification(self):
+    def test_altered_response_in_certification_gives_no_wrong_report(self):
         "The same: reading and certifying the counter."
         self.check(LATER_ATTESTED_REPORT, flip_rules, CERTIFICATION)
 
-    def test_altered_in_increment(self):
+    def test_altered_response_in_increment_gives_no_wrong_report(self):
         "The same: what only a -R does."
         self.check(LATER_INCREMENT, flip_rules, own_numbers(LATER_INCREMENT))
 
-    def test_altered_ek_point(self):
+    def test_altered_ek_point_is_reported_as_it_came(self):
         """The exception: no session exists yet when the EK is read, so an altered point is reported as it came.
 
         Nothing else of the report changes. Whoever challenges the device with this EK finds out: no TPM can answer.

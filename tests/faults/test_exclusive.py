@@ -50,21 +50,19 @@ class ExclusiveTest(FaultTest):
             self.assertTrue(SHORTEST <= nanoseconds // MILLISECOND <= LONGEST, nanoseconds)
 
     def assert_certification_failed(self, run, text, rc):
-        self.assert_failure(
-            run.result, ("ERROR", failed(text, rc)), ("FATAL", "failed collecting device information")
-        )
+        self.assert_failure(run.result, ("ERROR", failed(text, rc)), ("FATAL", "failed collecting device information"))
         self.assert_nothing_left(run)
 
-    def test_nine_times(self):
-        "After nine refusals the tenth attempt counts: the report stands, and covers one read alone."
+    def test_tenth_attempt_counts_after_nine_refusals(self):
+        "After nine refusals the tenth attempt counts: there is a report, and it covers a single read."
         run = self.certify(f"{AUDIT_DIGEST}#1-9 fail {RC_EXCLUSIVE}")
         self.assert_report(run)
         self.assert_no_records(run.result)
         self.assert_attempts(run, 10)
         self.assert_nothing_left(run)
 
-    def test_for_ever(self):
-        "After ten refusals the run ends, and tells of ten tries."
+    def test_ten_refusals_end_the_run(self):
+        "After ten refusals the run ends with a record of ten tries."
         run = self.certify(f"{AUDIT_DIGEST} fail {RC_EXCLUSIVE}")
         self.assert_certification_failed(
             run,
@@ -79,8 +77,8 @@ class ExclusiveTest(FaultTest):
         self.assert_report(run)
         self.assert_attempts(run, 1)
 
-    def test_delays_differ(self):
-        "The delays are drawn anew in each run and cover the range."
+    def test_delays_are_drawn_again_in_each_run(self):
+        "The delays are drawn again in each run and cover the range."
         drawn = []
         for _ in range(4):
             self.certify(f"{AUDIT_DIGEST} fail {RC_EXCLUSIVE}")
@@ -92,7 +90,7 @@ class ExclusiveTest(FaultTest):
         self.assertLess(min(milliseconds), 550)
         self.assertGreaterEqual(max(milliseconds), 550)
 
-    def test_interrupted_sleep(self):
+    def test_interrupted_sleep_goes_on(self):
         "A sleep that a signal ends goes on for the time that remains."
         run = self.certify(f"{AUDIT_DIGEST}#1-3 fail {RC_EXCLUSIVE}", SLEEP_INTERRUPTED="1")
         self.assert_report(run)
@@ -100,7 +98,7 @@ class ExclusiveTest(FaultTest):
         for begun, rest in zip(self.sleeps[::2], self.sleeps[1::2]):
             self.assertEqual(rest, begun // 3)
 
-    def test_other_client_once(self):
+    def test_second_attempt_succeeds_after_another_clients_command(self):
         "A command of another client between read and digest makes the TPM refuse; the second attempt succeeds."
         run = self.certify(f"{AUDIT_DIGEST}#1 {OTHER_CLIENT}")
         self.assert_report(run)
@@ -108,7 +106,7 @@ class ExclusiveTest(FaultTest):
         self.assert_attempts(run, 2)
         self.assert_nothing_left(run)
 
-    def test_other_client_always(self):
+    def test_other_client_that_never_stops_ends_the_run(self):
         "Another client that comes between each time makes the TPM refuse ten times, and the run ends."
         run = self.certify(f"{AUDIT_DIGEST} {OTHER_CLIENT}")
         self.assertEqual([c.rc for c in run.of(GET_SESSION_AUDIT_DIGEST)], [RC_EXCLUSIVE] * 10, str(run))
@@ -119,7 +117,7 @@ class ExclusiveTest(FaultTest):
         )
         self.assert_attempts(run, 10)
 
-    def test_other_client_elsewhere(self):
+    def test_other_client_before_the_read_does_no_harm(self):
         "Commands of another client before the read do no harm."
         run = self.certify(f"0x{NV_READ:x} {OTHER_CLIENT}", f"0x{ACTIVATE_CREDENTIAL:x} {OTHER_CLIENT}")
         self.assert_report(run)

@@ -68,8 +68,8 @@ class KilledTest(FaultTest):
         self.assert_order(run, [*OPEN_LATER, *COUNTER_LATER, *increment, *REPORT])
         self.assert_nothing_left(run)
 
-    def test_in_the_cycle(self):
-        "Whatever the cycle leaves behind, the next -R takes an unwritten index over and removes a written one first."
+    def test_cycle_that_died_is_taken_over(self):
+        "Whatever the cycle has left, the next -R takes an unwritten index over and removes a written one first."
         for step, when, increment, growth in DEATHS:
             with self.subTest(f"{when} {step.what}"):
                 self.check_death(step, when, increment, growth)
@@ -88,15 +88,15 @@ class KilledTest(FaultTest):
                 else:
                     self.assertEqual(self.tpm.counter(), before + 1)
 
-    def test_before_each_command_of_a_first_run(self):
+    def test_first_increment_that_died_before_a_command_is_made_good(self):
         "A first -R that dies before any of its commands is made good by the next."
         self.check_first_run(BEFORE)
 
-    def test_after_each_command_of_a_first_run(self):
-        "A first -R that dies behind any of its commands is made good by the next."
+    def test_first_increment_that_died_after_a_command_is_made_good(self):
+        "A first -R that dies after any of its commands is made good by the next."
         self.check_first_run(AFTER)
 
-    def test_again_and_again(self):
+    def test_runs_that_die_everywhere_never_leave_two_indices(self):
         "Runs that die at one place after the other never leave two indices, and the first whole run mends it all."
         self.start_provisioned()
         value = self.tpm.counter()

@@ -55,38 +55,38 @@ class SingleFaultTest(FaultTest):
             with self.subTest(f"#{n + 1} {step.what}"):
                 self.check_fault(mode, n)
 
-    def test_later_report(self):
+    def test_later_report_survives_or_reports_each_refusal(self):
         "A refused command of a later -d ends it with its record, or is warned of, and nothing is left in the TPM."
         self.check(LATER_REPORT)
 
-    def test_later_attested_report(self):
+    def test_later_attested_report_survives_or_reports_each_refusal(self):
         "The same for a later -d -A with key, challenge and nonce."
         self.check(LATER_ATTESTED_REPORT)
 
-    def test_later_report_with_new_ak(self):
+    def test_later_report_with_new_ak_survives_or_reports_each_refusal(self):
         "The same for a later -d -A with a nonce alone, which makes an AK and certifies with it."
         self.check(LATER_REPORT_WITH_NEW_AK)
 
-    def test_later_increment(self):
+    def test_later_increment_survives_or_reports_each_refusal(self):
         "The same for a later -R."
         self.check(LATER_INCREMENT)
 
-    def test_later_increment_with_unwritten_left_over(self):
+    def test_increment_over_unwritten_left_over_survives_or_reports_each_refusal(self):
         "The same for a -R that finds the temporary index unwritten."
         self.check(LATER_INCREMENT_OVER_UNWRITTEN)
 
-    def test_later_increment_with_written_left_over(self):
+    def test_increment_over_written_left_over_survives_or_reports_each_refusal(self):
         "The same for a -R that finds the temporary index written."
         self.check(LATER_INCREMENT_OVER_WRITTEN)
 
-    def test_first_report(self):
+    def test_first_report_survives_or_reports_each_refusal(self):
         "The same for a first -d; the copy of the EK that it made stays loaded once the EK is saved."
         self.check(FIRST_REPORT)
 
-    def test_first_attested_report(self):
+    def test_first_attested_report_survives_or_reports_each_refusal(self):
         "The same for a first -d -A with key, challenge and nonce."
         self.check(FIRST_ATTESTED_REPORT)
 
-    def test_first_increment(self):
+    def test_first_increment_survives_or_reports_each_refusal(self):
         "The same for a first -R."
         self.check(FIRST_INCREMENT)

@@ -1,7 +1,7 @@
 // tpm_fault.cpp: a connection to the software TPM that fails on demand and keeps a log.
 //
 // Built as libtss2-tcti-default.so: the TSS library loads that name first, so that with the library's folder in
-// LD_LIBRARY_PATH any program that uses the default connection takes this one. Behind it stands the swtpm TCTI with
+// LD_LIBRARY_PATH any program that uses the default connection takes this one. It passes on to the swtpm TCTI with
 // its own default, 127.0.0.1:2321.
 //
 //   TPM_FAULT_PLAN=FILE  what to do to which command, one rule a line; the first rule that fits a command is taken
@@ -90,7 +90,7 @@ struct Connection {
     Bytes response;
 };
 
-// Context stands in the caller's memory, the swtpm connection right behind it.
+// Context lies in the caller's memory, followed by the swtpm connection.
 struct Context {
     TSS2_TCTI_CONTEXT_COMMON_V2 common;
     Connection* connection;
@@ -201,7 +201,7 @@ const Rule* findRule(const Connection& connection, uint32_t code) {
 
 // --- log -------------------------------------------------------------------------------------------------------------
 
-// writeLog tells the end of the command at work. `tctiCode` is 0 when a response is handed over.
+// writeLog logs the end of the current command. `tctiCode` is 0 when a response is handed over.
 void writeLog(const Connection& connection, Clock::duration tpmTime, TSS2_RC tctiCode, bool ended = true) {
     if (connection.log < 0)
         return;

@@ -10,7 +10,7 @@ The hook
     it, then count.
 
 Barriers
-    What must NOT follow from an event is looked for behind a later event of the same road: `self.recheck(daemon)`
+    What must NOT follow from an event is looked for after a later event that takes the same way: `self.recheck(daemon)`
     (SIGHUP) for signals and timers, a further change of the same input for file events.
 """
 
@@ -38,6 +38,7 @@ from harness import (
     check_features_document,
     check_for_crash,
     feature_names,
+    has_user_switch,
     install_features,
     read_file,
     start_daemon,
@@ -145,7 +146,7 @@ def remove_folder(path):
 
 
 def replace_unnoticed(*names):
-    """Makes the installed features others, in a way that no file event tells: another file is mounted over them."""
+    """Changes the installed features without a file event: another file is mounted over them."""
     other = os.path.join(WORK, "unnoticed.json")
     with open(other, "w") as stream:
         json.dump({"features": [{"name": name} for name in names]}, stream)
@@ -156,7 +157,7 @@ def replace_unnoticed(*names):
 
 
 def status_of(pid, field):
-    """The words behind a field of /proc/PID/status."""
+    """The words after a field's name in /proc/PID/status."""
     for line in read_file(f"/proc/{pid}/status").decode().splitlines():
         name, _, value = line.partition(":")
         if name == field:
@@ -194,8 +195,15 @@ def as_user():
     return {"user": entry.pw_uid, "group": entry.pw_gid, "extra_groups": []}
 
 
+def give_to_user(path):
+    """Makes the user featurewatch the owner of a file, where there is that user."""
+    if has_user_switch():
+        entry = pwd.getpwnam(USER)
+        os.chown(path, entry.pw_uid, entry.pw_gid, follow_symlinks=False)
+
+
 def foreground_result(daemon):
-    """Waits for the end of a daemon in the foreground; gives its `Result`. A crash or a sanitizer's report fails."""
+    """Waits for the end of a daemon in the foreground; returns its `Result`. A crash or a sanitizer's report fails."""
     status = daemon.wait()
     result = Result((), status, b"", read_file(f"/proc/self/fd/{daemon._errors.fileno()}"))
     check_for_crash(result)
@@ -210,7 +218,7 @@ def open_gate():
 class DocumentReader:
     """DocumentReader reads the document over and over while it is entered and keeps the names in each version.
 
-    Leaving it fails if one of them was no whole document; `versions` are the lists of names, each change once.
+    Leaving it fails if one of them was not a whole document; `versions` are the lists of names, each change once.
     """
 
     def __init__(self, path=FEATURES_DOCUMENT):
@@ -305,7 +313,7 @@ class WatchTest(SandboxTest):
         daemon.wait_until_gone(limit=20)
 
     def assert_failed_start(self, result, *records):
-        """The forked daemon failed with these records, the starting command with its one; nothing is left behind."""
+        """The forked daemon failed with these records, the starting command with its one; nothing is left."""
         self.assert_failure(result, START_FAILED)
         wait_for(lambda: not agent_processes(), "the end of all processes")
         logged = self.records()

@@ -40,7 +40,7 @@ The daemon
     exit status. `start_daemon(...)` is the bare starting command, for starts that are to fail.
 
 Waiting
-    Never sleep. `wait_for(condition, "what is awaited")` polls until the condition gives something true, hands that
+    Never sleep. `wait_for(condition, "what is awaited")` polls until the condition returns something true, hands that
     back, and fails with the text after the limit. `assert_never(condition, seconds, what)` is for what must NOT happen.
 
 Input files
@@ -49,7 +49,7 @@ Input files
 
 Documents
     `document_bytes(value)` gives the exact bytes in which the agent prints a value; `check_features_document(bytes)`
-    fails unless it is a features document in every respect, and gives the object.
+    fails unless it is a features document in every respect, and returns the object.
 """
 
 import contextlib
@@ -90,7 +90,7 @@ DEFAULT_LIMIT = 10.0
 
 
 def wait_for(condition, what, limit=DEFAULT_LIMIT):
-    """Calls `condition` until it gives something true, which is handed back; fails after `limit` seconds."""
+    """Calls `condition` until it returns something true, which is handed back; fails after `limit` seconds."""
     deadline = time.monotonic() + limit
     while True:
         value = condition()
@@ -123,7 +123,7 @@ def as_bytes(content):
 
 
 def write_file(path, content):
-    """Writes beside `path` and renames over it, so that a reader never sees half of it. Gives the path."""
+    """Writes beside `path` and renames over it, so that a reader never sees half of it. Returns the path."""
     descriptor, temporary = tempfile.mkstemp(dir=os.path.dirname(path), prefix=".writing-")
     with os.fdopen(descriptor, "wb") as stream:
         stream.write(as_bytes(content))
@@ -182,7 +182,7 @@ def decode(data):
 
 
 def split_stderr(data):
-    """Gives the agent's records and the other lines. The TSS library's lines have no blank behind their first colon."""
+    """Returns the agent's records and the other lines. Those of the TSS library have no blank after their first colon."""
     records, others = [], []
     for line in data.split(b"\n")[: None if not data.endswith(b"\n") else -1] if data else []:
         match = RECORD_LINE.fullmatch(line)
@@ -265,7 +265,7 @@ class Syslog:
         return [record.text for record in self.records()]
 
     def wait_for_text(self, part, limit=DEFAULT_LIMIT):
-        """Gives the first record whose text contains `part`."""
+        """Returns the first record whose text contains `part`."""
         return wait_for(
             lambda: next((record for record in self.records() if part in record.text), None),
             f"a syslog record with {part!r}, got only {self.texts()}",
@@ -299,7 +299,7 @@ def agent_path():
 
 
 def process_state(pid):
-    """The state letter of /proc/PID/stat, or None when there is no such process."""
+    """The state letter of /proc/PID/stat, or None if there is no such process."""
     try:
         stat = read_file(f"/proc/{pid}/stat")
     except (FileNotFoundError, ProcessLookupError):
@@ -389,7 +389,7 @@ def preload(folder=WORK, **settings):
 
 @dataclass
 class Result:
-    """Result is what one run left behind. `status` is minus n when signal n ended the run."""
+    """Result is the outcome of one run. `status` is minus n if signal n ended the run."""
 
     arguments: tuple
     status: int
@@ -494,7 +494,7 @@ CHECK_DATE = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ")
 
 
 def check_features_document(data):
-    """Parses a features document (bytes) and fails unless it has exactly the published form. Gives the object."""
+    """Parses a features document (bytes) and fails unless it has exactly the published form. Returns the object."""
     try:
         text = data.decode("utf-8")
         document = json.loads(text)
@@ -555,7 +555,7 @@ def read_pid_file():
 
 
 class Daemon:
-    """Daemon is one watch daemon, from its start to its end; the module's head tells its use.
+    """Daemon is one watch daemon, from its start to its end; the module's head says how to use it.
 
     `hook` is the command line for -x (None leaves -x out), `document` the path for -o, `arguments` what else to pass.
     Where only one user exists --no-switch-user is added. In the foreground it counts as started once it watches the
@@ -622,7 +622,7 @@ class Daemon:
         wait_for(lambda: self.names() == list(names), f"a document with {names}", limit)
 
     def stderr_records(self):
-        """What a daemon in the foreground has logged so far. Opens the file anew, as the daemon shares its position."""
+        """What a daemon in the foreground has logged so far. Opens the file again: the daemon shares its position."""
         data = read_file(f"/proc/self/fd/{self._errors.fileno()}")
         return split_stderr(data)[0]
 

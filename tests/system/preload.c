@@ -1,9 +1,9 @@
-// preload.c: loaded into the agent by tests, to bring about what is hard to meet otherwise.
+// preload.c: loaded into the agent by tests, to cause what is otherwise hard to meet.
 //
 //   TEST_PERIOD=N          a timer of 3600 seconds becomes one of N seconds; all others stay
 //   TEST_HOLD_RENAME=FILE  each rename waits until FILE is gone
 //   TEST_FAIL=NAME         the function NAME fails at each call with errno EAGAIN; the last ones here can. That of GLib
-//                          tells "no monitor left" as its error
+//                          reports "no monitor left", inotify_add_watch has ENOSPC
 //   TEST_NV_VALUE=N        each read of eight bytes of the TPM's NV memory gives N, whatever the TPM said
 
 #define _GNU_SOURCE
@@ -117,6 +117,14 @@ void* g_file_monitor_file(void* file, int flags, void* cancellable, void** error
         return NULL;
     }
     return NEXT(MonitorFile*, "g_file_monitor_file")(file, flags, cancellable, error);
+}
+
+int inotify_add_watch(int instance, const char* path, unsigned mask) {
+    if (fails("inotify_add_watch")) {
+        errno = ENOSPC;  // as when the user has no watch left
+        return -1;
+    }
+    return NEXT(int (*)(int, const char*, unsigned), "inotify_add_watch")(instance, path, mask);
 }
 
 int system(const char* command) {

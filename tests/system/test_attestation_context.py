@@ -54,8 +54,8 @@ class ShapeTest(ContextTest):
             with self.subTest(content):
                 self.assert_accepted(self.report(content), cb_data)
 
-    def test_nonces(self):
-        "The nonce is what the base64 decodes to, with or without padding, whatever else stands between."
+    def test_nonce_is_what_its_base64_decodes_to(self):
+        "The nonce is what the base64 decodes to, with or without padding, whatever other characters are between."
         for text in ("QQ==", "QQ", "Q Q\\n==", "=Q=Q="):
             with self.subTest(text):
                 self.assert_accepted(self.report('{"nonce":"%s"}' % text), nonce=b"A")
@@ -76,7 +76,7 @@ class ShapeTest(ContextTest):
             with self.subTest(content):
                 self.assert_failure(self.report(content), record, NO_REPORT)
 
-    def test_refused(self):
+    def test_document_of_another_shape_is_refused(self):
         "These documents are no context: a wrong root, a wrong type, an empty decoding, half a pair."
         rows = ["[]", "null", "true", "5", '"text"', '""', "[{}]", '{"tpm2":1}']
         for value in ("null", "5", "true", "[]", "{}"):
@@ -103,8 +103,8 @@ class ShapeTest(ContextTest):
             with self.subTest(content):
                 self.assert_refused(self.report(content), REFUSED)
 
-    def test_not_json(self):
-        "Text that is no JSON is refused with the record on parsing."
+    def test_text_that_is_not_json_is_refused(self):
+        "Text that is not JSON is refused with the record on parsing."
         rows = [" ", "\n", "x", "nul", "[1,]", "{}{}", "{}x", '{"cbData":"x"} y', "\ufeff{}", "\0{}"]
         rows += ['{"a"', '{"cbData":"x"', '{"a":', '{"a":1', '{"a":1,}', '{"":1}', "{a:1}", "{'a':1}"]
         rows += ['{"cbData":"\\u0000"}', '{"cbData":"\\x"}', '{"cbData":"a\nb"}', '{"cbData":"a\0b"}']
@@ -131,23 +131,23 @@ class ShapeTest(ContextTest):
 
 
 class FileTest(ContextTest):
-    def test_missing_file(self):
+    def test_missing_file_cannot_be_opened(self):
         "A file that is not there gives the record on opening."
         self.assert_refused(run_agent("-d", "-A", self.path), "failed to open %s")
         self.path = "/nonexistent/für/%s%n"
         result = run_agent("-d", "-A", self.path)
         self.assert_failure(result, ("ERROR", "failed to open " + self.path), NO_REPORT)
 
-    def test_empty_file(self):
+    def test_empty_file_fails_without_a_record(self):
         "An empty file fails without a record of its own."
         self.assert_failure(self.report(""), NO_REPORT)
 
-    def test_folder(self):
+    def test_folder_cannot_be_read(self):
         "A folder in place of the file gives the record on reading."
         os.mkdir(self.path)
         self.assert_refused(run_agent("-d", "-A", self.path), "failed reading from %s")
 
-    def test_file_without_rights(self):
+    def test_file_without_rights_cannot_be_opened(self):
         "A file that the user may not read gives the record on opening."
         self.require_user_switch()
         write_file(self.path, "{}")
@@ -157,7 +157,7 @@ class FileTest(ContextTest):
         os.chmod(self.path, 0)
         self.assert_refused(run_agent("-d", "-A", self.path, **rights), "failed to open %s")
 
-    def test_pipe(self):
+    def test_context_may_come_through_a_pipe(self):
         "The context may come through a pipe."
         reader, writer = os.pipe()
         os.write(writer, b'{"cbData":"piped"}')
@@ -165,13 +165,13 @@ class FileTest(ContextTest):
         with os.fdopen(reader) as stdin:
             self.assert_accepted(run_agent("-d", "-A", "/dev/stdin", stdin=stdin), "piped")
 
-    def test_relative_path(self):
+    def test_relative_path_counts_from_the_current_folder(self):
         "A relative path counts from the current folder."
         os.mkdir("sub")
         write_file("sub/context", {"cbData": "near"})
         self.assert_accepted(run_agent("-d", "-A", "context", cwd="sub"), "near")
 
-    def test_silent(self):
+    def test_silent_failure_shows_only_the_fatal_record(self):
         "With -s only the FATAL record is left."
         write_file(self.path, "[]")
         result = run_agent("-s", "-d", "-A", self.path)
@@ -183,22 +183,22 @@ class SizeTest(ContextTest):
     LIMIT = 100
     DEPTH = 10_000_000
 
-    def test_deep_text_that_is_complete(self):
+    def test_deeply_nested_lists_are_ignored(self):
         "Ten million nested lists in an unknown member are read, ignored and released again."
         content = b'{"cbData":"x","other":' + b"[" * self.DEPTH + b"]" * self.DEPTH + b"}"
         self.assert_accepted(self.report(content, limit=self.LIMIT), "x")
 
-    def test_deep_root(self):
+    def test_deeply_nested_root_is_no_context(self):
         "Ten million nested lists as the whole file are a list and no context."
         content = b"[" * self.DEPTH + b"]" * self.DEPTH
         self.assert_refused(self.report(content, limit=self.LIMIT), REFUSED)
 
-    def test_deep_text_that_breaks_off(self):
+    def test_deep_text_that_breaks_off_is_not_json(self):
         "Ten million opened lists that are never closed are no JSON."
         self.assert_refused(self.report(b"[" * self.DEPTH, limit=self.LIMIT), NOT_JSON)
         self.assert_refused(self.report(b"[" * self.DEPTH + b"x", limit=self.LIMIT), NOT_JSON)
 
-    def test_deep_objects(self):
+    def test_deeply_nested_objects_are_ignored(self):
         "Two million nested objects are read, ignored and released again, and refused when broken off."
         depth = self.DEPTH // 5
         opened = b'{"a":' * depth
@@ -210,20 +210,20 @@ class SizeTest(ContextTest):
         value = "0123456789" * 2_000_000
         self.assert_accepted(self.report({"cbData": value}, limit=self.LIMIT), value)
 
-    def test_huge_nonce(self):
+    def test_huge_nonce_is_found_too_long(self):
         "A nonce of 20 MB is decoded and then found too long, and one of 20 MB without a letter is refused."
         nonce = base64.b64encode(b"x" * 15_000_000).decode()
         too_long = ("ERROR", "qualifying data exceed maximum size (15000000 > 64)")
         self.assert_failure(self.report({"nonce": nonce}, limit=self.LIMIT), too_long, NO_REPORT)
         self.assert_refused(self.report({"nonce": "!" * 20_000_000}, limit=self.LIMIT), REFUSED)
 
-    def test_many_members(self):
+    def test_million_unknown_members_are_ignored(self):
         "A million unknown members are ignored."
         members = ",".join(f'"m{number}":{number}' for number in range(1_000_000))
         self.assert_accepted(self.report('{"cbData":"x",' + members + "}", limit=self.LIMIT), "x")
 
-    def test_every_beginning_of_a_context(self):
-        "A context cut off right behind its opening brace or a comma counts up to there; cut elsewhere it is refused."
+    def test_every_beginning_of_a_context_counts_or_is_refused(self):
+        "A context cut off right after its opening brace or a comma counts up to there; cut elsewhere it is refused."
         content = '{"cbData":"ü\\u00fc","nonce":"QQ==","tpm2":{"ak":{"other":[1,-2.5e3,true,null,"\\""]}}}'
         data = content.encode()
         cut_behind = lambda part: data.index(part.encode()) + len(part.encode())

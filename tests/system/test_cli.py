@@ -100,7 +100,7 @@ class UsageTest(CliTest):
         self.assertEqual(self.syslog.datagrams(), [])
 
     def test_help_acts_in_the_middle_of_the_scan(self):
-        "-h wins over everything that stands behind it and over every rule about what stands before it."
+        "-h wins over everything after it and over every rule about what comes before it."
         for arguments in (
             ["-h", "foo"],
             ["-d", "-w", "-k", "-h"],
@@ -261,7 +261,7 @@ class ScanTest(CliTest):
         result = run_agent("-s", "-s", "foo")
         self.assertEqual(result.stderr, b"FATAL: " + UNSUPPORTED.encode() + b"foo\n")
 
-    def test_many_arguments(self):
+    def test_ten_thousand_unknown_options_are_dropped(self):
         "Ten thousand dropped options are dropped."
         self.assert_plain_mode(run_agent(*["--bogus"] * 10000))
 
@@ -340,11 +340,11 @@ class CombinationTest(CliTest):
             {"invalid": 70, "kill": 3, "watch": 2, "report": 6, "increment": 12, "plain": 3},
         )
 
-    def test_every_combination(self):
+    def test_every_combination_runs_its_mode_or_is_refused(self):
         "Each combination of -d -R -w -k -A -o (an empty path too) runs its mode, or is refused without usage lines."
         self.check_all(lambda chosen: chosen)
 
-    def test_every_combination_in_reverse(self):
+    def test_order_of_the_options_makes_no_difference(self):
         "The order of the options makes no difference."
         self.check_all(lambda chosen: list(reversed(chosen)))
 

@@ -1,4 +1,4 @@
-"""The daemon's control: its start and what the starting command tells, PID file, rights, surroundings and stop."""
+"""The daemon's control: its start and what the starting command reports, PID file, rights, surroundings and stop."""
 
 import errno
 import os
@@ -107,11 +107,11 @@ class StartTest(WatchTest):
         self.assert_success(run_agent("-k"))
 
     def test_modes_do_not_depend_on_the_callers_mask(self):
-        "Document and PID file have mode 0644 whatever file creation mask the starting command has."
+        "The document has mode 0644, the PID file 0600, whatever file creation mask the starting command has."
         for mask in (0o000, 0o077, 0o777):
             with self.subTest(oct(mask)), Daemon(umask=mask) as daemon:
                 self.assertEqual(os.stat(FEATURES_DOCUMENT).st_mode & 0o7777, 0o644)
-                self.assertEqual(os.stat(PID_FILE).st_mode & 0o7777, 0o644)
+                self.assertEqual(os.stat(PID_FILE).st_mode & 0o7777, 0o600)
                 daemon.stop()
 
     def test_document_belongs_to_the_daemons_user(self):
@@ -184,18 +184,18 @@ class StartTest(WatchTest):
 
 
 class FailedStartTest(WatchTest):
-    def test_no_hook(self):
-        "Without -x the start fails, as there is no launcher; nothing is published."
+    def test_start_without_a_hook_fails(self):
+        "Without -x the start fails, because there is no launcher; nothing is published."
         self.assert_start_fails(("FATAL", "script launcher was not started"), FIRST_FAILED, hook=None)
         self.assertFalse(os.path.exists(FEATURES_DOCUMENT))
 
-    def test_no_hook_in_foreground(self):
+    def test_start_without_a_hook_fails_in_the_foreground(self):
         "In the foreground too a start without -x fails with status 1 and the same records."
         result = run_agent(*daemon_arguments(None, arguments=["--no-daemon"]))
         self.assert_failure(result, ("FATAL", "script launcher was not started"), FIRST_FAILED)
 
-    def test_no_such_user(self):
-        "Without a user featurewatch the start fails, GLib's critical record in syslog tells why."
+    def test_start_fails_without_the_user(self):
+        "Without a user featurewatch the start fails, GLib's critical record in syslog says why."
         self.require_user_switch()
         lines = read_file("/etc/passwd").splitlines(keepends=True)
         write_file("/etc/passwd", b"".join(line for line in lines if not line.startswith(b"featurewatch:")))
@@ -205,7 +205,7 @@ class FailedStartTest(WatchTest):
         self.assertEqual((line.facility * 8, line.severity, line.ident), (syslog.LOG_DAEMON, syslog.LOG_ERR, USER))
         self.assertFalse(os.path.exists(FEATURES_DOCUMENT))
 
-    def test_ordinary_user(self):
+    def test_ordinary_user_cannot_start_the_daemon(self):
         "An ordinary user cannot start the daemon: the switch fails, and the start with it."
         self.require_user_switch()
         self.assert_start_fails(**as_user())
@@ -213,14 +213,14 @@ class FailedStartTest(WatchTest):
         self.assertEqual(line.text, f"failed switching to user 'featurewatch': {error_text(errno.EPERM)}")
         self.assertEqual((line.facility * 8, line.severity), (syslog.LOG_DAEMON, syslog.LOG_ERR))
 
-    def test_ordinary_user_without_switch(self):
+    def test_ordinary_user_can_run_it_without_a_switch(self):
         "With --no-switch-user an ordinary user can run the daemon."
         self.require_user_switch()
         with Daemon(arguments=["--no-switch-user"], **as_user()) as daemon:
             self.assertEqual(status_of(launcher_of(daemon), "Uid"), [str(pwd.getpwnam(USER).pw_uid)] * 4)
             daemon.stop()
 
-    def test_document_folder_is_missing(self):
+    def test_start_fails_if_the_documents_folder_is_missing(self):
         "A missing folder of the document fails the start; the record names the temporary file."
         self.assert_start_fails(
             updated(),
@@ -229,7 +229,7 @@ class FailedStartTest(WatchTest):
             document=f"{WORK}/none/doc.json",
         )
 
-    def test_document_folder_is_not_writable(self):
+    def test_start_fails_if_the_documents_folder_is_not_writable(self):
         "A folder that only root may write fails the start, as the daemon writes with its own rights."
         self.require_user_switch()
         self.assert_start_fails(
@@ -239,7 +239,7 @@ class FailedStartTest(WatchTest):
             document=f"{WORK}/doc.json",
         )
 
-    def test_document_is_a_folder(self):
+    def test_start_fails_if_a_folder_has_the_documents_name(self):
         "A folder in the document's place fails the start and stays; the temporary file is removed."
         folder = open_folder("folder")
         os.mkdir(folder + "/doc.json")
@@ -252,7 +252,7 @@ class FailedStartTest(WatchTest):
         self.assertEqual(os.listdir(folder), ["doc.json"])
         self.assertEqual(os.listdir(folder + "/doc.json"), [])
 
-    def test_disk_is_full(self):
+    def test_start_fails_on_a_full_disk(self):
         "A full disk fails the start; the old document stays and the temporary file is removed."
         disk = small_disk("disk")
         write_file(disk + "/doc.json", "old")
@@ -311,7 +311,7 @@ class FailedStartTest(WatchTest):
         self.assertEqual(self.runs(), 1)
 
     def test_input_that_cannot_be_watched(self):
-        "When an input cannot be watched the start fails behind the first publication, and no process is left."
+        "When an input cannot be watched the start fails after the first publication, and no process is left."
         install_features("a")
         self.assert_failure(start_daemon(HOOK, env=preload(TEST_FAIL="g_file_monitor_file")), START_FAILED)
         wait_for(lambda: not agent_processes(), "the end of all processes")
@@ -342,13 +342,13 @@ class FailedStartTest(WatchTest):
 
 
 class PidFileTest(WatchTest):
-    def test_content(self):
+    def test_pid_file_holds_the_process_id(self):
         "The PID file holds the daemon's process id and a line feed."
         with Daemon() as daemon:
             self.assertEqual(read_file(PID_FILE), b"%d\n" % daemon.pid)
             self.assertTrue(os.path.samefile(f"/proc/{daemon.pid}/exe", agent_path()))
 
-    def test_is_removed_at_the_end(self):
+    def test_pid_file_is_removed_at_the_end(self):
         "However the daemon is stopped, its PID file goes and the document stays."
         for number in (signal.SIGTERM, signal.SIGINT):
             with self.subTest(number), Daemon() as daemon:
@@ -362,7 +362,7 @@ class PidFileTest(WatchTest):
             daemon.wait_until_gone()
             self.assertFalse(os.path.exists(PID_FILE))
 
-    def test_stale_one_is_taken_over(self):
+    def test_stale_pid_file_is_taken_over(self):
         "A PID file that names a dead process does not keep the next daemon from starting."
         with Daemon() as daemon:
             for pid in (launcher_of(daemon), daemon.pid):
@@ -374,7 +374,7 @@ class PidFileTest(WatchTest):
             self.assertNotEqual(second.pid, daemon.pid)
             second.stop()
 
-    def test_garbage_is_replaced(self):
+    def test_garbage_in_the_pid_file_is_replaced(self):
         "A PID file without a number does not keep the daemon from starting."
         for garbage in ("garbage\n", "12 34\n", "x" * 100000):
             with self.subTest(garbage[:8]):
@@ -405,12 +405,12 @@ class PidFileTest(WatchTest):
         self.assertEqual(sorted(self.records()), sorted([failure, START_FAILED]))
         self.assertEqual(os.listdir(self.work_path("folder")), [])
 
-    def test_folder_is_missing(self):
+    def test_start_fails_if_the_pid_files_folder_is_missing(self):
         "Without a folder for the PID file the start fails and nothing is published."
         os.rmdir(RUN)
         self.assert_cannot_be_created(errno.ENOENT)
 
-    def test_folder_is_not_writable(self):
+    def test_start_fails_if_the_pid_files_folder_is_not_writable(self):
         "With a PID file folder that cannot be written the start fails and nothing is published."
         mount("-t", "tmpfs", "-o", "ro", "closed", RUN)
         self.addCleanup(unmount, RUN)
@@ -428,12 +428,12 @@ class StopTest(WatchTest):
             self.assertEqual(self.records(daemon.pid), [updated(), started(daemon.pid), TERMINATING])
             self.assertEqual(self.runs(), 1)
 
-    def test_kill_without_daemon(self):
+    def test_kill_fails_where_no_daemon_runs(self):
         "-k fails where no daemon runs."
         result = run_agent("-k")
         self.assert_failure(result, ("FATAL", f"failed to kill daemon: {error_text(errno.ENOENT)}"))
 
-    def test_kill_with_stale_pid_file(self):
+    def test_kill_fails_on_a_stale_pid_file(self):
         "-k fails where the PID file names a process that is gone."
         process = subprocess.Popen(["true"])
         process.wait()
@@ -441,7 +441,7 @@ class StopTest(WatchTest):
         result = run_agent("-k")
         self.assert_failure(result, ("FATAL", f"failed to kill daemon: {error_text(errno.ESRCH)}"))
 
-    def test_kill_with_a_pid_file_of_process_0(self):
+    def test_kill_spares_the_group_of_process_0(self):
         "-k fails where the PID file is empty or says 0, and does not signal the process group that it runs in."
         for content in ("", "0\n"):
             write_file(PID_FILE, content)
@@ -462,7 +462,7 @@ class StopTest(WatchTest):
         self.assertEqual(self.run_lines(), ["begin", "end"])
         self.assertFalse(os.path.exists(PID_FILE))
 
-    def test_both_stop_signals(self):
+    def test_both_stop_signals_end_it_with_status_0(self):
         "SIGTERM and SIGINT end a daemon with one record, in the foreground with status 0."
         for number in (signal.SIGTERM, signal.SIGINT):
             with self.subTest(number), Daemon(foreground=True) as daemon:
@@ -475,7 +475,7 @@ class StopTest(WatchTest):
                 os.unlink(FEATURES_DOCUMENT)
 
     def test_stop_waits_for_the_hook(self):
-        "SIGTERM while a hook runs: the daemon waits for it, also when SIGINT comes in between."
+        "SIGTERM while a hook runs: the daemon waits for it, even if SIGINT comes in between."
         with Daemon(hook=GATED_HOOK) as daemon:
             self.wait_for_runs(1)
             daemon.signal(signal.SIGTERM)
@@ -501,7 +501,7 @@ class StopTest(WatchTest):
         self.assertEqual(self.run_lines(), ["begin", "end"] * 2)
         self.assertEqual(self.count(TERMINATING), 1)
 
-    def test_stop_right_after_start(self):
+    def test_stop_right_after_the_start_is_orderly(self):
         "Ten daemons stopped in the instant of their start end in order, each with one run of its hook."
         for _ in range(10):
             with Daemon(hook=HOOK) as daemon:
@@ -538,8 +538,8 @@ class RightsTest(WatchTest):
             self.assert_switched(daemon.pid)
             self.assertEqual(status_of(launcher_of(daemon), "Uid"), ["0"] * 4)
 
-    def test_no_switch(self):
-        "With --no-switch-user the daemon stays what the starter was, in the foreground and behind it."
+    def test_no_switch_keeps_the_starters_rights(self):
+        "With --no-switch-user the daemon stays what the starter was, in the foreground and in the background."
         for foreground in (False, True):
             with self.subTest(foreground), Daemon(arguments=["--no-switch-user"], foreground=foreground) as daemon:
                 wait_for(lambda: os.path.exists(FEATURES_DOCUMENT), "the document")
@@ -668,7 +668,7 @@ class ForegroundTest(WatchTest):
 
 
 class SyslogTest(WatchTest):
-    def test_identity_process_and_facility(self):
+    def test_records_carry_identity_process_and_facility(self):
         "Each record of the daemon and its launcher carries featurewatch, the sender's PID and the facility daemon."
         with Daemon(hook="exit 3") as daemon:
             launcher = launcher_of(daemon)
@@ -688,7 +688,7 @@ class SyslogTest(WatchTest):
         self.assertEqual({line.ident for line in self.syslog.records()}, {"featurewatch"}, self.syslog.records())
         self.assertIn(("ERROR", "script exited with status 3"), self.records())
 
-    def test_records_before_the_fork(self):
+    def test_records_before_the_fork_go_to_both_places(self):
         "A record of the starting command goes to standard error in both forms, and to syslog with its own PID."
         write_file(PID_FILE, f"{os.getpid()}\n")
         command = subprocess.Popen(

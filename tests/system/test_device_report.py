@@ -1,4 +1,4 @@
-"""The device report and the identifiers that it tells: /proc/cpuinfo and /etc/orvanta/identifiers."""
+"""The device report and the identifiers in it: /proc/cpuinfo and /etc/orvanta/identifiers."""
 
 import errno
 import json
@@ -161,7 +161,7 @@ class CpuinfoTest(ReportTest):
                 self.assert_report(run_agent("-d"), report(serial))
 
     def test_failed_lines(self):
-        "A Serial or Hardware line without a third word fails the report, though a good line stands beside it."
+        "A Serial or Hardware line without a third word fails the report, even beside a good line."
         rows = [
             "Serial\n",
             "Serial :\n",
@@ -180,7 +180,7 @@ class CpuinfoTest(ReportTest):
                 self.assert_not_loaded(run_agent("-d"))
 
     def test_no_serial(self):
-        "Without a Serial line in either source there is no report; the default text never stands in."
+        "Without a Serial line in either source there is no report; the default text is never used instead."
         lines = ("processor : 0", " Serial : a", "serial : a", "SERIAL : a", "Seria : a", "Hardware : x")
         for content in ("", "\n", *(line + "\n" for line in lines)):
             with self.subTest(content):
@@ -189,8 +189,8 @@ class CpuinfoTest(ReportTest):
 
 
 class IdentifierFileTest(ReportTest):
-    def test_values(self):
-        "What stands behind the first '=' is the value, without trailing blanks and without one pair of quotes."
+    def test_value_is_what_follows_the_first_equals_sign(self):
+        "What follows the first '=' is the value, without trailing blanks and without one pair of quotes."
         rows = [
             ("ORV_BOARD_SN=abc\n", "abc"),
             ("ORV_BOARD_SN=abc", "abc"),
@@ -240,7 +240,7 @@ class IdentifierFileTest(ReportTest):
             "foo",
             "ORV_BOARD_SN\n",
             "ORV_BOARD_SN=\"abc'\n",
-            "ORV_BOARD_SN=\"\n",
+            'ORV_BOARD_SN="\n',
             "ORV_BOARD_SN='\n",
             "ORV_BOARD_SN='abc\n",
             'ORV_BOARD_SN="abc" x\n',
@@ -311,7 +311,7 @@ class IdentifierFileTest(ReportTest):
         os.chmod(IDENTIFIERS, 0)
         self.assert_not_loaded(run_agent("-d", **rights))
 
-    def test_garbage(self):
+    def test_no_content_crashes_or_hangs_the_report(self):
         "No content of the two files crashes or hangs the report, or prints half of it."
         source = random.Random(20)
         words = [b"Serial", b"Hardware", b"ORV_SN", b"ORV_BOARD_SN", b"%s", b"x" * 130]

@@ -1,8 +1,9 @@
 """The feature list in the running daemon: the entries of the installed file."""
 
 import re
+import signal
 
-from daemon_harness import HOOK, WatchTest, started
+from daemon_harness import HOOK, WatchTest, foreground_result, started
 from harness import DEFAULT_SERIAL, INSTALLED_FEATURES, Daemon, install_features, wait_for, write_file
 
 OTHER_SERIAL = "0000abce"
@@ -45,6 +46,34 @@ class InstalledTest(WatchTest):
             self.assertTrue(matching, (index, found))
         self.assertEqual(len(found) % len(wrong), 0, found)
 
+    def test_flood_of_wrong_entries(self):
+        "A file of nothing but wrong entries gives twenty WARNs and one that counts the rest, and starts in time."
+        count = 500000
+        write_file(INSTALLED_FEATURES, '{"features":[' + ",".join("0" * count) + "]}")
+        with Daemon() as daemon:
+            self.assertEqual(daemon.names(), [])
+            daemon.stop()
+        texts = [text for _, text in self.warnings()]
+        self.assertEqual(len(texts), 21)
+        for index, text in enumerate(texts[:20]):
+            self.assertTrue(text.startswith(f"{INSTALLED_FEATURES}: left out feature {index}: "), text)
+        self.assertEqual(texts[20], f"{INSTALLED_FEATURES}: left out {count - 20} more")
+
+    def test_control_bytes_in_names(self):
+        "Control bytes in a name are in the document as they are, and shown as numbers in the records."
+        name = "a\n12:00:00.000 FATAL: forged\x1b[2J\x7f\t"
+        install_features(name)
+        with Daemon(hook=HOOK, foreground=True) as daemon:
+            daemon.wait_for_record("started")
+            self.assertEqual(daemon.names(), [name])
+            daemon.signal(signal.SIGTERM)
+            result = foreground_result(daemon)
+        self.assert_success(result)
+        shown = "a\\x0a12:00:00.000 FATAL: forged\\x1b[2J\\x7f\\x09"
+        self.assertEqual(result.records[0].text, "features list updated: " + shown)
+        self.assertEqual({record.level for record in result.records}, {"INFO"})
+        self.assertEqual(result.other_lines, [])
+
     def test_members_are_handed_on(self):
         "Parameters and instants are handed on unchanged, unknown members are not."
         entry = {
@@ -67,9 +96,7 @@ class InstalledTest(WatchTest):
             {"name": "a", "params": {"n": 3}},
         )
         with Daemon() as daemon:
-            self.assertEqual(
-                daemon.document()["features"], [{"name": "a", "params": {"n": 2}, "source": "installed"}]
-            )
+            self.assertEqual(daemon.document()["features"], [{"name": "a", "params": {"n": 2}, "source": "installed"}])
             daemon.stop()
 
     def test_file_for_another_device_counts_as_empty(self):

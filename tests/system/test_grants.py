@@ -9,6 +9,7 @@ import time
 
 from daemon_harness import HOOK, UNCHANGED, WatchTest, instant, modified, started, updated
 from harness import (
+    DEFAULT_CPUINFO,
     DEFAULT_SERIAL,
     ETC,
     IDENTIFIERS,
@@ -25,6 +26,7 @@ from harness import (
 
 GRANT = "/var/lib/orvanta/features.jws"
 KEY = ETC + "/features.pem"
+NO_SERIAL_NUMBER = (("ERROR", "failed to load serial number"), ("FATAL", "failed collecting device information"))
 OTHER_SERIAL = "0000abce"
 MEBIBYTE = 1 << 20
 
@@ -63,6 +65,9 @@ class Signer:
         # of kinds that are not for grants
         "ES512": ((*EC, "ec_paramgen_curve:P-521"), "-sha512", 66),
         "RS256 of 3072 bits": ((*RSA, "rsa_keygen_bits:3072"), "-sha256", None),
+        "ES256 on secp256k1": ((*EC, "ec_paramgen_curve:secp256k1"), "-sha256", 32),
+        "ES256 on brainpoolP256r1": ((*EC, "ec_paramgen_curve:brainpoolP256r1"), "-sha256", 32),
+        "ES384 on brainpoolP384r1": ((*EC, "ec_paramgen_curve:brainpoolP384r1"), "-sha384", 48),
     }
 
     def __init__(self, kind="ES256"):
@@ -177,7 +182,7 @@ class GoodGrantTest(GrantTest):
     def test_header_without_algorithm(self):
         "The key alone decides on the algorithm: the header need not name it."
         self.assertEqual(self.names(self.signer.grant("a", header={})), ["a"])
-        self.assertEqual(self.names(self.signer.grant("b", header={"kid": "1", "typ": "JWT", "crit": []})), ["b"])
+        self.assertEqual(self.names(self.signer.grant("b", header={"kid": "1", "typ": "JWT"})), ["b"])
 
     def test_line_feed_at_the_end(self):
         "A line feed behind the signature is no fault."
@@ -232,6 +237,12 @@ class SignatureTest(GrantTest):
         "A header that names another algorithm than the key's is refused, though the key signed it."
         for name in ("none", "HS256", "ES384", "ES512", "RS256", "es256", "", None, 5, ["ES256"], SECRET):
             self.assert_bad_signature(self.signer.grant(SECRET, header={"alg": name}))
+
+    def test_critical_header_members(self):
+        "A header with critical members, of which a device knows none, is refused, though the key signed it."
+        for critical in (["exp"], ["alg"], [], None, "exp"):
+            grant = self.signer.grant(SECRET, header={"alg": "ES256", "exp": 1, "crit": critical})
+            self.assert_grant_refused(grant, "critical")
 
     def test_header_that_is_none(self):
         "A header that is no object is refused, though the key signed it."
@@ -317,6 +328,13 @@ class DeviceTest(GrantTest):
             self.assert_grant_refused(self.signer.grant(SECRET, serial=serial), "this device has no serial number")
         self.assert_grant_refused(self.signer.grant(SECRET, serial=None), "names no serial number")
 
+    def test_identifiers_that_never_end(self):
+        "A FIFO in place of the identifiers, which can't be read, holds up neither the document nor the report."
+        set_cpuinfo("processor\t: 0\n")
+        os.mkfifo(IDENTIFIERS)
+        self.assert_grant_refused(self.signer.grant(SECRET), "this device has no serial number")
+        self.assert_failure(run_agent("-d"), *NO_SERIAL_NUMBER)
+
     def test_serial_number_of_the_identifiers(self):
         "A serial number that the appliance's own file gives counts as the device's."
         set_cpuinfo("processor\t: 0\n")
@@ -380,12 +398,19 @@ class FileTest(GrantTest):
 
     def test_keys_of_other_kinds(self):
         "Keys of other curves and sizes are not for grants, not even for their own."
-        for kind in ("ES512", "RS256 of 3072 bits"):
+        for kind in [name for name in Signer.KINDS if name not in ("ES256", "ES384", "RS256")]:
             signer = Signer(kind)
             signer.install_key()
             write_file(GRANT, signer.grant(SECRET))
             with self.subTest(kind):
                 self.assert_refused(KEY)
+
+    def test_huge_key(self):
+        "A key's file of more than 64 KiB is refused without being read."
+        self.assert_key_refused(self.signer.public_key.ljust((64 << 10) + 1))
+        with open(KEY, "r+b") as stream:
+            stream.truncate(3 << 30)
+        self.assert_refused(KEY, "64 KiB")
 
     def test_key_that_is_no_regular_file(self):
         "A directory or a FIFO in place of the key is refused at once."
@@ -467,6 +492,20 @@ class DaemonTest(GrantTest):
             self.signer.install_key()
             self.recheck(daemon)
             daemon.wait_for_names("a")
+            daemon.stop()
+        self.wait_for_errors(1)
+        self.assertEqual(self.runs(), 2)
+
+    def test_serial_number_that_comes_later(self):
+        "A device whose serial number can't be read at the start takes its grant at the first look after it can."
+        set_cpuinfo("processor\t: 0\n")
+        write_file(GRANT, self.signer.grant("a"))
+        with Daemon(hook=HOOK) as daemon:
+            self.assertEqual(daemon.names(), [])
+            self.wait_for_errors(1)
+            set_cpuinfo(DEFAULT_CPUINFO)
+            install_features("b")
+            daemon.wait_for_names("a", "b")
             daemon.stop()
         self.wait_for_errors(1)
         self.assertEqual(self.runs(), 2)

@@ -96,7 +96,7 @@ class RunTest(StandInTest):
         self.assertNotIn("FEATUREWATCH", agent_environment())
 
     def test_missing_binary_fails(self):
-        "Without FEATUREWATCH, or with a name that is no file, a run fails."
+        "Without FEATUREWATCH, or with a name that is not a file, a run fails."
         os.environ["FEATUREWATCH"] = self.work_path("nothing")
         with self.assertRaises(FileNotFoundError):
             run_agent()
@@ -205,19 +205,19 @@ class ProcessTest(SandboxTest):
 
 class DaemonTest(StandInTest):
     def test_start_with_failure_fails(self):
-        "A starting command with a status other than 0 is no started daemon."
+        "A starting command with a status other than 0 is not a started daemon."
         self.stand_in("exit 1")
         with self.assertRaisesRegex(AssertionError, "did not start"):
             Daemon()
 
     def test_start_without_pid_file_fails(self):
-        "A starting command that says success but leaves no PID file is no started daemon."
+        "A starting command that says success but leaves no PID file is not a started daemon."
         self.stand_in("exit 0")
         with self.assertRaisesRegex(AssertionError, "no PID file"):
             Daemon()
 
     def test_dead_daemon_is_reported_dead(self):
-        "A PID file that names a dead process is no running daemon."
+        "A PID file that names a dead process is not a running daemon."
         self.stand_in("sh -c 'echo $$' > /run/featurewatch/featurewatch.pid")
         with Daemon() as daemon:
             self.assertFalse(daemon.is_running())
@@ -265,7 +265,7 @@ class DaemonTest(StandInTest):
             pass
         self.assertFalse(daemon.is_running())
 
-    def test_arguments(self):
+    def test_starting_command_gets_mode_hook_and_path(self):
         "The starting command gets -w, the hook as one argument and the document's path."
         self.stand_in('for a; do echo "[$a]"; done > arguments', "exit 1")
         with self.assertRaises(AssertionError):
@@ -356,7 +356,7 @@ class FileTest(SandboxTest):
         self.assertEqual(read_file(write_file(path, {"a": "ü"})), b'{"a": "\\u00fc"}')
 
     def test_cpuinfo_changes(self):
-        "What a test writes is what /proc/cpuinfo shows, also when it is shorter than before."
+        "What a test writes is what /proc/cpuinfo shows, even if it is shorter than before."
         self.assertEqual(read_file("/proc/cpuinfo"), harness.DEFAULT_CPUINFO.encode())
         set_cpuinfo("Serial : 1\n")
         self.assertEqual(read_file("/proc/cpuinfo"), b"Serial : 1\n")

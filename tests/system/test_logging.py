@@ -154,7 +154,7 @@ log4j.appender.F.layout=org.apache.log4j.SimpleLayout
             daemon.wait_for_record("features list updated")
         self.assertEqual(sorted(os.listdir(".")), before)
 
-    def test_files_in_the_current_folder(self):
+    def test_files_in_the_current_folder_configure_nothing(self):
         "A logging configuration in the current folder is not read."
         files = {"log4cxx.properties": self.PROPERTIES, "log4cxx.xml": self.XML, "log4j.xml": self.XML}
         for name, content in files.items():
@@ -163,14 +163,14 @@ log4j.appender.F.layout=org.apache.log4j.SimpleLayout
                 self.check_runs()
                 os.unlink(name)
 
-    def test_environment(self):
+    def test_environment_configures_nothing(self):
         "A logging configuration that the environment names is not read."
         for name, content in (("mine.properties", self.PROPERTIES), ("mine.xml", self.XML)):
             with self.subTest(name):
                 path = write_file(self.work_path(name), content)
                 self.check_runs({"LOG4CXX_CONFIGURATION": path, "log4j.configuration": path})
 
-    def test_broken_files(self):
+    def test_broken_files_in_the_current_folder_do_no_harm(self):
         "A logging configuration that could not even be read changes nothing either."
         write_file("log4cxx.xml", "<")
         self.check_runs({"LOG4CXX_CONFIGURATION": "/nonexistent.xml", "LOG4CXX_DEBUG": "1", "log4j.debug": "true"})

@@ -44,7 +44,7 @@ class PlainTest(SandboxTest):
         return feature_names(self.document(run_agent()))
 
     def assert_left_out(self, entry, beside="good"):
-        """The entry, second in the list, is left out with one WARN; the one beside it stands."""
+        """The entry, second in the list, is left out with one WARN; the one beside it is listed."""
         install_features(beside, entry)
         result = run_agent()
         self.assertEqual(feature_names(check_features_document(result.stdout)), [beside], str(result))
@@ -115,7 +115,7 @@ class FormTest(PlainTest):
 
     def test_params_are_handed_on_unchanged(self):
         "Any object may be params and comes back with the same values, in the order of the keys."
-        params = {"z": [1, -2.5, True, None, "ü\n\"", [], {}], "a": {"b": {"c": {}}}, "A": 1e300}
+        params = {"z": [1, -2.5, True, None, 'ü\n"', [], {}], "a": {"b": {"c": {}}}, "A": 1e300}
         install_features({"name": "x", "params": params}, {"name": "y", "params": {}})
         result = run_agent()
         document = self.document(result)
@@ -147,7 +147,7 @@ class FormTest(PlainTest):
 
 
 class SelectionTest(PlainTest):
-    def test_validity(self):
+    def test_feature_is_listed_between_its_instants(self):
         "A feature is listed from validFrom on and before validUntil."
         rows = [
             ({}, True),
@@ -170,7 +170,7 @@ class SelectionTest(PlainTest):
                 self.assertEqual(self.names({"name": "x", **members}), ["x"] if listed else [])
 
     def test_one_entry_per_name(self):
-        "Of several active entries of a name the first stands; one that is not active does not count."
+        "Of several active entries of a name the first is listed; one that is not active does not count."
         install_features(
             {"name": "x", "validUntil": PAST, "params": {"n": 1}},
             {"name": "x", "params": {"n": 2}},
@@ -265,7 +265,7 @@ class LeftOutTest(PlainTest):
             self.assertRegex(record.text.replace(INSTALLED_FEATURES, ""), rf"(?<!\d){index}(?!\d)")
 
     def test_broken_entry_does_not_take_the_name(self):
-        "A good entry of the same name behind a broken one is listed."
+        "A good entry of the same name after a broken one is listed."
         install_features({"name": "x", "params": 5}, {"name": "x", "params": {"n": 2}})
         result = run_agent()
         document = check_features_document(result.stdout)
@@ -294,7 +294,7 @@ class LeftOutTest(PlainTest):
 
 class WholeFileTest(PlainTest):
     def test_malformed_files(self):
-        "A file that is no JSON, no object or has no list of features counts as empty, with one ERROR."
+        "A file that is not JSON, not an object or has no list of features counts as empty, with one ERROR."
         rows = ["", " ", "x", "{", "[]", "null", '"x"', "5", "{}", '{"Features":[]}', "\0"]
         rows += ['{"features":[{"name":"x"}]} y']
         rows += ['{"features":%s}' % value for value in ("null", "5", "{}", '"x"', "true", '{"name":"x"}')]
@@ -304,7 +304,7 @@ class WholeFileTest(PlainTest):
                 write_file(INSTALLED_FEATURES, content)
                 self.assert_counts_as_empty()
 
-    def test_serial(self):
+    def test_serial_must_be_the_devices(self):
         "A serial in the file must be the device's; another one, or none on the device, makes the file count as empty."
         self.assertEqual(self.names("x", serial="0000abcd"), ["x"])
         for serial in ("0000abce", "", "0000ABCD", "0000abcd ", 5, [], {"a": 1}):
@@ -316,7 +316,7 @@ class WholeFileTest(PlainTest):
         self.assert_counts_as_empty()
         self.assertEqual(self.names("x"), ["x"])
 
-    def test_size(self):
+    def test_file_over_one_mebibyte_counts_as_empty(self):
         "A file of one mebibyte is read, one byte more makes it count as empty."
         content = '{"features":[{"name":"x"}]}'
         write_file(INSTALLED_FEATURES, content.ljust(MEBIBYTE))
@@ -351,7 +351,7 @@ class WholeFileTest(PlainTest):
         self.assert_counts_as_empty(run_agent(**rights))
 
     def test_missing_folder_is_silent(self):
-        "Without the folder, or behind a link to nothing, there is no feature and no record."
+        "Without the folder, or with a link to nothing, there is no feature and no record."
         os.symlink("nothing", INSTALLED_FEATURES)
         self.assertEqual(self.document(run_agent())["features"], [])
         os.unlink(INSTALLED_FEATURES)
@@ -406,9 +406,7 @@ class OutputTest(PlainTest):
         closed = run_agent("-c", 'exec "$0" >&-', agent_path(), program="/bin/sh")
         for result, reason in ((refused, errno.ENOSPC), (closed, errno.EBADF)):
             self.assertEqual(result.status, 1, str(result))
-            self.assert_records(
-                result, ("FATAL", f"failed to write the features document: {os.strerror(reason)}")
-            )
+            self.assert_records(result, ("FATAL", f"failed to write the features document: {os.strerror(reason)}"))
 
     def test_nothing_is_left_behind(self):
         "The run writes no file and leaves no process."

@@ -101,7 +101,7 @@ class NestedTest(SandboxTest):
         self.assertIn("usage:", subprocess.check_output([SANDBOX, "--help"], text=True))
 
     def test_options_of_the_command_stay(self):
-        "Whatever stands behind the command's name goes to the command."
+        "Whatever follows the command's name goes to the command."
         result = self.run_inside("printf", "%s|", "--tpm", "--", "-h", "", "a b")
         self.assertEqual(result.stdout, "--tpm|--|-h||a b|")
 

@@ -49,7 +49,7 @@ class CounterTest(TpmTest):
         self.assert_failed(run_agent("-R"), *records, NO_INCREMENT)
 
     def assert_works(self, value):
-        """A plain report tells this value, an increment the next."""
+        """A plain report shows this value, an increment the next."""
         self.assertEqual(self.assert_reported(run_agent("-d")).value, value)
         self.assertEqual(self.assert_reported(run_agent("-R")).value, value + 1)
         self.assertEqual(handles("nv-index"), [COUNTER])
@@ -89,7 +89,7 @@ class DefinedCounterTest(CounterTest):
         self.assertEqual(report.value, 2)
 
     def test_removed_counter(self):
-        "A counter that somebody removed is made anew and goes on above its last value."
+        "A counter that somebody removed is made again and goes on above its last value."
         last = self.assert_reported(run_agent("-R"), COUNTER_CREATED).value
         nv_undefine(COUNTER)
         report = self.assert_reported(run_agent("-d"), COUNTER_CREATED)
@@ -157,7 +157,7 @@ class WrongCounterTest(CounterTest):
         self.assert_failed(run_agent("-R"), ATTRIBUTE_MISMATCH, NO_INCREMENT)
         self.assertEqual(counter(), value)
 
-    def test_policy(self):
+    def test_counter_with_a_policy_is_refused(self):
         "A counter with a policy has another name: refused, but an unwritten one gets its first value before that."
         with scratch() as path:
             nv_define(COUNTER, COUNTER_ATTRIBUTES, 8, "-L", path("policy", bytes(31) + b"p"))
@@ -167,7 +167,7 @@ class WrongCounterTest(CounterTest):
         self.assert_refused_untouched(NAME_MISMATCH)
         self.assertEqual(counter(), value)
 
-    def test_name_algorithm(self):
+    def test_name_algorithm_makes_another_counter(self):
         "A counter with another name algorithm is refused by its name."
         nv_define(COUNTER, COUNTER_ATTRIBUTES, 8, "-g", "sha384")
         nv_increment(COUNTER)
@@ -179,7 +179,7 @@ class WrongCounterTest(CounterTest):
         self.assert_refused_untouched(INCREMENT_FAILED, NO_INITIAL_VALUE)
 
     def test_password_on_a_written_counter(self):
-        "A password is no part of the name: the counter passes for the right one, but is neither read nor incremented."
+        "A password is not part of the name: the counter passes for the right one, but is neither read nor incremented."
         nv_define(COUNTER, COUNTER_ATTRIBUTES, 8, "-p", "password")
         nv_increment(COUNTER, "password")
         self.assertEqual(nv_public(COUNTER).name, COUNTER_NAME)
@@ -224,30 +224,30 @@ class LeftOverTest(PreparedTpmTest, CounterTest):
         nv_undefine(TEMPORARY)
         self.assert_works(self.value)
 
-    def test_unwritten(self):
+    def test_unwritten_left_over_is_taken_over(self):
         "A left-over of an interrupted cycle that was never written is taken over."
         nv_define(TEMPORARY)
         self.assert_mended()
 
-    def test_written(self):
+    def test_written_left_over_is_removed(self):
         "A left-over that was written is removed, and the cycle starts afresh."
         nv_define(TEMPORARY)
         nv_increment(TEMPORARY)
         self.assert_mended()
 
-    def test_written_with_password(self):
+    def test_written_left_over_with_password_is_removed(self):
         "A written left-over with a password is removed as well: that takes the owner, not its password."
         nv_define(TEMPORARY, COUNTER_ATTRIBUTES, 8, "-p", "password")
         nv_increment(TEMPORARY, "password")
         self.assert_mended()
 
-    def test_policy(self):
+    def test_left_over_with_a_policy_passes(self):
         "A left-over that differs by a policy alone passes for the agent's own."
         with scratch() as path:
             nv_define(TEMPORARY, COUNTER_ATTRIBUTES, 8, "-L", path("policy", bytes(32)))
         self.assert_mended()
 
-    def test_unwritten_with_password(self):
+    def test_unwritten_left_over_with_password_blocks_the_increment(self):
         "An unwritten index with a password cannot be taken over, and blocks every increment."
         nv_define(TEMPORARY, COUNTER_ATTRIBUTES, 8, "-p", "password")
         self.assert_blocked(TEMPORARY_INCREMENT_FAILED)

@@ -1,4 +1,4 @@
-"""The endorsement key: found or made, what stands in its place, a maker's own template, passwords, and a full TPM."""
+"""The endorsement key: found or made, what else is in its place, a maker's own template, passwords, and a full TPM."""
 
 from harness import run_agent
 from tpm_harness import (
@@ -50,7 +50,7 @@ AK_CREATION_FAILED = "failed to create attestation key in endorsement hierarchy"
 class KeyTest(TpmTest):
     def attest(self, first, *records, parent=None):
         """A report with the AK of an earlier one, a challenge and a nonce, verified; `parent` is the key below which
-        the AK lies, if not the EK that the report tells."""
+        the AK lies, if not the EK in the report."""
         challenge = make_challenge(parent or first.ek, first.ak_public, SECRET)
         result = self.run_with_context(context(NONCE, first.key, challenge))
         report = self.assert_reported(result, *records)
@@ -100,7 +100,7 @@ class SavedKeyTest(KeyTest):
         self.attest(report)
 
     def test_after_a_clear(self):
-        "After the TPM was cleared the EK is the same; the counter is made anew and goes on above its last value."
+        "After the TPM was cleared the EK is the same; the counter is made again and goes on above its last value."
         first = self.assert_reported(run_agent("-d"), COUNTER_CREATED)
         last = self.assert_reported(run_agent("-R"))
         tool("clear", "-c", "p")
@@ -135,7 +135,7 @@ class OccupiedSlotTest(KeyTest):
         self.assertEqual(handles("nv-index"), [])
 
     def test_rsa_endorsement_key(self):
-        "An RSA EK stays and does the work, while the report tells the EK of the default template."
+        "An RSA EK stays and does the work, while the report shows the EK of the default template."
         with scratch() as path:
             self.occupy(tool, "createek", "-Q", "-G", "rsa", "-c", hex(EK_HANDLE), "-u", path("public"))
         flush_all()
@@ -162,7 +162,7 @@ class OccupiedSlotTest(KeyTest):
         self.assert_no_session_with_it(0x182)
 
     def test_sealed_object(self):
-        "With an object that is no key there is no session."
+        "With an object that is not a key there is no session."
         self.occupy(persist_sealed_object)
         self.assert_no_session_with_it(0x70001)
 
@@ -206,7 +206,7 @@ class MakersTemplateTest(PreparedTpmTest):
         nv_define(index, PLAIN_DATA, len(data))
         nv_write(index, data)
 
-    def test_template(self):
+    def test_foreign_template_fails_the_opening(self):
         "A template of the maker's cannot be read before there is a session, so the TPM is not opened."
         self.define(EK_TEMPLATE, default_ek())
         self.assert_not_opened(self.READ_FAILED)
@@ -245,7 +245,7 @@ class MakersTemplateTest(PreparedTpmTest):
 
 class PasswordTest(KeyTest):
     def test_owner_password_with_a_known_counter(self):
-        "With an owner password the EK is not saved, which is a warning; the report stands and nothing stays loaded."
+        "With an owner password the EK is not saved, which is a warning; there is a report and nothing stays loaded."
         first = self.assert_reported(run_agent("-d"), COUNTER_CREATED)
         evict_ek()
         flush_all()
@@ -301,7 +301,7 @@ class PasswordTest(KeyTest):
 
 class FullTpmTest(KeyTest):
     def fill(self, count):
-        """Loads keys of others, for ever."""
+        """Loads keys of others, forever."""
         with scratch() as path:
             tool("createprimary", "-Q", "-C", "n", "-c", path("first"))
             for _ in range(count - 1):

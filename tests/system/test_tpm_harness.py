@@ -123,7 +123,7 @@ class ReportFormTest(PreparedTpmTest):
                 decode_base64(text)
 
     def test_structures_are_read_to_the_end(self):
-        "A public area with a byte more or less is none."
+        "A public area with a byte more or less is not one."
         public = parse_report(self.data).ek
         parse_public(public)
         for wrong in (public[:-1], public + b"x", public[2:], b""):
@@ -131,7 +131,7 @@ class ReportFormTest(PreparedTpmTest):
                 parse_public(wrong)
 
     def test_signature_that_is_none(self):
-        "openssl refuses what is no signature."
+        "openssl refuses what is not a signature."
         public = parse_report(self.data).ak_public
         for signature in (b"x", bytes(70)):
             self.assertFalse(openssl_verifies(public, b"data", signature))

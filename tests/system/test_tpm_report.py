@@ -202,7 +202,7 @@ class FormTest(TpmTest):
         self.assertEqual(self.syslog.texts(), ["INFO  orv.tally            - " + COUNTER_CREATED[1]])
 
     def test_lines_of_the_library_stay_out_of_the_report(self):
-        "What the TSS library writes stands on standard error, beside the records, and nowhere else."
+        "What the TSS library writes is on standard error, beside the records, and nowhere else."
         result = run_agent("-d", env={"TSS2_LOG": "all+WARNING"})
         self.assert_records(result, COUNTER_CREATED)
         self.assertTrue(result.other_lines)
@@ -253,7 +253,7 @@ class AttestedReportTest(EarlierKeyTest):
         report = self.assert_reported(run_agent("-d"))
         self.assertEqual((report.attestation, report.signature, report.answer), (None, None, None))
 
-    def test_nonces(self):
+    def test_attestation_carries_the_nonce(self):
         "A nonce of 1 to 64 bytes is what the attestation carries."
         for nonce in (b"\0", b"x", b"\xff" * 31, NONCE, b"n" * 63, bytes(64), os.urandom(64)):
             with self.subTest(len(nonce)):
@@ -294,7 +294,7 @@ class AttestedReportTest(EarlierKeyTest):
         verify_attestation(second, b"another")
 
     def test_key_lives_on_over_a_restart(self):
-        "A key is good after the TPM was started anew."
+        "A key is good after the TPM was restarted."
         restart_tpm()
         report = self.report(context(NONCE, self.key, self.challenge()))
         self.assertEqual((report.answer, report.key), (SECRET, self.key))
@@ -309,14 +309,14 @@ class AttestedReportTest(EarlierKeyTest):
             verify_attestation(report, NONCE)
         self.assertEqual(len({report.signature for report in reports}), 4)
 
-    def test_secrets(self):
+    def test_any_secret_comes_back_exactly(self):
         "Any secret of 1 to 32 bytes comes back exactly, blanks and zeros included."
         for secret in (b"x", b"\0", b"\0" * 32, os.urandom(16), b" secret ", os.urandom(32)):
             with self.subTest(secret):
                 self.assertEqual(self.report(context(key=self.key, challenge=self.challenge(secret))).answer, secret)
 
     def test_bytes_behind_the_parts_are_ignored(self):
-        "Bytes behind the challenge and behind the areas do no harm, and don't come back."
+        "Bytes after the challenge and after the areas do no harm, and don't come back."
         key = tuple(area + b"behind" for area in self.key)
         report = self.report(context(NONCE, key, self.challenge() + b"behind"))
         self.assertEqual((report.answer, report.key), (SECRET, self.key))
@@ -358,7 +358,7 @@ class RefusedContextTest(EarlierKeyTest):
             self.assert_refused(context(NONCE, key, challenge), *records)
 
     def test_challenge_without_key(self):
-        "A challenge without a key is passed on, and refused as no key is loaded; even one that is no challenge."
+        "A challenge without a key is passed on, and refused because no key is loaded, even if it is not one."
         for challenge in (self.challenge(), b"nonsense"):
             self.assert_refused(context(NONCE, challenge=challenge), NO_KEY_LOADED)
 
@@ -375,7 +375,7 @@ class RefusedContextTest(EarlierKeyTest):
         self.assert_reported(self.run_with_context(context(NONCE, self.key)))
 
     def test_damaged_private_area(self):
-        "A private area with a bit changed anywhere behind its sizes is refused."
+        "A private area with a bit changed anywhere after its sizes is refused."
         for position in (4, 20, 40, 80, 127):
             private = bytearray(self.earlier.ak_private)
             private[position] ^= 1
@@ -447,7 +447,7 @@ class RefusedContextTest(EarlierKeyTest):
                 self.assert_refused(cut, tss_failure(CHALLENGE_UNREADABLE, 0x90006))
 
     def test_empty_secret(self):
-        "An empty secret is no answer: there is no report, and no record but the last."
+        "An empty secret is not an answer: there is no report, and no record but the last."
         self.assert_refused(context(NONCE, self.key, self.challenge(b"")))
 
     def test_order_of_the_steps(self):
@@ -468,7 +468,7 @@ class RefusedContextTest(EarlierKeyTest):
 
 class FreshRefusalTest(TpmTest):
     def test_bad_context_leaves_the_tpm_alone(self):
-        "A context that is none, and identifiers that cannot be read, fail before the TPM is touched."
+        "A file that is not a context, and identifiers that cannot be read, fail before the TPM is touched."
         self.assert_failed(run_agent("-d", "-A", "missing"), ("ERROR", "failed to open missing"), NO_REPORT)
         set_cpuinfo("")
         self.assert_failed(run_agent("-d"), ("ERROR", "failed to load serial number"), NO_REPORT)
@@ -607,13 +607,13 @@ class NoTpmTest(TpmTest):
         self.assert_failure(result, self.NOT_OPENED, fatal)
         self.assertEqual(result.other_lines, [])
 
-    def test_report(self):
+    def test_no_report_without_a_tpm(self):
         "Without a TPM there is no report, attested or not."
         path = write_file(self.work_path("context.json"), context(NONCE))
         self.assert_not_reached(run_agent("-d"), NO_REPORT)
         self.assert_not_reached(run_agent("-d", "-A", path), NO_REPORT)
 
-    def test_increment(self):
+    def test_no_increment_without_a_tpm(self):
         "Without a TPM -R fails before the report begins."
         self.assert_not_reached(run_agent("-R"), NO_INCREMENT)
         self.assert_not_reached(run_agent("-R", "-A", "missing"), NO_INCREMENT)
@@ -624,7 +624,7 @@ class NoTpmTest(TpmTest):
         set_cpuinfo("")
         self.assert_failure(run_agent("-d"), ("ERROR", "failed to load serial number"), NO_REPORT)
 
-    def test_silent(self):
+    def test_silent_failure_shows_only_the_fatal_record(self):
         "With -s only the FATAL record is left."
         for option, fatal in (("-d", NO_REPORT), ("-R", NO_INCREMENT)):
             result = run_agent("-s", option)

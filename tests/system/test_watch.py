@@ -60,6 +60,12 @@ def features(*names):
     return as_bytes({"features": [{"name": name} for name in names]})
 
 
+def halt(daemon):
+    """Stops the daemon: what it is told from now on waits for its SIGCONT."""
+    daemon.signal(signal.SIGSTOP)
+    wait_for(lambda: process_state(daemon.pid) == "T", "the daemon's halt")
+
+
 class DocumentTest(WatchTest):
     def test_exact_bytes(self):
         "The published document has exactly the bytes of its JSON form, with the moment of its evaluation."
@@ -276,6 +282,47 @@ class FileEventTest(WatchTest):
         self.stop_and_wait(daemon)
 
 
+class RefusedWatchTest(WatchTest):
+    """The kernel lets the daemon watch no file."""
+
+    def warnings(self):
+        return [pair for pair in self.records() if pair[0] == "WARN"]
+
+    def test_one_warning(self):
+        "A start without file watches has one WARN, and the daemon runs: the next look finds each change."
+        install_features("a")
+        with Daemon(hook=HOOK, env=preload(TEST_FAIL="inotify_add_watch")) as daemon:
+            self.wait_for_record(started(daemon.pid))
+            text = f"failed to watch {INSTALLED_FEATURES}, its changes will be noticed late: "
+            self.assertEqual(self.warnings(), [("WARN", text + os.strerror(errno.ENOSPC))])
+            install_features("b")
+            self.recheck(daemon)
+            daemon.wait_for_names("b")
+            daemon.stop()
+        self.assertEqual(len(self.warnings()), 1)
+
+    def test_missing_folder(self):
+        "A folder that isn't there yet is no reason to warn."
+        remove_folder(ETC)
+        with Daemon(hook=HOOK) as daemon:
+            self.wait_for_record(started(daemon.pid))
+            daemon.stop()
+        self.assertEqual(self.warnings(), [])
+
+    def test_folder_that_only_root_may_read(self):
+        "A folder that the daemon's user may not read can't be watched: one WARN."
+        self.require_user_switch()
+        install_features("a")
+        os.chmod(ETC, 0o711)
+        with Daemon(hook=HOOK) as daemon:
+            self.wait_for_record(started(daemon.pid))
+            self.assertEqual(daemon.names(), ["a"])
+            daemon.stop()
+        os.chmod(ETC, 0o755)
+        ((_, text),) = self.warnings()
+        self.assertTrue(text.endswith(os.strerror(errno.EACCES)), text)
+
+
 class SignalTest(WatchTest):
     def test_recheck_without_change(self):
         "SIGHUP with nothing new gives its two records, leaves the document's file alone and does not run the hook."
@@ -329,16 +376,11 @@ class SignalTest(WatchTest):
             daemon.signal(signal.SIGTERM)
             self.assertEqual(foreground_result(daemon).status, 0)
 
-    def halt(self, daemon):
-        """What the daemon is told from now on waits for its SIGCONT."""
-        daemon.signal(signal.SIGSTOP)
-        wait_for(lambda: process_state(daemon.pid) == "T", "the daemon's halt")
-
     def test_signals_at_once(self):
         "SIGTERM, SIGINT and SIGHUP that all wait for the daemon end it once, with status 0 and nothing behind that."
         with Daemon(foreground=True) as daemon:
             daemon.wait_for_record("started")
-            self.halt(daemon)
+            halt(daemon)
             for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGCONT):
                 daemon.signal(number)
             result = foreground_result(daemon)
@@ -351,7 +393,7 @@ class SignalTest(WatchTest):
         for number in range(8):  # which of the two comes first is up to GLib
             with Daemon(foreground=True) as daemon:
                 daemon.wait_for_record("started")
-                self.halt(daemon)
+                halt(daemon)
                 install_features(f"a{number}")
                 daemon.signal(signal.SIGTERM)
                 daemon.signal(signal.SIGCONT)
@@ -462,6 +504,25 @@ class TimerTest(WatchTest):
         self.assertEqual(self.plain_lines(), [])
         self.assertEqual(self.runs(), 3)
 
+    def test_two_timers_due_at_once(self):
+        "A periodic check that is due together with a scheduled one that fails is not made: the failure is the last word."
+        end = int(time.time()) + 2
+        install_features({"name": "a", "validUntil": instant(end)})
+        folder = open_folder("folder")
+        environment = preload(TEST_PERIOD="3")
+        with Daemon(document=folder + "/doc.json", foreground=True, env=environment) as daemon:
+            daemon.wait_for_record("started")
+            halt(daemon)
+            shutil.rmtree(folder)
+            wait_for(lambda: time.time() > end + 3, "the moment at which both are due")
+            daemon.signal(signal.SIGCONT)
+            result = foreground_result(daemon)
+        self.assertEqual(result.status, 1, str(result))
+        texts = [record.text for record in result.records]
+        self.assertEqual(texts[-4], "scheduled features check", str(result))
+        self.assertEqual(texts[-1], FAILED[1], str(result))
+        self.assertEqual(texts.count(FAILED[1]), 1, str(result))
+
     def test_periodic_check(self):
         "The hourly timer, made short, repeats: without a change it writes nothing, and it finds what no event told."
         install_features("a")
@@ -526,6 +587,21 @@ class BadInputTest(WatchTest):
             daemon.wait_for_names("big")
             daemon.stop()
 
+    def test_input_that_may_be_read_later(self):
+        "An input that the daemon's user may not read is looked at again: what made it readable needs no SIGHUP."
+        self.require_user_switch()
+        install_features("a")
+        os.chmod(INSTALLED_FEATURES, 0o600)
+        with Daemon(env=preload(TEST_PERIOD="1")) as daemon:
+            self.assertEqual(daemon.names(), [])
+            self.wait_for_record(UNCHANGED, 2)
+            os.chmod(INSTALLED_FEATURES, 0o644)
+            daemon.wait_for_names("a")
+            daemon.stop()
+        errors = [text for level, text in self.records() if level == "ERROR"]
+        reason = os.strerror(errno.EACCES)
+        self.assertEqual(errors, [f"features input {INSTALLED_FEATURES} counts as empty: {reason}"])
+
     def test_bad_input_at_the_start(self):
         "A daemon starts with a bad input, publishes an empty list and takes the good one that follows."
         os.mkfifo(INSTALLED_FEATURES)
@@ -589,6 +665,14 @@ class FailedPublicationTest(WatchTest):
         folder = open_folder("folder")
         document = folder + "/doc.json"
         error = f"failed to open {document}.tmp: {os.strerror(errno.ENOENT)}"
+        self.fail_in_foreground(document, lambda: shutil.rmtree(folder), error)
+
+    def test_path_with_line_feeds(self):
+        "A document's path can't make records of its own: its control bytes are shown as numbers."
+        document = open_folder("folder") + "/doc\n12:00:00.000 FATAL: forged\x1b"
+        folder = os.path.dirname(document)
+        shown = document.replace("\n", "\\x0a").replace("\x1b", "\\x1b")
+        error = f"failed to open {shown}.tmp: {os.strerror(errno.ENOENT)}"
         self.fail_in_foreground(document, lambda: shutil.rmtree(folder), error)
 
     def test_disk_is_full(self):

@@ -2,9 +2,9 @@
 
 The TPM
     `handles("transient")` (or persistent, nv-index, loaded-session, saved-session) lists what is there, `counter()`
-    reads the tally counter, `nv_public(index)` tells what an index is; `nv_define`, `nv_increment`, `nv_undefine`,
+    reads the tally counter, `nv_public(index)` returns what an index is; `nv_define`, `nv_increment`, `nv_undefine`,
     `persist_*` and `tool("changeauth", ...)` prepare it. All of these are tpm2-tools, so they judge the agent
-    independently. `restart_tpm()` starts it anew on the same state, `restart_tpm(folder)` on another; `stop_tpm()`
+    independently. `restart_tpm()` starts it again on the same state, `restart_tpm(folder)` on another; `stop_tpm()`
     leaves no TPM.
 
 A report
@@ -185,7 +185,7 @@ def persist_ek_with_unique(unique):
 
 
 def persist_sealed_object():
-    """Puts an object there that is no key at all."""
+    """Puts an object there that is not a key at all."""
     with scratch() as path:
         tool("createprimary", "-Q", "-C", "o", "-c", path("parent"))
         tool("create", "-Q", "-C", path("parent"), "-i", "-", "-u", path("u"), "-r", path("r"), data=b"sealed")

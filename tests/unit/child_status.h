@@ -2,21 +2,19 @@
 #pragma once
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
+
+#include "unit/own_process.h"
 
 // childStatus gives how a child process ended that runs `body`; 0 if that returned. What it says on standard error is
 // lost.
 template <class Body>
 int childStatus(Body body) {
-    const pid_t child = fork();
+    const pid_t child = startedProcess(fork());
     if (child == 0) {
         dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
         body();
         _exit(0);
     }
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return status;
+    return awaitChild(child);
 }

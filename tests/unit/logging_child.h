@@ -5,7 +5,6 @@
 #pragma once
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 
 #include "foundation/strfmt.h"
 #include "runtime/orvlog.h"
+#include "unit/own_process.h"
 #include "unit/record_collector.h"
 
 inline int gs_nSyslog = -1;
@@ -58,7 +58,7 @@ template <class Body>
 Outcome inChild(Body body) {
     const TempFolder result;
     fflush(nullptr);
-    const pid_t child = fork();
+    const pid_t child = startedProcess(fork());
     if (child == 0) {
         redirect(STDOUT_FILENO, result / "output");
         redirect(STDERR_FILENO, result / "error");
@@ -71,8 +71,7 @@ Outcome inChild(Body body) {
         fflush(nullptr);
         _exit(0);
     }
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
+    const int status = awaitChild(child);
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, TempFolder::contentOf(result / "output"),
             TempFolder::contentOf(result / "error"), TempFolder::contentOf(result / "syslog")};
 }

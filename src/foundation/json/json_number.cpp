@@ -13,24 +13,18 @@
 #include <string>
 #include <system_error>
 
+#include "foundation/ascii.h"
+
 namespace {
 
 // The characters of the C locale, whatever the process's own.
 
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-char lower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
-}
-
-bool isLetter(char c) {
-    return lower(c) >= 'a' && lower(c) <= 'z';
-}
+using ascii::isDigit;
+using ascii::isLetter;
+using ascii::toLower;
 
 bool isHexDigit(char c) {
-    return isDigit(c) || (lower(c) >= 'a' && lower(c) <= 'f');
+    return ascii::hexValue(c) >= 0;
 }
 
 bool isSign(char c) {
@@ -104,7 +98,7 @@ const char* scanPlainDecimal(const char* text, double& value) {
         p = scanDigits(fraction, decimal);
         decimal.exponent = fraction - p;
     }
-    if (lower(*p) == 'e' && !(p = scanExponent(p + 1, decimal)))
+    if (toLower(*p) == 'e' && !(p = scanExponent(p + 1, decimal)))
         return nullptr;
     if (isLetter(*p) || isSign(*p) || *p == '.')
         return nullptr;
@@ -120,7 +114,7 @@ const char* scanPlainDecimal(const char* text, double& value) {
 // Behind the letters of `word` in either case at `p`; null if they are not there.
 const char* wordEnd(const char* p, const char* word) {
     for (; *word; ++p, ++word)
-        if (lower(*p) != *word)
+        if (toLower(*p) != *word)
             return nullptr;
     return p;
 }
@@ -128,7 +122,7 @@ const char* wordEnd(const char* p, const char* word) {
 // Behind digits, point and exponent at `p`, as far as sscanf takes them. It asks for digits before an exponent but not
 // in it, and takes "0x" and a point without any digit.
 const char* digitsEnd(const char* p) {
-    const bool hex = p[0] == '0' && lower(p[1]) == 'x';
+    const bool hex = p[0] == '0' && toLower(p[1]) == 'x';
     if (hex)
         p += 2;
     bool digit = false;
@@ -141,7 +135,7 @@ const char* digitsEnd(const char* p) {
         else
             break;
     }
-    if (!digit || lower(*p) != (hex ? 'p' : 'e'))
+    if (!digit || toLower(*p) != (hex ? 'p' : 'e'))
         return p;
     ++p;
     if (isSign(*p))
@@ -154,12 +148,12 @@ const char* digitsEnd(const char* p) {
 // Behind what sscanf would collect at `text` for a number; null where a word breaks off.
 const char* numberEnd(const char* text) {
     const char* p = isSign(*text) ? text + 1 : text;
-    if (lower(*p) == 'n')
+    if (toLower(*p) == 'n')
         return wordEnd(p, "nan");
-    if (lower(*p) != 'i')
+    if (toLower(*p) != 'i')
         return digitsEnd(p);
     p = wordEnd(p, "inf");
-    return p && lower(*p) == 'i' ? wordEnd(p, "inity") : p;
+    return p && toLower(*p) == 'i' ? wordEnd(p, "inity") : p;
 }
 
 // sscanf refuses a bare "0x" but takes "0x." for zero.

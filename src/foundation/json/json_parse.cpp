@@ -2,6 +2,7 @@
 
 #include <iterator>
 
+#include "foundation/ascii.h"
 #include "foundation/json.h"
 #include "foundation/json/json_number.h"
 #include "foundation/json/json_text.h"
@@ -105,7 +106,7 @@ Step Parser::literal(const char* word, JSON::root (*make)()) {
 }
 
 Step Parser::number() {
-    if (*m_pText != '-' && (*m_pText < '0' || *m_pText > '9'))
+    if (*m_pText != '-' && !ascii::isDigit(*m_pText))
         return Step::Failed;
     double number = 0;
     const char* const end = jsonScanNumber(m_pText, number);
@@ -249,15 +250,6 @@ bool Parser::escape(std::string& out) {
     return true;
 }
 
-// The value of a hexadecimal digit; -1 for any other byte.
-int hexValue(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
-
 // The length of an escape with backslash, "u" and four digits.
 constexpr int UNIT_LENGTH = 6;
 
@@ -267,17 +259,13 @@ bool readUnit(const char* text, char16_t& unit) {
         return false;
     int value = 0;
     for (int i = 2; i < UNIT_LENGTH; ++i) {
-        const int digit = hexValue(text[i]);
+        const int digit = ascii::hexValue(text[i]);
         if (digit < 0)
             return false;
         value = value * 16 + digit;
     }
     unit = static_cast<char16_t>(value);
     return true;
-}
-
-bool isHighSurrogate(char16_t unit) {
-    return unit >= 0xD800 && unit <= 0xDBFF;
 }
 
 // Two units are converted as they are: of a bad pair the first vanishes, as a lone low surrogate does. Only a high one

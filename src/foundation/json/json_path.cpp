@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "foundation/ascii.h"
 #include "foundation/json.h"
 
 namespace {
@@ -32,7 +33,7 @@ private:
 };
 
 bool isIndex(const std::string& segment) {
-    return std::all_of(segment.begin(), segment.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return std::all_of(segment.begin(), segment.end(), ascii::isDigit);
 }
 
 // toIndex gives the largest long for what doesn't fit into one.
@@ -40,37 +41,37 @@ size_t toIndex(const std::string& segment) {
     return static_cast<size_t>(strtol(segment.c_str(), nullptr, 10));
 }
 
-bool isOf(const JSON* value, JSON::Type type) {
-    return value != nullptr && value->type == type;
+bool isArray(const JSON* value) {
+    return value != nullptr && value->type == JSON::ArrayType;
 }
 
 const JSON* step(const JSON& value, const std::string& segment) {
     if (!isIndex(segment))
-        return value.type == JSON::ObjectType ? value.get(segment) : nullptr;
+        return isObject(&value) ? value.get(segment) : nullptr;
     const size_t index = toIndex(segment);
-    return value.type == JSON::ArrayType && index < value.size() ? value.at(index) : nullptr;
+    return isArray(&value) && index < value.size() ? value.at(index) : nullptr;
 }
 
 // findSlot is `step` for the slot instead of the value.
 JSON::root* findSlot(JSON& value, const std::string& segment) {
     if (isIndex(segment)) {
         const size_t index = toIndex(segment);
-        return value.type == JSON::ArrayType && index < value.size() ? &value.rootOf(index) : nullptr;
+        return isArray(&value) && index < value.size() ? &value.rootOf(index) : nullptr;
     }
-    if (value.type != JSON::ObjectType)
+    if (!isObject(&value))
         return nullptr;
     const auto member = value.each().find(segment);
     return member == value.each().end() ? nullptr : &member->second;
 }
 
 JSON& makeArray(JSON::root& slot) {
-    if (!isOf(slot.get(), JSON::ArrayType))
+    if (!isArray(slot.get()))
         slot = JSON::Array();
     return *slot;
 }
 
 JSON& makeObject(JSON::root& slot) {
-    if (!isOf(slot.get(), JSON::ObjectType))
+    if (!isObject(slot.get()))
         slot = JSON::Object();
     return *slot;
 }

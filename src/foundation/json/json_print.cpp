@@ -186,9 +186,8 @@ bool Printer::writeValue(const JSON& value) {
 }
 
 void Printer::open(const JSON& container) {
-    const bool isObject = container.type == JSON::ObjectType;
-    m_vOpen.push_back({&container, 0, isObject ? container.each().begin() : JSON::Map::const_iterator()});
-    m_out.add(isObject ? '{' : '[');
+    m_vOpen.push_back({&container, 0, container.each().begin()});
+    m_out.add(isObject(&container) ? '{' : '[');
     m_out.add(m_bMultiLine ? '\n' : ' ');
     if (m_bMultiLine)
         ++m_nIndent;

@@ -25,8 +25,8 @@ constexpr int kWideUnits = sizeof(OutUnit) == sizeof(char16_t) ? 2 : 1;
 template <class OutUnit>
 OutUnit* writeWide(OutUnit* out, char32_t value) {
     if constexpr (kWideUnits<OutUnit> == 2) {
-        *out++ = static_cast<OutUnit>((value - 0x10000) >> 10 | 0xD800);
-        *out++ = static_cast<OutUnit>((value & 0x3FF) | 0xDC00);
+        *out++ = highOf(value);
+        *out++ = lowOf(value);
     } else {
         *out++ = value;
     }

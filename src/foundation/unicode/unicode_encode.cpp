@@ -313,7 +313,7 @@ void utf16Append(std::u16string& out, char32_t codePoint) {
     if (codePoint < 0x10000) {
         out += static_cast<char16_t>(codePoint);
     } else if (inFourByteRange(codePoint)) {
-        out += static_cast<char16_t>((codePoint - 0x10000) >> 10 | 0xD800);
-        out += static_cast<char16_t>((codePoint & 0x3FF) | 0xDC00);
+        out += highOf(codePoint);
+        out += lowOf(codePoint);
     }
 }

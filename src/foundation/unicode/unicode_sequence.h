@@ -8,23 +8,24 @@
 
 #include <cstdint>
 
+#include "foundation/unicode.h"
+
 namespace unicode {
 
 constexpr bool isContinuation(unsigned char byte) {
     return (byte & 0xC0) == 0x80;
 }
-constexpr bool isHighSurrogate(char32_t unit) {
-    return (unit & 0xFFFFFC00) == 0xD800;
-}
-constexpr bool isLowSurrogate(char32_t unit) {
-    return (unit & 0xFFFFFC00) == 0xDC00;
-}
-constexpr bool isSurrogate(char32_t unit) {
-    return (unit & 0xFFFFF800) == 0xD800;
-}
 
+// pairValue returns the code point of a surrogate pair; highOf and lowOf return the units of a code point from 0x10000
+// up.
 constexpr char32_t pairValue(char32_t high, char32_t low) {
     return ((high & 0x3FF) << 10 | (low & 0x3FF)) + 0x10000;
+}
+constexpr char16_t highOf(char32_t value) {
+    return static_cast<char16_t>((value - 0x10000) >> 10 | 0xD800);
+}
+constexpr char16_t lowOf(char32_t value) {
+    return static_cast<char16_t>((value & 0x3FF) | 0xDC00);
 }
 
 // isTwoBytes, isThreeBytes and isFourBytes tell if the word starts with that form, complete. The value may be too small

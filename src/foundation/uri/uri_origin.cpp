@@ -5,6 +5,7 @@
 #include <memory>
 #include <string_view>
 
+#include "foundation/ascii.h"
 #include "foundation/uri.h"
 #include "foundation/uri/uri_text.h"
 
@@ -39,7 +40,7 @@ constexpr DefaultPort DEFAULT_PORTS[] = {
 };
 
 void lowerCase(std::string& text) {
-    std::transform(text.begin(), text.end(), text.begin(), uriToLower);
+    std::transform(text.begin(), text.end(), text.begin(), ascii::toLower);
 }
 
 bool isControl(char c) {
@@ -112,7 +113,7 @@ bool isDottedQuad(std::string_view text) {
             value = 0;
             hasDigit = false;
         } else {
-            if (!uriIsDigit(c))
+            if (!ascii::isDigit(c))
                 return false;
             value = value * 10 + static_cast<unsigned>(c - '0');
             if (value > MAX_QUAD_VALUE)
@@ -124,7 +125,7 @@ bool isDottedQuad(std::string_view text) {
 }
 
 size_t countHexDigits(std::string_view text) {
-    const auto end = std::find_if(text.begin(), text.end(), [](char c) { return uriHexValue(c) < 0; });
+    const auto end = std::find_if(text.begin(), text.end(), [](char c) { return ascii::hexValue(c) < 0; });
     return static_cast<size_t>(end - text.begin());
 }
 
@@ -181,13 +182,13 @@ bool isIPv6Address(std::string_view text) {
 
 // parseScheme reads a scheme and returns what follows its colon; null if the text begins with none.
 const char* parseScheme(const char* text, std::string& scheme) {
-    if (!uriIsAlpha(*text))
+    if (!ascii::isLetter(*text))
         return nullptr;
     const char* end = uriSkip(text, SCHEME_BYTES);
     if (*end != ':')
         return nullptr;
     for (; text != end; ++text)
-        scheme += uriToLower(*text);
+        scheme += ascii::toLower(*text);
     return end + 1;
 }
 
@@ -255,7 +256,7 @@ bool parsePort(std::string_view text, uint32_t& port) {
         return true;
     text.remove_prefix(1);
     for (const char c : text) {
-        if (!uriIsDigit(c))
+        if (!ascii::isDigit(c))
             return false;
         port = port * 10 + static_cast<uint32_t>(c - '0');
         if (port > MAX_PORT)

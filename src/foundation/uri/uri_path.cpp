@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "foundation/uri/uri_region.h"
 #include "foundation/uri/uri_text.h"
 
 namespace {
@@ -24,13 +25,13 @@ constexpr std::string_view PARENT = "..";
 class SegmentScanner {
 public:
     SegmentScanner(const char* text, bool skipPatterns)
-        : m_strRest(skipPatterns ? std::string_view(text) : std::string_view()) {}
+        : m_strText(skipPatterns ? text : ""), m_bMayHaveRegions(skipPatterns) {}
 
-    // segmentEnd gives the end of the segment at `start`. A region that begins in a segment belongs to it as a whole.
+    // segmentEnd returns the end of the segment at `start`. A region that begins in a segment belongs to it as a whole.
     const char* segmentEnd(const char* start) {
         const char* end = uriSkip(start, SEGMENT_BYTES);
-        while (const char* behind = regionEnd(start, end)) {
-            start = behind;
+        while (const char* after = regionEnd(start, end)) {
+            start = after;
             if (start > end)
                 end = uriSkip(start, SEGMENT_BYTES);
         }
@@ -38,22 +39,23 @@ public:
     }
 
 private:
-    // regionEnd gives what follows the first region that begins from `start` on and before `limit`, null without one.
+    // regionEnd returns what follows the first region that begins from `start` on and before `limit`, null without one.
     const char* regionEnd(const char* start, const char* limit) {
-        if (m_strRest.empty())
+        if (!m_bMayHaveRegions)
             return nullptr;
         const size_t opening = std::string_view(start, limit).find("[[");
         if (opening == std::string_view::npos)
             return nullptr;
-        const size_t closing = m_strRest.find("]]", start + opening + 2 - m_strRest.data());
-        if (closing != std::string_view::npos)
-            return m_strRest.data() + closing + 2;
-        m_strRest = {};
-        return nullptr;
+        const size_t closing = m_strText.find("]]", start + opening + 2 - m_strText.data());
+        m_bMayHaveRegions = closing != std::string_view::npos;
+        return m_bMayHaveRegions ? m_strText.data() + closing + 2 : nullptr;
     }
 
-    // The text with what follows the path; empty when there are no regions, or none any more.
-    std::string_view m_strRest;
+    // The path with all that follows it, as a region may reach beyond; empty without regions.
+    const std::string_view m_strText;
+
+    // False as well after an opening without a closing: no later one has a closing either.
+    bool m_bMayHaveRegions;
 };
 
 // appendDecodedSegment decodes around regions, which it copies; false at a bad escape, behind which nothing follows.

@@ -1,5 +1,5 @@
-// uri_text.h: what the sources of `URI` share: byte classes of their own (no locale), escapes, normal forms, regions,
-// the texts of paths and origins. For this folder only.
+// uri_text.h: what the sources of `URI` share: byte classes of their own (no locale), escapes, normal forms, the
+// texts of paths and origins. For this folder only.
 //
 // The functions that write a text append it to one that the caller reserved: a printed URI is one allocation.
 #pragma once
@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "foundation/ascii.h"
 #include "foundation/uri.h"
 
 // UriBytes is a set of bytes, as a table.
@@ -70,42 +71,12 @@ struct UriNormalForm {
           runs(UriBytes(bare).remove("%")) {}
 };
 
-// uriIsAlpha and uriIsDigit tell whether `c` is an ASCII letter, an ASCII digit.
-constexpr bool uriIsAlpha(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
-constexpr bool uriIsDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-// uriToLower gives the small letter of an ASCII capital, any other byte as it is.
-constexpr char uriToLower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-// URI_HEX_VALUES holds the value of each byte as a hexadecimal digit, -1 for those that are none.
-inline constexpr std::array<signed char, 256> URI_HEX_VALUES = [] {
-    std::array<signed char, 256> values{};
-    values.fill(-1);
-    for (unsigned char value = 0; value < 16; ++value) {
-        values[static_cast<unsigned char>("0123456789abcdef"[value])] = static_cast<signed char>(value);
-        values[static_cast<unsigned char>("0123456789ABCDEF"[value])] = static_cast<signed char>(value);
-    }
-    return values;
-}();
-
-// uriHexValue gives the value of a hexadecimal digit of either case, -1 for any other byte.
-constexpr int uriHexValue(char c) {
-    return URI_HEX_VALUES[static_cast<unsigned char>(c)];
-}
-
 // uriDecodeEscape gives the value of the escape whose "%" stands at `at`, -1 if two hexadecimal digits don't follow.
 constexpr int uriDecodeEscape(std::string_view text, size_t at) {
     if (text.size() - at < 3)
         return -1;
-    const int high = uriHexValue(text[at + 1]);
-    const int low = uriHexValue(text[at + 2]);
+    const int high = ascii::hexValue(text[at + 1]);
+    const int low = ascii::hexValue(text[at + 2]);
     return high < 0 || low < 0 ? -1 : high * 16 + low;
 }
 
@@ -147,22 +118,3 @@ void uriAppendHostPort(std::string& out, const URI::Origin& origin);
 // length of that, at most, as long as nothing needs an escape.
 void uriAppendPath(std::string& out, const URI::Path& path, const UriBytes& keep, bool skipPatterns);
 size_t uriPathLength(const URI::Path& path);
-
-// uriForEachPiece cuts `text` at its regions "[[" ... "]]", which are taken from the left: `plain` gets the text
-// before, between and behind them, never empty, `region` gets the regions with their brackets. In the order of the
-// text.
-template <typename Plain, typename Region>
-void uriForEachPiece(std::string_view text, Plain&& plain, Region&& region) {
-    size_t at = 0;
-    for (size_t opening = text.find("[["); opening != text.npos; opening = text.find("[[", at)) {
-        const size_t closing = text.find("]]", opening + 2);
-        if (closing == text.npos)
-            break;
-        if (opening > at)
-            plain(text.substr(at, opening - at));
-        at = closing + 2;
-        region(text.substr(opening, at - opening));
-    }
-    if (at < text.size())
-        plain(text.substr(at));
-}

@@ -73,7 +73,7 @@ const GoodRow GOOD[] = {
     {R"({"tpm2":{"ak":{"pubTpm2B":"QQ==","privTpm2B":"Qg=="}}})", "", "", "A", "B", ""},
     {R"({"tpm2":{"ak":{"actChall":"Qw==","privTpm2B":"Qg==","pubTpm2B":"QQ=="}},"nonce":"Tg==","cbData":"x"})", "x",
      "N", "A", "B", "C"},
-    // the decoder passes over what is no base64
+    // the decoder skips what is not base64
     {R"({"nonce":" Q\nQ = = !"})", "", "A", "", "", ""},
 };
 
@@ -220,7 +220,7 @@ TEST_F(AttestationFileTest, GoodFileIsTaken) {
     EXPECT_THAT(m_oCollector.lines(), IsEmpty());
 }
 
-TEST_F(AttestationFileTest, FileThatCannotBeOpenedIsTold) {
+TEST_F(AttestationFileTest, FileThatCannotBeOpenedIsLogged) {
     const std::string path = m_oFolder / "missing %s.json";
     const std::string record = "ERROR failed to open " + path;
     AttestationContext context;
@@ -243,7 +243,7 @@ TEST_F(AttestationFileTest, EmptyFileFailsWithoutARecord) {
     EXPECT_THAT(m_oCollector.lines(), IsEmpty());
 }
 
-TEST_F(AttestationFileTest, ReadFaultIsTold) {
+TEST_F(AttestationFileTest, ReadFaultIsLogged) {
     // a folder opens and can't be read; a process's memory can't be read at its beginning
     for (const std::string& path : {m_oFolder.path(), std::string("/proc/self/mem")}) {
         SCOPED_TRACE(path);
@@ -257,7 +257,7 @@ TEST_F(AttestationFileTest, ReadFaultIsTold) {
     }
 }
 
-TEST_F(AttestationFileTest, TextThatIsNoJsonIsTold) {
+TEST_F(AttestationFileTest, TextThatIsNotJsonIsLogged) {
     for (const std::string content : {"x", " ", "\n", R"({"cbData":"x"}})", R"({"cbData")", "\xEF\xBB\xBF{}"}) {
         SCOPED_TRACE(content);
         const std::string path = write(content);
@@ -268,7 +268,7 @@ TEST_F(AttestationFileTest, TextThatIsNoJsonIsTold) {
     }
 }
 
-TEST_F(AttestationFileTest, WrongShapeIsToldInTheseWords) {
+TEST_F(AttestationFileTest, WrongShapeIsLoggedInTheseWords) {
     for (const char* text : BAD) {
         SCOPED_TRACE(text);
         const std::string path = write(text);
@@ -279,7 +279,7 @@ TEST_F(AttestationFileTest, WrongShapeIsToldInTheseWords) {
     }
 }
 
-TEST_F(AttestationFileTest, ReadFileGivesAllBytes) {
+TEST_F(AttestationFileTest, ReadFileReturnsAllBytes) {
     std::string content(3'000'000, 'x');
     for (size_t i = 0; i < content.size(); i++) {
         content[i] = static_cast<char>(i * 7);
@@ -288,7 +288,7 @@ TEST_F(AttestationFileTest, ReadFileGivesAllBytes) {
     EXPECT_THAT(m_oCollector.lines(), IsEmpty());
 }
 
-TEST_F(AttestationFileTest, ParseJsonFileGivesTheDocument) {
+TEST_F(AttestationFileTest, ParseJsonFileReturnsTheDocument) {
     const JSON::root root = parseJSONFile(write("[1,2]"));
     ASSERT_NE(root, nullptr);
     EXPECT_EQ(root->size(), 2U);

@@ -71,7 +71,7 @@ protected:
         gs_bNoClock = false;
     }
 
-    // installedHandler gives the default handler of the moment, to be called with levels that GLib would abort on.
+    // installedHandler returns the current default handler, to be called with levels that GLib would abort on.
     static GLogFunc installedHandler() { return g_log_set_default_handler(g_log_default_handler, nullptr); }
 };
 

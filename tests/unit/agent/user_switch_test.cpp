@@ -29,6 +29,7 @@
 
 #include "agent/user_switch.h"
 #include "foundation/strfmt.h"
+#include "unit/own_process.h"
 #include "unit/record_collector.h"
 
 namespace {
@@ -138,7 +139,7 @@ protected:
     }
     ~UserSwitchTest() override { gs_oCalls = {}; }
 
-    // hasUser tells whether this namespace has the user to switch to.
+    // hasUser returns whether this namespace has the user to switch to.
     static bool hasUser() {
         std::ifstream map("/proc/self/uid_map");
         const passwd* entry = getpwnam(USER);
@@ -153,11 +154,11 @@ protected:
         return false;
     }
 
-    // report runs `body` in a child and gives the lines that it returns.
+    // report runs `body` in a child and returns its lines.
     static Lines report(const std::function<Lines()>& body) {
         const TempFolder folder;
         const int file = open((folder / "report").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        const pid_t child = fork();
+        const pid_t child = startedProcess(fork());
         if (child == 0) {
             for (const std::string& line : body()) {
                 dprintf(file, "%s\n", line.c_str());
@@ -165,9 +166,7 @@ protected:
             _exit(0);
         }
         close(file);
-        int status = -1;
-        EXPECT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0);
+        EXPECT_EQ(awaitChild(child), 0);
         std::istringstream stream(TempFolder::contentOf(folder / "report"));
         Lines lines;
         for (std::string line; std::getline(stream, line);) {
@@ -176,7 +175,7 @@ protected:
         return lines;
     }
 
-    // identity tells who this process is.
+    // identity returns who this process is.
     static std::string identity() {
         uid_t users[3];
         gid_t groups[3];
@@ -193,7 +192,7 @@ protected:
         return text;
     }
 
-    // statusLine gives a field of this process's status.
+    // statusLine returns a field of this process's status.
     static std::string statusLine(const std::string& key) {
         std::ifstream status("/proc/self/status");
         for (std::string line; std::getline(status, line);) {
@@ -204,7 +203,7 @@ protected:
         return "";
     }
 
-    // switchTo switches and gives the result, GLib's messages and who the process is then.
+    // switchTo switches and returns the result, GLib's messages and who the process is then.
     static Lines switchTo(const char* user, int flags) {
         GLibLog log;
         const int result = daemon_user_switch(user, flags);
@@ -267,14 +266,14 @@ TEST_F(UserSwitchTest, EntryOfNoNameIsNullWithGLibsWarning) {
     EXPECT_THAT(log.lines[0], HasSubstr("assertion 'name"));
 }
 
-TEST_F(UserSwitchTest, FailedLookUpGivesNull) {
+TEST_F(UserSwitchTest, FailedLookUpReturnsNull) {
     gs_oCalls.lookupResult = ERANGE;
     EXPECT_EQ(get_passwd_entry(USER), nullptr);
 }
 
 // --- The order of the calls
 
-TEST_F(UserSwitchTest, GroupsThenGroupThenUser) {
+TEST_F(UserSwitchTest, GroupsChangeBeforeTheGroupAndTheGroupBeforeTheUser) {
     const passwd* entry = getpwnam(USER);
     ASSERT_NE(entry, nullptr);
     const std::string groups = strfmt("initgroups %s %u", USER, entry->pw_gid);
@@ -386,7 +385,7 @@ TEST_F(UserSwitchTest, SwitchCanKeepTheCapabilities) {
                             "keepcaps 0"));
 }
 
-TEST_F(UserSwitchTest, UnknownUserIsToldAndNothingIsSwitched) {
+TEST_F(UserSwitchTest, UnknownUserIsLoggedAndNothingIsSwitched) {
     EXPECT_THAT(report([] { return switchTo("no-such-user", 0); }),
                 ElementsAre("-1", "CRITICAL failed switching to user 'no-such-user': no such user", identity()));
 }

@@ -94,6 +94,23 @@ INSTANTIATE_TEST_SUITE_P(JSON, NotAContainer, testing::Values(Null, Boolean, Num
 
 }  // namespace
 
+// ---- Kinds of a value that may be missing
+
+TEST_P(EveryClass, IsObjectHoldsForObjectsOnly) {
+    EXPECT_EQ(isObject(m_pValue.get()), m_pValue->type == JSON::ObjectType);
+}
+
+TEST_P(EveryClass, JSONTextIsTheOwnTextOfStringsOnly) {
+    const std::string* const text = jsonText(m_pValue.get());
+    const bool isString = m_pValue->type == JSON::StringType;
+    EXPECT_EQ(text, isString ? static_cast<const JSONString*>(m_pValue.get()) : nullptr);
+}
+
+TEST(JSONKind, NullPointerIsOfNoKind) {
+    EXPECT_FALSE(isObject(nullptr));
+    EXPECT_EQ(jsonText(nullptr), nullptr);
+}
+
 // ---- Shape of the classes
 
 TEST(JSONShape, ValueIsAbstractAndDestroyedThroughItsBase) {

@@ -643,3 +643,56 @@ TEST(UnicodeMemory, AllocFormsGiveNullWhenMemoryIsExhausted) {
 #endif  // the sanitizers' allocators end the process instead
 
 }  // namespace
+
+// roundTripKeeps returns whether the text comes back from UTF-16 as it was: the converters repair all that isn't
+// well-formed.
+bool roundTripKeeps(const Bytes& text) {
+    std::u16string units;
+    utf8To16N(text.data(), static_cast<int>(text.size()), units);
+    std::string back;
+    utf16To8N(units.data(), static_cast<int>(units.size()), back);
+    return bytes(back) == text;
+}
+
+bool isStrict(const Bytes& text) {
+    return isStrictUTF8N(ExactBuffer<unsigned char>(text).data(), static_cast<int>(text.size()));
+}
+
+TEST(UnicodeStrict, RefusesStrayBytesAndSurrogatesToo) {
+    for (const std::string text : {"\x80", "a\xBF\x80z", "\xC3\xA9\xA9", "\xED\xA0\x80", "\xED\xBF\xBF",
+                                   "\xED\xA0\xBD\xED\xB8\x80", "\xEF\xBF\xBF\x80", "\xC0\x80", "\xE0\x9F\xBF",
+                                   "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xC3", "\xE2\x82", "\xF0\x9F\x98", "\xFF"})
+        EXPECT_FALSE(isStrict(bytes(text))) << testing::PrintToString(text);
+}
+
+TEST(UnicodeStrict, TakesTheEndsOfEachForm) {
+    for (const std::string& text : {""s, "a\0b\x7F"s, "\xC2\x80\xDF\xBF"s, "\xE0\xA0\x80\xED\x9F\xBF"s,
+                                    "\xEE\x80\x80\xEF\xBF\xBF"s, "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"s})
+        EXPECT_TRUE(isStrict(bytes(text))) << testing::PrintToString(text);
+}
+
+TEST(UnicodeStrict, CountOfZeroOrLessIsWellFormed) {
+    const Bytes text = bytes("\xFF");
+    for (int count : {0, -1, std::numeric_limits<int>::min()})
+        EXPECT_TRUE(isStrictUTF8N(text.data(), count));
+    EXPECT_TRUE(isStrictUTF8N(nullptr, 0));
+}
+
+TEST(UnicodeStrict, WellFormedIsWhatSurvivesUTF16) {
+    std::mt19937 random(15);
+    for (int i = 0; i < RANDOM_CASES && !HasFailure(); ++i) {
+        const Bytes text = randomOf(random, UTF8_EDGES, i % 2 == 0);
+        EXPECT_EQ(isStrict(text), roundTripKeeps(text)) << testing::PrintToString(text);
+    }
+}
+
+TEST(UnicodeStrict, EveryLeadAndSecondByteAreJudgedAsTheySurviveUTF16) {
+    for (uint32_t pair = 0; pair < 0x10000; ++pair) {
+        for (const unsigned char third : {0x00, 0x41, 0x7F, 0x80, 0xBF, 0xC0, 0xFF}) {
+            const Bytes text{static_cast<unsigned char>(pair), static_cast<unsigned char>(pair >> 8), third, 0x80};
+            for (size_t length = 1; length <= text.size(); ++length)
+                ASSERT_EQ(isStrict(text.substr(0, length)), roundTripKeeps(text.substr(0, length)))
+                    << testing::PrintToString(text);
+        }
+    }
+}

@@ -1,10 +1,11 @@
 // orv_serial_test.cpp: the two sources of the identifiers, their priority, their damaged forms and their faults.
 //
-// This file replaces fopen for its test program: the two fixed paths are served from memory, any other path opens as
-// usual.
+// This file replaces fopen and stat for its test program: the two fixed paths are served from memory, any other path is
+// as usual.
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <algorithm>
@@ -39,19 +40,24 @@ struct Source {
     std::string content;
     int readError = 0;      // the fault behind the content; 0 gives the end of the file
     std::string instead{};  // if not empty, the real path that is opened in place of the content
+    mode_t kind = S_IFREG;
 };
 
 Source absent(int openError = ENOENT) {
-    return {openError, "", 0, ""};
+    return {openError, "", 0, "", S_IFREG};
 }
 Source holding(std::string content) {
-    return {0, std::move(content), 0, ""};
+    return {0, std::move(content), 0, "", S_IFREG};
 }
 Source breaking(std::string content) {
-    return {0, std::move(content), EIO, ""};
+    return {0, std::move(content), EIO, "", S_IFREG};
 }
 Source folder() {
-    return {0, "", 0, "/"};
+    return {0, "", 0, "/", S_IFDIR};
+}
+// special is a file that a reader could wait for without end.
+Source special(mode_t kind) {
+    return {0, "", 0, "", kind};
 }
 
 struct Opening {
@@ -114,6 +120,20 @@ extern "C" FILE* fopen(const char* path, const char* mode) {
         return openSource(gs_oIdentifiers, path, mode);
     }
     return realFopen(path, mode);
+}
+
+extern "C" int stat(const char* path, struct stat* status) {
+    if (path != IDENTIFIERS) {
+        using Stat = int (*)(const char*, struct stat*);
+        return reinterpret_cast<Stat>(dlsym(RTLD_NEXT, "stat"))(path, status);
+    }
+    if (gs_oIdentifiers.openError == ENOENT) {
+        errno = ENOENT;
+        return -1;
+    }
+    *status = {};
+    status->st_mode = gs_oIdentifiers.kind;
+    return 0;
 }
 
 namespace {
@@ -656,6 +676,16 @@ TEST_F(OrvSerial, FileThatIsAFolderIsAFault) {
     gs_oIdentifiers = folder();
     EXPECT_FALSE(ORVSerial::loadOrvantaIdentifiers());
     EXPECT_FALSE(ORVSerial::load());
+}
+
+TEST_F(OrvSerial, FileThatCouldBeWaitedForIsAFaultAndNotEvenOpened) {
+    for (const mode_t kind : {S_IFIFO, S_IFCHR, S_IFSOCK, S_IFBLK}) {
+        SCOPED_TRACE(kind);
+        gs_oIdentifiers = special(kind);
+        gs_aOpenings.clear();
+        EXPECT_FALSE(ORVSerial::loadOrvantaIdentifiers());
+        EXPECT_TRUE(gs_aOpenings.empty());
+    }
 }
 
 TEST_F(OrvSerial, FaultWhileReadingTheFileKeepsTheLinesBefore) {

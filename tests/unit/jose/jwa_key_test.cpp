@@ -24,6 +24,7 @@
 #include "unit/exact_buffer.h"
 #include "unit/jose/jose_fixture.h"
 #include "unit/jose/openssl_faults.h"
+#include "unit/own_process.h"
 
 namespace {
 
@@ -124,7 +125,7 @@ struct TerminalResult {
 template <class Work>
 TerminalResult onTerminal(Work work) {
     int terminal = -1;
-    const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
+    const pid_t pid = startedProcess(forkpty(&terminal, nullptr, nullptr, nullptr));
     if (pid == 0) {
         work();
         _exit(42);
@@ -141,9 +142,8 @@ TerminalResult onTerminal(Work work) {
         result.printed.append(buffer, static_cast<size_t>(count));
     }
     if (!result.endedByItself)
-        kill(pid, SIGKILL);
-    int status = 0;
-    waitpid(pid, &status, 0);
+        sendSignal(pid, SIGKILL);
+    const int status = awaitChild(pid);
     close(terminal);
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
@@ -158,6 +158,16 @@ void expectNoPrompt(Work work) {
 }
 
 }  // namespace
+
+// --- The terminal's process ---
+
+TEST(OwnProcess, FailedForkIsAnErrorAndReachesNeitherKillNorWaitpid) {
+    EXPECT_THROW(startedProcess(-1), std::system_error);
+    for (const pid_t pid : {-1, 0, 1}) {
+        EXPECT_THROW(sendSignal(pid, 0), std::invalid_argument);
+        EXPECT_THROW(awaitChild(pid), std::invalid_argument);
+    }
+}
 
 // --- Algorithms ---
 

@@ -446,6 +446,27 @@ TEST(APRPoolAssignment, OwnedRootPoolLivesOn) {
     EXPECT_EQ(deaths, 1);
 }
 
+TEST(APRPoolAssignment, BorrowedPoolKeepsItsOwnersTag) {
+    const APRPool owner("owner");
+    const APRPool other("other");
+    APRPool pool(owner);
+    const Books before = gs_oBooks;
+    pool = other;
+    EXPECT_EQ(gs_oBooks.tagged, before.tagged);
+    EXPECT_EQ(gs_oBooks.tag, before.tag);
+}
+
+TEST(APRPoolAssignment, PoolThatCouldNotBeMadeIsNotTagged) {
+    const APRPool other("other");
+    gs_oBooks.failCreate = true;
+    APRPool pool("none");
+    gs_oBooks.failCreate = false;
+    const int before = gs_oBooks.tagged;
+    pool = other;
+    EXPECT_EQ(pool.get(), other.get());
+    EXPECT_EQ(gs_oBooks.tagged, before);
+}
+
 TEST(APRPoolAssignment, ToItselfDoesNothing) {
     int deaths = 0;
     {

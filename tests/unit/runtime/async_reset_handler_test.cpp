@@ -36,6 +36,7 @@
 #include "runtime/orvlog.h"
 #include "unit/activated_appender.h"
 #include "unit/logging_child.h"
+#include "unit/own_process.h"
 #include "unit/record_collector.h"
 
 namespace {
@@ -509,14 +510,12 @@ int logWhileMoving() {
 }
 
 int runLogWhileMoving(const TempFolder& folder) {
-    const pid_t child = fork();
+    const pid_t child = startedProcess(fork());
     if (child == 0) {
         dup2(open((folder / "error").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
         _exit(chdir(folder.path().c_str()) == 0 ? logWhileMoving() : 3);
     }
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return status;
+    return awaitChild(child);
 }
 
 std::vector<std::string> linesOf(const std::string& path) {

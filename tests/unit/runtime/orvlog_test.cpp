@@ -24,6 +24,7 @@
 #include "runtime/orvlog.h"
 #include "runtime/orvlog_c.h"
 #include "unit/logging_child.h"
+#include "unit/own_process.h"
 #include "unit/record_collector.h"
 
 // Only with C linkage can this follow the header's declaration.
@@ -267,7 +268,7 @@ const Trap TRAPS[] = {
 
 // runFresh starts this program anew in `folder`, to run the test called `filter`.
 int runFresh(const TempFolder& folder, const Trap& trap, const char* filter) {
-    const pid_t child = fork();
+    const pid_t child = startedProcess(fork());
     if (child == 0) {
         redirect(STDOUT_FILENO, folder / "output");
         redirect(STDERR_FILENO, folder / "error");
@@ -277,9 +278,7 @@ int runFresh(const TempFolder& folder, const Trap& trap, const char* filter) {
             execl("/proc/self/exe", "orvlog_test", filter, nullptr);
         _exit(127);
     }
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return status;
+    return awaitChild(child);
 }
 
 // isCaught tells whether a fresh process that runs the test called `test` takes its configuration from the trap.

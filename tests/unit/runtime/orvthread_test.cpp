@@ -1,7 +1,7 @@
 // orvthread_test.cpp: the life of a worker thread, its priority and its records, and the counting read/write lock.
 //
-// This file replaces the calls that make a thread and schedule it for its test program, so that they fail, wait or keep
-// books at the tests' wish. Otherwise they are libc's own.
+// This file replaces the calls that make a thread, schedule it and read the clock for its test program, so that they
+// fail, wait or keep books as a test says. Otherwise they are libc's own.
 
 #include <dlfcn.h>
 #include <gmock/gmock.h>
@@ -20,6 +20,7 @@
 #include <climits>
 #include <condition_variable>
 #include <csignal>
+#include <ctime>
 #include <functional>
 #include <future>
 #include <memory>
@@ -78,6 +79,11 @@ struct Scheduler {
 };
 
 Scheduler gs_oScheduler;
+
+// gs_nClockShift is the number of seconds that the wall clock was set forward by, from the reading on that follows
+// `gs_nTrueReadings` true ones.
+std::atomic<time_t> gs_nClockShift{0};
+std::atomic<int> gs_nTrueReadings{0};
 
 template <class Function>
 Function* realCall(const char* name) {
@@ -157,6 +163,13 @@ extern "C" int sched_get_priority_max(int policy) noexcept {
     return limitOf("max", policy, gs_oScheduler.maximum);
 }
 
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
+    const long result = syscall(SYS_clock_gettime, clock, time);
+    if (result == 0 && clock == CLOCK_REALTIME && gs_nClockShift != 0 && gs_nTrueReadings-- <= 0)
+        time->tv_sec += gs_nClockShift;
+    return static_cast<int>(result);
+}
+
 namespace {
 
 // wasToldOf waits on a condition and tells whether a notification found `predicate` true. What the last look finds when
@@ -228,6 +241,18 @@ struct UseCreation {
     UseCreation(const UseCreation&) = delete;
     UseCreation& operator=(const UseCreation&) = delete;
     ~UseCreation() { gs_oCreation = {}; }
+};
+
+// UseClock sets the wall clock forward (a negative number of seconds: back) after a number of true readings, until its
+// end.
+struct UseClock {
+    explicit UseClock(time_t shift, int trueReadings = 0) {
+        gs_nTrueReadings = trueReadings;
+        gs_nClockShift = shift;
+    }
+    UseClock(const UseClock&) = delete;
+    UseClock& operator=(const UseClock&) = delete;
+    ~UseClock() { gs_nClockShift = 0; }
 };
 
 // UseScheduler puts a scheduler in place of the system's, until its end. Threads are started before and joined behind
@@ -741,6 +766,42 @@ TEST(WaitForStart, AnyWakeUpEndsTheWait) {
         EXPECT_TRUE(result) << timeout;
         worker.stop();
     }
+}
+
+TEST(WaitForStart, WallClockSetForwardIsNotElapsedTime) {
+    Gate hold;
+    Worker worker("held");
+    {
+        const UseCreation creation({0, &hold});
+        worker.start();
+    }
+    bool result = false;
+    Attempt attempt([&] { result = worker.waitForStart(60000000L); });
+    EXPECT_TRUE(attempt.waits());
+    {
+        const UseClock setForward(3600);
+        EXPECT_TRUE(attempt.comesBackFrom([&] { worker.wakeWaiters(); }));
+    }
+    ASSERT_TRUE(attempt.comesBack());
+    EXPECT_TRUE(result) << "a wake-up, an hour later by the wall clock alone";
+    hold.open();
+    worker.stop();
+}
+
+TEST(WaitForStart, WallClockSetBackIsNotATimeoutYet) {
+    Gate hold;
+    Worker worker("held");
+    {
+        const UseCreation creation({0, &hold});
+        worker.start();
+    }
+    {
+        const UseClock setBack(-3600, 1);  // the reading that the deadline is made of is true
+        EXPECT_TRUE(worker.waitForStart(1000));
+    }
+    EXPECT_FALSE(worker.waitForStart(1000));
+    hold.open();
+    worker.stop();
 }
 
 TEST(WaitForStart, StopEndsTheWait) {

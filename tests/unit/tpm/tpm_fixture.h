@@ -26,6 +26,7 @@
 
 #include "foundation/strfmt.h"
 #include "tpm/tpm2_attestor.h"
+#include "unit/own_process.h"
 #include "unit/record_collector.h"
 #include "unit/tpm/fault_injector.h"
 
@@ -106,7 +107,7 @@ public:
         if (pid.empty()) {
             return;
         }
-        kill(std::stoi(pid), SIGTERM);
+        sendSignal(std::stoi(pid), SIGTERM);
         waitForEnd(std::stoi(pid));
     }
 
@@ -127,10 +128,10 @@ private:
     // waitForEnd: the TPM takes its pid file away as the last thing it does.
     void waitForEnd(int pid) const {
         constexpr int LIMIT_MS = 10000;
-        for (int waited = 0; kill(pid, 0) == 0 && waited < LIMIT_MS; ++waited) {
+        for (int waited = 0; sendSignal(pid, 0) == 0 && waited < LIMIT_MS; ++waited) {
             poll(nullptr, 0, 1);
         }
-        EXPECT_NE(kill(pid, 0), 0) << "swtpm does not end";
+        EXPECT_NE(sendSignal(pid, 0), 0) << "swtpm does not end";
     }
 
     TempFolder m_oState;

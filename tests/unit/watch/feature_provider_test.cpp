@@ -22,6 +22,7 @@
 
 #include "foundation/clock_value.h"
 #include "unit/record_collector.h"
+#include "unit/watch/grant_signer.h"
 #include "watch/clock.h"
 #include "watch/feature_provider.h"
 
@@ -35,6 +36,8 @@ using testing::SizeIs;
 using testing::StartsWith;
 
 const std::string PATH = "/etc/orvanta/features.json";
+const std::string GRANT = "/var/lib/orvanta/features.jws";
+const std::string KEY = "/etc/orvanta/features.pem";
 const std::string CPUINFO = "/run/sandbox/cpuinfo";
 
 // NOW is the moment at which most tests look: 2026-06-15T12:00:00Z.
@@ -65,6 +68,14 @@ protected:
     ~FeatureProviderTest() override {
         alarm(0);
         fs::remove_all(PATH);
+        fs::remove_all(GRANT);
+        fs::remove_all(KEY);
+    }
+
+    // putGrant writes a grant for this device and the key that signed it.
+    static void putGrant(const std::string& entries) {
+        TempFolder::writeTo(KEY, signer::publicPEM(signer::keyOf("P-256")));
+        TempFolder::writeTo(GRANT, signer::grant(R"({"serial":"0000abcd","features":[)" + entries + "]}"));
     }
 
     // put writes the input in place, `entries` being the texts in its list.
@@ -269,6 +280,28 @@ TEST_F(FeatureProviderTest, BrokenEntriesAreLeftOutWithOneWarningEach) {
     }
     EXPECT_THAT(collector.lines()[0], HasSubstr("1"));
     EXPECT_THAT(collector.lines()[1], HasSubstr("2"));
+}
+
+TEST_F(FeatureProviderTest, AfterTwentyWarningsOfOneReadingTheRestIsCounted) {
+    const auto wrong = [](int count) {
+        std::string entries = R"({"name":"a"})";
+        for (int i = 0; i < count; ++i)
+            entries += ",0";
+        return entries;
+    };
+    RecordCollector collector;
+    EXPECT_TRUE(load(wrong(20)));
+    ASSERT_THAT(collector.lines(), SizeIs(20));
+    EXPECT_EQ(collector.lines()[19], "WARN " + PATH + ": left out feature 20: it is no object");
+    collector.clear();
+    load(wrong(21));
+    ASSERT_THAT(collector.lines(), SizeIs(21));
+    EXPECT_EQ(collector.lines()[20], "WARN " + PATH + ": left out 1 more");
+    collector.clear();
+    load(wrong(400'000));
+    ASSERT_THAT(collector.lines(), SizeIs(21));
+    EXPECT_EQ(collector.lines()[20], "WARN " + PATH + ": left out 399980 more");
+    EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("a"));
 }
 
 // FileRow makes something at the input's path that can't be used.
@@ -478,6 +511,48 @@ TEST_F(FeatureProviderTest, FileThatBecameUnusableIsStillThere) {
     fs::create_directory(PATH);
     EXPECT_FALSE(m_oProvider.dropInput(0));
     EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("a"));
+}
+
+// --- Two inputs: an event of one between the two events of a rename over the other
+
+TEST_F(FeatureProviderTest, DroppedInputThatIsStillThereIsReadAgainWhenTheOtherIsLoaded) {
+    putGrant(R"({"name":"granted"})");
+    load(R"({"name":"installed"})");
+    EXPECT_TRUE(m_oProvider.loadInput(1));
+    EXPECT_FALSE(m_oProvider.dropInput(1));
+    EXPECT_FALSE(m_oProvider.dropInput(0));
+    EXPECT_FALSE(m_oProvider.loadInput(0)) << "both files hold what they held";
+    EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("granted", "installed"));
+    EXPECT_FALSE(m_oProvider.recheckAll(currentSeconds()));
+}
+
+TEST_F(FeatureProviderTest, DroppedInputThatIsStillThereIsReadAgainWhenTheFileOfTheOtherIsGone) {
+    load(R"({"name":"installed"})");
+    EXPECT_FALSE(m_oProvider.dropInput(0));
+    EXPECT_FALSE(m_oProvider.dropInput(1)) << "there never was a grant";
+    EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("installed"));
+    EXPECT_FALSE(m_oProvider.recheckAll(currentSeconds()));
+}
+
+TEST_F(FeatureProviderTest, NewContentOfADroppedInputIsTakenByWhoeverJudgesFirst) {
+    load(R"({"name":"old"})");
+    replace(R"({"name":"new"})");
+    EXPECT_FALSE(m_oProvider.dropInput(0));
+    EXPECT_TRUE(m_oProvider.loadInput(1));
+    EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("new"));
+    EXPECT_FALSE(m_oProvider.loadInput(0)) << "the second event of the rename brings nothing more";
+}
+
+TEST_F(FeatureProviderTest, InputThatWasNeverReadIsNotReadWithTheOther) {
+    TempFolder::writeTo(PATH, "bad");
+    RecordCollector collector;
+    m_oProvider.dropInput(1);
+    m_oProvider.loadInput(1);
+    EXPECT_THAT(collector.lines(), IsEmpty());
+    m_oProvider.loadInput(0);
+    EXPECT_THAT(collector.lines(), SizeIs(1));
+    m_oProvider.loadInput(1);
+    EXPECT_THAT(collector.lines(), SizeIs(1));
 }
 
 // --- recheckAll reads again

@@ -75,11 +75,11 @@ protected:
         return result;
     }
 
-    // entry gives the only feature as the document would show it, on one line.
+    // entry returns the only feature as the document would show it, but on one line.
     std::string entry() const {
         std::string text;
         if (m_oSource.features().size() == 1) {
-            m_oSource.features()[0].entry->stringify(text, -1);
+            JSON::parse(m_oSource.features()[0].text)->stringify(text, -1);
         }
         return text;
     }
@@ -374,7 +374,7 @@ TEST_F(FeatureSourceTest, LabelIsTheSourceOfEachFeature) {
     FeatureSource source(file, "granted");
     source.load();
     ASSERT_THAT(source.features(), SizeIs(1));
-    EXPECT_EQ(source.features()[0].entry->get("source")->toString(), "granted");
+    EXPECT_EQ(JSON::parse(source.features()[0].text)->get("source")->toString(), "granted");
 }
 
 TEST_F(FeatureSourceTest, TenThousandFeatures) {

@@ -3,31 +3,26 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
-#include <openssl/pem.h>
-#include <openssl/rsa.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
-#include <map>
-#include <memory>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "foundation/strfmt.h"
 #include "identity/orv_serial.h"
 #include "unit/record_collector.h"
+#include "unit/watch/grant_signer.h"
 #include "watch/feature_source.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using namespace signer;
 using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -37,144 +32,9 @@ using testing::SizeIs;
 using testing::StartsWith;
 
 constexpr size_t LIMIT = 1024 * 1024;
-const std::string ALPHABET = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 
 // SECRET stands wherever a file's content must not reach a record.
 const std::string SECRET = "SeCrEt";
-
-// PAYLOAD is a good one.
-const std::string PAYLOAD = R"({"serial":"0000abcd","features":[{"name":"a"}]})";
-
-// --- Keys and signatures, by OpenSSL alone
-
-template <class T, void (*FREE)(T*)>
-struct Deleter {
-    void operator()(T* object) const noexcept { FREE(object); }
-};
-using Key = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY, EVP_PKEY_free>>;
-using Context = std::unique_ptr<EVP_MD_CTX, Deleter<EVP_MD_CTX, EVP_MD_CTX_free>>;
-using Signature = std::unique_ptr<ECDSA_SIG, Deleter<ECDSA_SIG, ECDSA_SIG_free>>;
-
-// Kind is an algorithm for grants.
-struct Kind {
-    const char* name;
-    const EVP_MD* (*digest)();
-    int half;  // the bytes of r and of s; 0 for RSA
-};
-constexpr Kind ES256 = {"ES256", EVP_sha256, 32};
-constexpr Kind ES384 = {"ES384", EVP_sha384, 48};
-constexpr Kind RS256 = {"RS256", EVP_sha256, 0};
-constexpr Kind KINDS[] = {ES256, ES384, RS256};
-
-Key makeKey(const std::string& type) {
-    if (type.starts_with("RSA-"))
-        return Key(EVP_RSA_gen(static_cast<unsigned>(std::stoi(type.substr(4)))));
-    return Key(type == "ED25519" ? EVP_PKEY_Q_keygen(nullptr, nullptr, type.c_str()) : EVP_EC_gen(type.c_str()));
-}
-
-// keyOf gives the key of this type and number, which is made once.
-EVP_PKEY* keyOf(const std::string& type, int number = 0) {
-    static std::map<std::pair<std::string, int>, Key> keys;
-    Key& key = keys[{type, number}];
-    if (!key)
-        key = makeKey(type);
-    if (!key)
-        throw std::runtime_error("no key of type " + type);
-    return key.get();
-}
-
-const char* typeOf(const Kind& kind) {
-    return kind.half == 0 ? "RSA-2048" : kind.half == 32 ? "P-256" : "P-384";
-}
-
-std::string pemOf(const std::function<int(FILE*)>& write) {
-    char* text = nullptr;
-    size_t size = 0;
-    FILE* const stream = open_memstream(&text, &size);
-    const int result = write(stream);
-    fclose(stream);
-    const std::string pem(text, size);
-    free(text);
-    if (result != 1)
-        throw std::runtime_error("OpenSSL writes no PEM");
-    return pem;
-}
-
-std::string publicPEM(EVP_PKEY* key) {
-    return pemOf([key](FILE* stream) { return PEM_write_PUBKEY(stream, key); });
-}
-
-// privatePEM is encrypted if there is a password.
-std::string privatePEM(EVP_PKEY* key, const std::string& password = "") {
-    const EVP_CIPHER* cipher = password.empty() ? nullptr : EVP_aes_128_cbc();
-    const auto* bytes = reinterpret_cast<const unsigned char*>(password.data());
-    return pemOf([&](FILE* stream) {
-        return PEM_write_PrivateKey(stream, key, cipher, bytes, static_cast<int>(password.size()), nullptr, nullptr);
-    });
-}
-
-// base64url is our own here.
-std::string base64url(const std::string& bytes) {
-    std::string text;
-    unsigned bits = 0;
-    int count = 0;
-    for (const char byte : bytes) {
-        bits = bits << 8 | static_cast<unsigned char>(byte);
-        for (count += 8; count >= 6; count -= 6)
-            text += ALPHABET[bits >> (count - 6) & 63];
-    }
-    return count == 0 ? text : text + ALPHABET[bits << (6 - count) & 63];
-}
-
-// plainSignature gives OpenSSL's own form, DER where it is ECDSA.
-std::string plainSignature(EVP_PKEY* key, const EVP_MD* digest, const std::string& text) {
-    const Context context(EVP_MD_CTX_new());
-    const auto* data = reinterpret_cast<const unsigned char*>(text.data());
-    std::string signature(1024, '\0');
-    size_t size = signature.size();
-    if (EVP_DigestSignInit(context.get(), nullptr, digest, nullptr, key) != 1 ||
-        EVP_DigestSign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &size, data, text.size()) !=
-            1)
-        throw std::runtime_error("OpenSSL does not sign");
-    signature.resize(size);
-    return signature;
-}
-
-// signatureOf gives the signature as it stands in a grant.
-std::string signatureOf(const Kind& kind, EVP_PKEY* key, const std::string& text) {
-    const std::string plain = plainSignature(key, kind.digest(), text);
-    if (kind.half == 0)
-        return plain;
-    const auto* der = reinterpret_cast<const unsigned char*>(plain.data());
-    const Signature signature(d2i_ECDSA_SIG(nullptr, &der, static_cast<long>(plain.size())));
-    std::string raw(static_cast<size_t>(kind.half) * 2, '\0');
-    auto* out = reinterpret_cast<unsigned char*>(raw.data());
-    BN_bn2binpad(ECDSA_SIG_get0_r(signature.get()), out, kind.half);
-    BN_bn2binpad(ECDSA_SIG_get0_s(signature.get()), out + kind.half, kind.half);
-    return raw;
-}
-
-std::string headerOf(const std::string& algorithm) {
-    return R"({"alg":")" + algorithm + R"("})";
-}
-
-std::string signingInput(const std::string& header, const std::string& payload) {
-    return base64url(header) + "." + base64url(payload);
-}
-
-// grant signs `payload` under `header` with the first key of that kind.
-std::string grant(const Kind& kind, const std::string& header, const std::string& payload) {
-    const std::string text = signingInput(header, payload);
-    return text + "." + base64url(signatureOf(kind, keyOf(typeOf(kind)), text));
-}
-
-std::string grant(const Kind& kind, const std::string& payload) {
-    return grant(kind, headerOf(kind.name), payload);
-}
-
-std::string grant(const std::string& payload) {
-    return grant(ES256, payload);
-}
 
 // --- The tests
 
@@ -247,7 +107,7 @@ protected:
 
     void expectUnusableKey() {
         m_oFolder.write("features.jws", grant(R"({"serial":"0000abcd","features":[{"name":"SeCrEt"}]})"));
-        EXPECT_THAT(reasonOf(), HasSubstr("key " + keyPath()));
+        EXPECT_THAT(reasonOf(), HasSubstr("the key " + keyPath() + " can't be used: "));
     }
 
     TempFolder m_oFolder;
@@ -269,7 +129,7 @@ TEST_F(GrantSourceTest, EntriesAreThoseOfThePayloadWithTheirSource) {
                               R"({"name":"a"}],"serial":"0000abcd","other":[1]})")),
                 ElementsAre("b", "a"));
     std::string text;
-    m_oSource.features()[0].entry->stringify(text, -1);
+    JSON::parse(m_oSource.features()[0].text)->stringify(text, -1);
     EXPECT_EQ(text,
               R"({ "name": "b", "params": { "n": 4 }, "source": "granted", "validUntil": "2027-01-01T00:00:00Z" })");
     EXPECT_EQ(m_oSource.features()[0].validUntil, 1798761600);
@@ -304,6 +164,13 @@ TEST_F(GrantSourceTest, OtherAlgorithmInTheHeaderIsRefusedThoughTheKeySigned) {
                 expectBadSignature(grant(kind, headerOf(name), PAYLOAD));
         for (const char* header : {R"({"alg":null})", R"({"alg":256})", R"({"alg":["ES256"]})", R"({"alg":{}})"})
             expectBadSignature(grant(kind, header, PAYLOAD));
+    }
+}
+
+TEST_F(GrantSourceTest, HeaderWithCriticalMembersIsRefusedThoughTheKeySigned) {
+    for (const char* critical : {R"(["exp"])", R"(["b64"])", R"(["alg"])", "[]", "null", R"("exp")"}) {
+        const std::string header = std::string(R"({"alg":"ES256","exp":1,"crit":)") + critical + "}";
+        EXPECT_THAT(reasonOf(grant(ES256, header, PAYLOAD)), HasSubstr("critical")) << header;
     }
 }
 
@@ -409,8 +276,22 @@ TEST_F(GrantSourceTest, LineFeedAtTheEndIsNoFault) {
     EXPECT_THAT(collector.lines(), IsEmpty());
 }
 
-// othersFor gives what may stand in place of a letter: each that differs in one bit, and bytes that are no letters.
-// With `few` it is one of each sort.
+// placesIn returns the places of a grant at which a letter is changed: all for ES256. For the other kinds, whose keys
+// take long to check, the ends of each segment and every eleventh place are enough: what is split and decoded is the
+// same.
+std::vector<size_t> placesIn(const Kind& kind, const std::string& grant) {
+    std::vector<size_t> places;
+    for (size_t at = 0; at < grant.size(); ++at) {
+        const size_t begin = at < 2 ? 0 : at - 2;
+        const bool nearDot = grant.substr(begin, at + 3 - begin).find('.') != std::string::npos;
+        if (kind.half == 32 || at == 0 || nearDot || at + 2 >= grant.size() || at % 11 == 0)
+            places.push_back(at);
+    }
+    return places;
+}
+
+// othersFor returns what may replace a letter: each that differs in one bit, and bytes that are not letters. With `few`
+// it is one of each sort.
 std::string othersFor(char letter, size_t at, bool few) {
     const size_t value = ALPHABET.find(letter);
     const std::string strange = std::string(".\n=!\xff") + '\0';
@@ -439,7 +320,7 @@ TEST_F(GrantSourceTest, OneOtherLetterAnywhereIsRefused) {
         installKey(kind);
         const std::string good = grant(kind, PAYLOAD);
         RecordCollector collector;
-        for (size_t at = 0; at < good.size(); ++at) {
+        for (const size_t at : placesIn(kind, good)) {
             for (const char other : othersFor(good[at], at, kind.half != 32)) {
                 if (at + 1 == good.size() && isSameEnd(kind, good[at], other))
                     continue;
@@ -470,14 +351,17 @@ TEST_F(GrantSourceTest, OneLetterLessOrMoreIsRefused) {
         const std::string good = grant(kind, PAYLOAD);
         const size_t signature = good.rfind('.') + 1;
         RecordCollector collector;
-        for (size_t at = 0; at < good.size(); ++at) {
+        size_t changes = 0;
+        for (const size_t at : placesIn(kind, good)) {
             std::string text = good;
             ASSERT_THAT(namesOf(text.erase(at, 1)), IsEmpty()) << at;
+            ++changes;
             if (at < signature) {
                 ASSERT_THAT(namesOf(good.substr(0, at) + "A" + good.substr(at)), IsEmpty()) << at;
+                ++changes;
             }
         }
-        EXPECT_THAT(collector.records(), SizeIs(good.size() + signature));
+        EXPECT_THAT(collector.records(), SizeIs(changes));
         EXPECT_THAT(namesOf(good), ElementsAre("a"));
     }
 }
@@ -619,11 +503,75 @@ TEST_F(GrantSourceTest, FileThatHoldsNoPublicKeyMakesTheGrantUnusable) {
 }
 
 TEST_F(GrantSourceTest, KeysOfOtherKindsMakeTheGrantUnusable) {
-    for (const char* type : {"RSA-1024", "RSA-3072", "P-224", "P-521", "ED25519"}) {
+    for (const char* type :
+         {"RSA-1024", "RSA-3072", "P-224", "P-521", "ED25519", "secp256k1", "brainpoolP256r1", "brainpoolP384r1"}) {
         SCOPED_TRACE(type);
         installKey(publicPEM(keyOf(type)));
         expectUnusableKey();
     }
+}
+
+// forged returns a grant that needs no private key: with the public exponent 1 a signature is the padded digest itself.
+std::string forged(const std::string& payload) {
+    const std::string text = signingInput(headerOf("RS256"), payload);
+    std::string digest(32, '\0');
+    EVP_Digest(text.data(), text.size(), reinterpret_cast<unsigned char*>(digest.data()), nullptr, EVP_sha256(),
+               nullptr);
+    const std::string info =
+        std::string("\x30\x31\x30\x0d\x06\x09\x60\x86\x48\x01\x65\x03\x04\x02\x01\x05\x00\x04\x20", 19) + digest;
+    const std::string padded =
+        std::string("\0\1", 2) + std::string(256 - 3 - info.size(), '\xff') + std::string(1, '\0') + info;
+    return text + "." + base64url(padded);
+}
+
+TEST_F(GrantSourceTest, ExponentThatLetsAnybodySignIsRefused) {
+    installKey(publicPEM(publicRSA(keyOf("RSA-2048"), 1).get()));
+    m_oFolder.write("features.jws", forged(PAYLOAD));
+    EXPECT_THAT(reasonOf(), HasSubstr("key " + keyPath()));
+}
+
+TEST_F(GrantSourceTest, KeyThatIsNotSoundMakesTheGrantUnusable) {
+    for (const unsigned exponent : {0U, 2U, 4U, 65536U}) {
+        SCOPED_TRACE(exponent);
+        installKey(publicPEM(publicRSA(keyOf("RSA-2048"), exponent).get()));
+        expectUnusableKey();
+    }
+}
+
+TEST_F(GrantSourceTest, OtherCurvesOfTheSameSizeMakeTheGrantsOfTheirKeysUnusable) {
+    for (const char* curve : {"secp256k1", "brainpoolP256r1", "brainpoolP384r1"}) {
+        SCOPED_TRACE(curve);
+        const Kind& kind = std::string(curve).find("384") != std::string::npos ? ES384 : ES256;
+        installKey(publicPEM(keyOf(curve)));
+        m_oFolder.write("features.jws", grantBy(keyOf(curve), kind, headerOf(kind.name), PAYLOAD));
+        EXPECT_THAT(reasonOf(), HasSubstr("the key " + keyPath() + " can't be used: "));
+    }
+}
+
+TEST_F(GrantSourceTest, CurveSpeltOutByItsParametersMakesTheGrantUnusable) {
+    for (const Kind& kind : {ES256, ES384}) {
+        SCOPED_TRACE(kind.name);
+        const Key key = explicitEC(typeOf(kind));
+        installKey(publicPEM(key.get()));
+        m_oFolder.write("features.jws", grantBy(key.get(), kind, headerOf(kind.name), PAYLOAD));
+        EXPECT_THAT(reasonOf(), HasSubstr("the key " + keyPath() + " can't be used: "));
+    }
+}
+
+TEST_F(GrantSourceTest, KeyFileMayHave64KiB) {
+    const std::string pem = publicPEM(keyOf("P-256"));
+    RecordCollector collector;
+    installKey(pem + std::string(64 * 1024 - pem.size(), '\n'));
+    EXPECT_THAT(namesOf(grant(PAYLOAD)), ElementsAre("a"));
+    EXPECT_THAT(collector.lines(), IsEmpty());
+    installKey(pem + std::string(64 * 1024 + 1 - pem.size(), '\n'));
+    EXPECT_THAT(reasonOf(), HasSubstr("key " + keyPath() + " can't be used: it is larger than 64 KiB"));
+}
+
+TEST_F(GrantSourceTest, HugeKeyFileIsRefusedAtOnce) {
+    m_oFolder.write("features.jws", grant(PAYLOAD));
+    fs::resize_file(keyPath(), uintmax_t{3} << 30);  // a hole takes no space
+    EXPECT_THAT(reasonOf(), HasSubstr("larger than 64 KiB"));
 }
 
 TEST_F(GrantSourceTest, DirectoryAndFifoInPlaceOfTheKeyMakeTheGrantUnusable) {

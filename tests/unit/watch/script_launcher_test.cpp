@@ -25,6 +25,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "unit/own_process.h"
 #include "unit/record_collector.h"
 #include "watch/script_launcher.h"
 
@@ -392,7 +393,7 @@ TEST_F(ScriptLauncherTest, CommandSeesTheThreeStandardDescriptorsOnNothing) {
     awaitStop(shell);
     const Descriptors nothing = {{0, "/dev/null"}, {1, "/dev/null"}, {2, "/dev/null"}};
     EXPECT_EQ(openDescriptors(shell), nothing);
-    kill(shell, SIGCONT);
+    sendSignal(shell, SIGCONT);
     launcher.stop();
 }
 
@@ -480,7 +481,7 @@ TEST_F(ScriptLauncherTest, InterruptedReadEndsTheLauncherWithARecord) {
     ASSERT_TRUE(launcher.start());
     siginfo_t info{};
     while (info.si_pid == 0) {
-        kill(gs_nLauncher, SIGUSR1);
+        sendSignal(gs_nLauncher, SIGUSR1);
         ASSERT_EQ(waitid(P_PID, static_cast<id_t>(gs_nLauncher), &info, WEXITED | WNOWAIT | WNOHANG), 0);
     }
     launcher.stop();
@@ -497,7 +498,7 @@ TEST_F(ScriptLauncherTest, InterruptedReadEndsTheLauncherWithARecord) {
 pid_t startAndDie(const std::string& command, int launches) {
     int report[2];
     EXPECT_EQ(pipe(report), 0);
-    const pid_t daemon = fork();
+    const pid_t daemon = startedProcess(fork());
     if (daemon == 0) {
         ScriptLauncher launcher(command);
         launcher.start();
@@ -513,9 +514,7 @@ pid_t startAndDie(const std::string& command, int launches) {
     EXPECT_EQ(read(report[0], &launcher, sizeof launcher), static_cast<ssize_t>(sizeof launcher));
     close(report[0]);
     close(report[1]);
-    int status = 0;
-    EXPECT_EQ(waitpid(daemon, &status, 0), daemon);
-    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_TRUE(WIFSIGNALED(awaitChild(daemon)));
     return launcher;
 }
 
@@ -523,8 +522,7 @@ TEST_F(ScriptLauncherTest, KilledDaemonEndsTheLauncherWithStatus0BehindThePendin
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0), 0);
     recordToFile();
     const pid_t launcher = startAndDie(append("run"), 2);
-    int status = -1;
-    EXPECT_EQ(waitpid(launcher, &status, 0), launcher);
+    const int status = awaitChild(launcher);
     prctl(PR_SET_CHILD_SUBREAPER, 0, 0, 0, 0);
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
@@ -537,7 +535,7 @@ TEST_F(ScriptLauncherTest, LaunchWithAKilledLauncherFails) {
     const Descriptors before = openDescriptors(getpid());
     ScriptLauncher launcher(append("run"));
     ASSERT_TRUE(launcher.start());
-    kill(gs_nLauncher, SIGKILL);
+    sendSignal(gs_nLauncher, SIGKILL);
     awaitDeath(gs_nLauncher);
     EXPECT_FALSE(launcher.launch());
     EXPECT_EQ(collector.lines(), Lines{"ERROR failed to signal script launcher: Broken pipe"});
@@ -566,8 +564,8 @@ TEST_F(ScriptLauncherTest, LauncherThatSomebodyElseWaitedForIsTold) {
     const Descriptors before = openDescriptors(getpid());
     ScriptLauncher launcher("true");
     ASSERT_TRUE(launcher.start());
-    kill(gs_nLauncher, SIGKILL);
-    ASSERT_EQ(waitpid(gs_nLauncher, nullptr, 0), gs_nLauncher);
+    sendSignal(gs_nLauncher, SIGKILL);
+    awaitChild(gs_nLauncher);
     launcher.stop();
     EXPECT_THAT(collector.lines(), ElementsAre("ERROR failed sending quit to script launcher: Broken pipe",
                                                "ERROR failed to wait for script launcher: No child processes"));
@@ -582,7 +580,7 @@ TEST_F(ScriptLauncherTest, StopDoesNotWaitWhenTheQuitCouldNotBeSent) {
     ASSERT_TRUE(launcher.start());
     const int fd = newDescriptor(before);
     ASSERT_NE(fd, -1);
-    kill(gs_nLauncher, SIGSTOP);
+    sendSignal(gs_nLauncher, SIGSTOP);
     const int unwritable = open("/dev/null", O_RDONLY | O_CLOEXEC);
     ASSERT_EQ(dup2(unwritable, fd), fd);
     close(unwritable);
@@ -590,14 +588,14 @@ TEST_F(ScriptLauncherTest, StopDoesNotWaitWhenTheQuitCouldNotBeSent) {
     EXPECT_EQ(collector.lines(), Lines{"ERROR failed sending quit to script launcher: Bad file descriptor"});
     EXPECT_FALSE(launcher.hasProcess());
     EXPECT_EQ(openDescriptors(getpid()), before);
-    kill(gs_nLauncher, SIGKILL);
-    EXPECT_EQ(waitpid(gs_nLauncher, nullptr, 0), gs_nLauncher);
+    sendSignal(gs_nLauncher, SIGKILL);
+    awaitChild(gs_nLauncher);
 }
 
 TEST_F(ScriptLauncherTest, ExitHandlersFromBeforeTheForkRunInTheLauncher) {
     static std::string path;
     path = m_oFolder / "out";
-    const pid_t daemon = fork();
+    const pid_t daemon = startedProcess(fork());
     if (daemon == 0) {
         atexit([] {
             std::ofstream stream(path, std::ios::app);
@@ -608,7 +606,7 @@ TEST_F(ScriptLauncherTest, ExitHandlersFromBeforeTheForkRunInTheLauncher) {
         launcher.stop();
         _exit(0);
     }
-    ASSERT_EQ(waitpid(daemon, nullptr, 0), daemon);
+    awaitChild(daemon);
     EXPECT_THAT(linesOf(), ElementsAre("exit handler"));
 }
 
