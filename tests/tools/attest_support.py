@@ -25,7 +25,7 @@ TOOLS = os.path.normpath(os.path.join(ROOT, "tools"))
 ATTEST = os.path.join(TOOLS, "attest")
 sys.path[:0] = [os.path.join(ROOT, "tests", "system"), TOOLS]
 
-from featurewatch_tools import files  # noqa: E402, found through the line above
+from featurewatch_tools import documents, files  # noqa: E402, found through the line above
 from featurewatch_tools.fault import Fault  # noqa: E402
 from harness import document_text  # noqa: E402
 
@@ -170,6 +170,11 @@ def context_for(report, spki, cb_data="round 1"):
 def report_text(report):
     """The report as the agent prints it: numbers as doubles."""
     return document_text(report) + "\n"
+
+
+def parsed_report(report):
+    """The report as the program reads it."""
+    return documents.parse_report(documents.parse_json(file_bytes(report), "test"), "test")
 
 
 def file_bytes(content):
