@@ -1,7 +1,9 @@
 """tools/attest alone: challenges, verdicts on answers of devices made of files, and files that are none."""
 
+import contextlib
 import copy
 import hashlib
+import io
 import json
 import os
 import random
@@ -9,6 +11,7 @@ import stat
 import subprocess
 import sys
 import tempfile
+from unittest import mock
 
 from attest_support import (
     AK_HEAD,
@@ -18,6 +21,7 @@ from attest_support import (
     QuickVerify,
     SoftwareDevice,
     SoftwareKey,
+    attest,
     audit_digest,
     context_for,
     decoded,
@@ -27,7 +31,7 @@ from attest_support import (
     sha256,
     sized,
 )
-from featurewatch_tools import structures, verification
+from featurewatch_tools import files, structures, verification
 
 NO_AUDIT = {"kind", "exclusive", "counter"}
 
@@ -261,7 +265,7 @@ class VerdictTest(DeviceTest):
         plain = run_attest(*self.verify_arguments())
         self.assertEqual((plain.returncode, plain.stderr), (0, b""))
         *lines, end = plain.stdout.decode().splitlines()
-        self.assertEqual(end, "The attestation holds: the counter is 7.")
+        self.assertEqual(end, "The attestation holds, for an EK that nobody vouched for: the counter is 7.")
         names = [check["name"] for check in self.verify()[1]["checks"]]
         self.assertEqual([line.split()[:2] for line in lines], [["ok", name] for name in names])
         self.assertIn("no --ek-digest", lines[names.index("ek-identity")])
@@ -306,6 +310,35 @@ class VerdictTest(DeviceTest):
         self.assertTrue(plain.isascii())
         self.assertNotIn(b"\x1b", plain)
         self.assertEqual(len(plain.splitlines()), 15)
+
+    def test_ek_known(self):
+        "Only a digest that was given and holds makes the EK a known one, in JSON and in the verdict's own words."
+        digest = hashlib.sha256(self.device.ek.spki).hexdigest()
+        for options, known, end in (
+            ((), False, "The attestation holds, for an EK that nobody vouched for: the counter is 7."),
+            (("--ek-digest", digest), True, "The attestation holds: the counter is 7."),
+            (("--ek-digest", "0" * 64), False, "The attestation does NOT hold."),
+        ):
+            with self.subTest(options):
+                self.failed(options=options)
+                self.assertIs(self.verify(*options)[1]["ekKnown"], known)
+                plain = run_attest(*self.verify_arguments(*options)).stdout.decode()
+                self.assertEqual(plain.splitlines()[-1], end)
+        self.assertIs(self.failed(self.answer(signer=self.device.ek)) and self.verify()[1]["ekKnown"], False)
+        self.write("attested.json", "")
+        self.assertIs(self.verify("--ek-digest", digest)[1]["ekKnown"], False)
+
+    def test_nothing_unforeseen_escapes(self):
+        "What nobody foresaw ends with status 2 and one line, and with --json with an object, not with a traceback."
+        self.write_exchange(self.answer(), self.context, self.secret)
+        for options, output in (((), ""), (("--json",), "internal error")):
+            with mock.patch.object(verification, "judge", side_effect=ZeroDivisionError("told\nso")):
+                with contextlib.redirect_stderr(io.StringIO()) as stderr, mock.patch.object(files, "put") as put:
+                    self.assertEqual(attest.main(self.verify_arguments(*options)), 2)
+            self.assertRegex(stderr.getvalue(), r"^attest: internal error.*ZeroDivisionError.*\n$")
+            self.assertEqual(stderr.getvalue().count("\n"), 1)
+            printed = "".join(call.args[0] for call in put.call_args_list)
+            self.assertIn(output, json.loads(printed)["error"] if output else printed)
 
     def test_output_fails(self):
         "A verdict that can't be written is no success."
@@ -402,7 +435,9 @@ class ForgeryTest(DeviceTest):
     def test_value(self):
         "A val that isn't the attested one, or not as a report prints it, fails."
         text = report_text(self.answer())
-        for val in ("8", "6", "0", "-7", "7.0", "7.5", "07e0", "7e0", "70e-1", "1e999", "-0", "7" * 400):
+        values = ["8", "6", "0", "-7", "7.0", "7.5", "07e0", "7e0", "70e-1", "1e999", "-0", "7" * 400]
+        values += ["0e0", "0e9999999999999999999", "0.0e-9999999999999999999", "7e-9999999999999999999", "7e+0"]
+        for val in values:
             with self.subTest(val):
                 changed = text.replace('"val": 7', f'"val": {val}')
                 self.assertNotEqual(changed, text)
@@ -492,7 +527,7 @@ class LargeCounterTest(DeviceTest):
                 self.assertEqual(self.failed(), set())
                 self.assertEqual(self.verify()[1]["counter"], str(counter))
                 plain = run_attest(*self.verify_arguments()).stdout.decode()
-                self.assertTrue(plain.endswith(f"The attestation holds: the counter is {counter}.\n"))
+                self.assertTrue(plain.endswith(f"nobody vouched for: the counter is {counter}.\n"))
 
     def test_any_counter(self):
         "Whatever the counter, it is among those that print alike, and they are all of those."

@@ -7,8 +7,8 @@ import argparse
 import contextlib
 import sys
 
+from . import files
 from .fault import Fault
-from .files import put
 
 FORM = {"formatter_class": argparse.RawDescriptionHelpFormatter, "allow_abbrev": False}
 
@@ -40,9 +40,9 @@ def run(parser, words, fault_object=None):
     except ModuleNotFoundError as error:
         reason = f"a Python package is missing: {error.name}"
     except Exception as error:  # pylint: disable=broad-except
-        reason = f"internal error, please report it: {type(error).__name__}: {error}"
+        reason = f"internal error, please report it: {error!r}"
     print(f"{parser.prog}: {reason}", file=sys.stderr)
     if fault_object and "--json" in words:
         with contextlib.suppress(Fault):  # the fault may be that nothing can be put there
-            put(fault_object(reason))
+            files.put(fault_object(reason))
     return 2

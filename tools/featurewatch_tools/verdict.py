@@ -19,7 +19,8 @@ class Check(NamedTuple):
 class Verdict(NamedTuple):
     """A Verdict holds all checks, the failed ones too. `counter` is None unless it is good.
 
-    `error` says why nothing could be checked.
+    `error` says why nothing could be checked. `ek_known` is set only where the EK's digest came from elsewhere and fits:
+    otherwise the answer may be that of any TPM, one made of software too.
     """
 
     ok: bool
@@ -28,6 +29,7 @@ class Verdict(NamedTuple):
     ek_digest: str | None = None
     ak_digest: str | None = None
     error: str | None = None
+    ek_known: bool = False
 
     def to_object(self):
         """The verdict for JSON. The counter is a text, as readers may turn numbers into doubles."""
@@ -37,6 +39,7 @@ class Verdict(NamedTuple):
             "counter": None if self.counter is None else str(self.counter),
             "ekDigest": self.ek_digest,
             "akDigest": self.ak_digest,
+            "ekKnown": self.ek_known,
             "error": self.error,
         }
 
@@ -44,7 +47,9 @@ class Verdict(NamedTuple):
         return json.dumps(self.to_object(), indent=2) + "\n"
 
     def __str__(self):
-        end = f"The attestation holds: the counter is {self.counter}." if self.ok else "The attestation does NOT hold."
+        known = "" if self.ek_known else ", for an EK that nobody vouched for"
+        good = f"The attestation holds{known}: the counter is {self.counter}."
+        end = good if self.ok else "The attestation does NOT hold."
         return "".join(f"{line}\n" for line in (*self.checks, end))
 
 

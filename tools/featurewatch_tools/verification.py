@@ -1,6 +1,7 @@
 """The checks of an attested report. docs/attestation.md tells what each of them proves."""
 
 import hmac
+import re
 from decimal import Decimal
 
 from cryptography.exceptions import InvalidSignature
@@ -31,7 +32,8 @@ def judge(report, context, secret, ek_digest=None):
         same("altSerial", report.identity["altSerial"], context.identity["altSerial"]),
     ]
     ok = all(check.ok for check in checks)
-    return Verdict(ok, checks, counter if ok else None, report.ek.digest(), report.ak.digest())
+    ek_known = ek_digest is not None and is_digest(ek_digest, report.ek)
+    return Verdict(ok, checks, counter if ok else None, report.ek.digest(), report.ak.digest(), ek_known=ek_known)
 
 
 def judge_keys(report, context, ek_digest):
@@ -102,6 +104,10 @@ def signature_holds(key, data, signature):
 # --- the counter ------------------------------------------------------------------------------------------------------
 
 
+# What %.16g makes of the whole numbers from 0 up to 2^64: sixteen digits, or more of them with an exponent.
+WHOLE_NUMBER = re.compile(r"0|[1-9][0-9]{0,15}|[1-9](\.[0-9]{0,14}[1-9])?e\+1[6-9]")
+
+
 def exact_counter(report):
     """The counter that the attestation states and `val` only rounds; None if it is of something else."""
     digest = report.attestation.session_digest
@@ -117,7 +123,7 @@ def printed(counter):
 
 def counters_printed_as(val):
     """All counters that a report prints like this: one below 2^53, above it up to some ten thousand."""
-    if not float(val).is_integer():
+    if not WHOLE_NUMBER.fullmatch(val):
         return []
     middle = int(Decimal(val))
     # The 16th digit counts 10^4 at most, a double's last bit 2^11; half of each lies to either side.
