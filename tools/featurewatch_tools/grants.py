@@ -1,6 +1,7 @@
 """Grants, the keys that they are signed with, and the verdict on them."""
 
 import base64
+import math
 import re
 from typing import NamedTuple
 
@@ -30,6 +31,7 @@ ALGORITHMS = {
     "RS256": Algorithm(hashes.SHA256(), None, 256),
 }
 RSA_BITS = 2048
+KEY_FILE_LIMIT = 1 << 16  # a device reads no larger key file
 
 # RFC 8017, appendix C: the identifier of keys for RSASSA-PSS alone, in DER. `cryptography` takes such a key for one of
 # plain RSA.
@@ -39,10 +41,21 @@ PSS_ONLY = bytes.fromhex("06092A864886F70D01010A")
 def algorithm_of(key, pem):
     """Returns the name of the one algorithm that a device takes for this public key, None if there is no such."""
     if isinstance(key, rsa.RSAPublicKey):
-        return "RS256" if key.key_size == RSA_BITS and not is_pss_only(pem) else None
+        fits = key.key_size == RSA_BITS and is_sound(key.public_numbers()) and not is_pss_only(pem)
+        return "RS256" if fits else None
     curve = key.curve.name if isinstance(key, ec.EllipticCurvePublicKey) else None
     names = (name for name, algorithm in ALGORITHMS.items() if algorithm.curve and algorithm.curve.name == curve)
     return next(names, None)
+
+
+def is_sound(numbers):
+    """The partial validation of RSA keys in SP 800-56B, 6.4.2.2: a device's OpenSSL refuses what fails it.
+
+    With an exponent of 1 anybody could sign. The last term is true neither for a prime nor for a power of one.
+    """
+    e, n = numbers.e, numbers.n
+    no_small_factor = all(n % divisor for divisor in range(2, 752))
+    return e >= 3 and e % 2 == 1 and no_small_factor and math.gcd(pow(2, n, n) - 2, n) == 1
 
 
 def is_pss_only(pem):
@@ -59,7 +72,9 @@ def load_key(load, pem, what, fault):
     except (ValueError, TypeError, UnsupportedAlgorithm):  # TypeError: it has a passphrase
         raise Fault(f"{what}: {fault}") from None
     if name is None:
-        raise Fault(f"{what}: no key for grants, which are EC on P-256 or P-384 and RSA of 2048 bits")
+        raise Fault(
+            f"{what}: no key for grants, which are EC on NIST P-256 or P-384 and RSA of 2048 bits with an odd exponent of 3 or more"
+        )
     return name, key
 
 
@@ -86,6 +101,8 @@ class PublicKey(NamedTuple):
 
 def read_public_key(pem, what):
     """Reads the first public key in PEM, as a device does."""
+    if len(pem) > KEY_FILE_LIMIT:
+        raise Fault(f"{what}: longer than {KEY_FILE_LIMIT} bytes")
     block = re.search(rb"-----BEGIN PUBLIC KEY-----\s.*?-----END PUBLIC KEY-----", pem, re.DOTALL)
     if not block:
         raise Fault(f"{what}: no public key")
@@ -210,6 +227,8 @@ def flaw(grant, key):
     name = grant.header.get("alg", key.algorithm)
     if name != key.algorithm:
         return f"the header's algorithm is {shown(name)}, the key is for {key.algorithm}"
+    if "crit" in grant.header:
+        return "the header has crit, which announces extensions (RFC 7515, 4.1.11): a device knows none"
     signature = decode(grant.signature)
     if signature is None:
         return "no canonical base64url"
