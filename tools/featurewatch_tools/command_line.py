@@ -26,7 +26,7 @@ def utf8_text(value):
     return value
 
 
-def run(parser, words, fault_object=None):
+def run(parser, words, fault_object):
     """Runs the command that these words ask for and returns its exit status.
 
     A Fault, a missing package and whatever else nobody foresaw end with one line and status 2, never with a traceback;
@@ -42,7 +42,7 @@ def run(parser, words, fault_object=None):
     except Exception as error:  # pylint: disable=broad-except
         reason = f"internal error, please report it: {error!r}"
     print(f"{parser.prog}: {reason}", file=sys.stderr)
-    if fault_object and "--json" in words:
+    if "--json" in words:
         with contextlib.suppress(Fault):  # the fault may be that nothing can be put there
             files.put(fault_object(reason))
     return 2

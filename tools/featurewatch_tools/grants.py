@@ -3,6 +3,8 @@
 import base64
 import math
 import re
+import subprocess
+import tempfile
 from typing import NamedTuple
 
 from cryptography.exceptions import InvalidSignature, UnsupportedAlgorithm
@@ -32,6 +34,7 @@ ALGORITHMS = {
 }
 RSA_BITS = 2048
 KEY_FILE_LIMIT = 1 << 16  # a device reads no larger key file
+SIGNATURE_LIMIT = 4096  # of what a signer prints; no signature in any form is nearly as long
 
 # RFC 8017, appendix C: the identifier of keys for RSASSA-PSS alone, in DER. `cryptography` takes such a key for one of
 # plain RSA.
@@ -144,6 +147,38 @@ def make_key_pair(name):
     return private, key.public_key().public_bytes(serialization.Encoding.PEM, forms[1])
 
 
+class CommandSigner(NamedTuple):
+    """A CommandSigner has a command sign, where the private key is in other hands: those of an HSM or a key service.
+
+    The command gets the text on standard input and prints the signature, in DER or in the form of RFC 7518.
+    """
+
+    command: str
+    public: PublicKey
+
+    @property
+    def algorithm(self):
+        return self.public.algorithm
+
+    def sign(self, data):
+        algorithm, output = ALGORITHMS[self.algorithm], self.output(data)
+        forms = [output, algorithm.curve and raw_signature(output, algorithm.signature_size)]
+        for signature in filter(None, forms):
+            if self.public.signed(data, signature):
+                return signature
+        raise Fault("what the signer printed is no signature that fits the public key")
+
+    def output(self, data):
+        with tempfile.TemporaryFile() as text:  # no pipe, which a signer that prints before it reads could fill
+            text.write(data)
+            text.seek(0)
+            with subprocess.Popen(self.command, shell=True, stdin=text, stdout=subprocess.PIPE) as process:
+                output = process.stdout.read(SIGNATURE_LIMIT)
+        if process.returncode != 0:
+            raise Fault(f"the signer ended with status {process.returncode}")
+        return output
+
+
 def raw_signature(der, size):
     """From two integers in DER (RFC 3279, 2.2.3) to both side by side (RFC 7518, 3.4); None if that can't be."""
     try:
@@ -192,8 +227,8 @@ class Grant(NamedTuple):
     signature: str
 
 
-def read_grant(data, what):
-    """Reads the compact form, which may end with one line feed."""
+def read_grant(data, what, numbers):
+    """Reads the compact form, which may end with one line feed. `numbers` is for the payload, as in parse_json."""
     try:
         segments = data.decode("ascii").removesuffix("\n").split(".")
     except UnicodeDecodeError:
@@ -202,8 +237,8 @@ def read_grant(data, what):
         raise Fault(f"{what}: not three segments with dots between them")
     header, payload, signature = segments
     grant = Grant(
-        read_segment(header, f"{what}: header"),
-        read_segment(payload, f"{what}: payload"),
+        read_segment(header, f"{what}: header", {}),
+        read_segment(payload, f"{what}: payload", numbers),
         f"{header}.{payload}",
         signature,
     )
@@ -212,11 +247,11 @@ def read_grant(data, what):
     return grant
 
 
-def read_segment(segment, what):
+def read_segment(segment, what, numbers):
     data = decode(segment)
     if data is None:
         raise Fault(f"{what}: no canonical base64url")
-    return parse_json(data, what, {})
+    return parse_json(data, what, numbers)
 
 
 def flaw(grant, key):
