@@ -458,6 +458,7 @@ class SerialsTest(GrantToolTest):
             ("1\na\0b\n", "line 2 is no serial number"),
             ("1\n" + "x" * 252, "line 2 is no serial number"),
             (b"1\n\xff", "not UTF-8"),
+            ("\n\r\n", "no serial number"),
         ):
             result = self.batch(content)
             self.assertEqual((result.returncode, result.stdout), (2, b""))

@@ -31,6 +31,8 @@ def parse_serials(data, what):
         if serial in lines:
             raise Fault(f"{what}: line {number} repeats line {lines[serial]}")
         lines[serial] = number
+    if not lines:
+        raise Fault(f"{what}: no serial number")
     return list(lines)
 
 

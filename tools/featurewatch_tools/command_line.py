@@ -40,7 +40,7 @@ def run(parser, words, fault_object):
         reason = str(fault)
     except ModuleNotFoundError as error:
         reason = f"a Python package is missing: {error.name}"
-    except Exception as error:  # pylint: disable=broad-except
+    except Exception as error:
         reason = f"internal error, please report it: {error!r}"
     except KeyboardInterrupt:
         return 128 + signal.SIGINT
