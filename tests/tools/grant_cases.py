@@ -29,6 +29,7 @@ MODP_2048 = int(
 )
 P256_ORDER = 0xFFFFFFFF00000000FFFFFFFFFFFFFFFFBCE6FAADA7179E84F3B9CAC2FC632551
 P256_SPKI_HEAD = bytes.fromhex("301306072A8648CE3D020106082A8648CE3D030107")
+RSA_IDENTIFIER = bytes.fromhex("300D06092A864886F70D0101010500")
 SHA256_INFO = bytes.fromhex("3031300D060960864801650304020105000420")  # RFC 8017, 9.2
 
 
@@ -190,8 +191,7 @@ def pem(label, data):
 
 
 def rsa_public(modulus, exponent):
-    identifier = bytes.fromhex("300D06092A864886F70D0101010500")
-    return der(0x30, identifier, der(0x03, b"\0", der(0x30, integer(modulus), integer(exponent))))
+    return der(0x30, RSA_IDENTIFIER, der(0x03, b"\0", der(0x30, integer(modulus), integer(exponent))))
 
 
 def prime(bits):
@@ -245,27 +245,53 @@ def square_root_case(p, q):
 
 
 def forms_of_a_key():
-    key, other = elliptic("P-256"), elliptic("P-256")
-    grant = key.grant()
+    key, other, rsa_key = elliptic("P-256"), elliptic("P-256"), rsa()
+    older = openssl("rsa", "-RSAPublicKey_out", data=rsa_key.private)
+    yield Case("an RSA key file in the older form", older, rsa_key.grant(), True)
+    yield Case("an older RSA key in front of another", older + key.public, rsa_key.grant(), True)
+    yield Case("an RSA key without the empty parameters", without_parameters(rsa_key), rsa_key.grant(), True)
     compressed = openssl("pkey", "-pubout", "-ec_conv_form", "compressed", data=key.private)
-    point = base64.b64decode(b"".join(key.public.splitlines()[1:-1]))[-64:]
-    off_curve = b"\4" + point[:-1] + bytes([point[-1] ^ 1])
+    data = openssl("pkey", "-pubin", "-outform", "DER", data=key.public)
+    begin, *lines, end = key.public.splitlines(keepends=True)
+    off_curve = b"\4" + data[-64:-1] + bytes([data[-1] ^ 1])
+    grant = key.grant()
     for name, public, good in (
         ("other lines around it", b"# ours\n\n" + key.public + b"bye\n", True),
         ("CR LF line ends", key.public.replace(b"\n", b"\r\n"), True),
+        ("blanks at the line ends", key.public.replace(b"\n", b" \n"), True),
+        ("all letters on one line", begin + b"".join(lines).replace(b"\n", b"") + b"\n" + end, True),
+        ("an empty line in it", begin + b"\n" + b"".join(lines) + end, True),
+        ("PEM headers", begin + b"X: y\n\n" + b"".join(lines) + end, True),
+        ("a byte order mark", b"\xef\xbb\xbf" + key.public, True),
+        ("no line feed at the end", key.public[:-1], True),
+        ("bytes after the key's own", pem("PUBLIC KEY", data + b"\0\0"), True),
         ("a compressed point", compressed, True),
         ("another key after it", key.public + other.public, True),
+        ("the private key in front", key.private + key.public, True),
         ("another key in front", other.public + key.public, False),
+        ("an older RSA key in front", older + key.public, False),
         ("the private key instead", key.private, False),
+        ("blanks in front", b"  " + key.public, False),
+        ("a letter in front", b"x" + key.public, False),
+        ("another label", key.public.replace(b"PUBLIC", b"TRUSTED PUBLIC"), False),
+        ("DER", data, False),
         ("nothing", b"", False),
-        ("no end", key.public[:-30], False),
-        ("one letter less", key.public.replace(b"E", b"", 5), False),
+        ("no end", begin + b"".join(lines), False),
+        ("a beginning too many", begin + key.public, False),
+        ("a letter that is none", begin + b"*" + b"".join(lines) + end, False),
+        ("one letter less", key.public.replace(b"M", b"", 1), False),
         ("the point at infinity", pem("PUBLIC KEY", der(0x30, P256_SPKI_HEAD, der(0x03, b"\0\0"))), False),
         ("a point off the curve", pem("PUBLIC KEY", der(0x30, P256_SPKI_HEAD, der(0x03, b"\0" + off_curve))), False),
         ("64 KiB", key.public.ljust(KEY_LIMIT, b"\n"), True),
         ("more than 64 KiB", key.public.ljust(KEY_LIMIT + 1, b"\n"), False),
     ):
         yield Case(f"a key file with {name}", public, grant, good)
+
+
+def without_parameters(key):
+    data = openssl("pkey", "-pubin", "-outform", "DER", data=key.public)
+    bits = data[data.index(RSA_IDENTIFIER) + len(RSA_IDENTIFIER) :]
+    return pem("PUBLIC KEY", der(0x30, der(0x30, RSA_IDENTIFIER[2:-2]), bits))
 
 
 # --- headers and signatures -------------------------------------------------------------------------------------------

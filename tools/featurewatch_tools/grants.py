@@ -81,6 +81,12 @@ def load_key(load, pem, what, fault):
     return name, key
 
 
+# The forms of RFC 5280 and, for RSA, RFC 8017, at a line's beginning, which a byte order mark doesn't change.
+PUBLIC_KEY = re.compile(
+    rb"(?:\A\xef\xbb\xbf|^)(-----BEGIN (RSA )?PUBLIC KEY-----\s.*?-----END \2?PUBLIC KEY-----)", re.M | re.S
+)
+
+
 class PublicKey(NamedTuple):
     """A PublicKey judges the signatures of grants."""
 
@@ -106,10 +112,10 @@ def read_public_key(pem, what):
     """Reads the first public key in PEM, as a device does."""
     if len(pem) > KEY_FILE_LIMIT:
         raise Fault(f"{what}: longer than {KEY_FILE_LIMIT} bytes")
-    block = re.search(rb"-----BEGIN PUBLIC KEY-----\s.*?-----END PUBLIC KEY-----", pem, re.DOTALL)
+    block = PUBLIC_KEY.search(pem)
     if not block:
         raise Fault(f"{what}: no public key")
-    return PublicKey(*load_key(serialization.load_pem_public_key, block[0] + b"\n", what, "no public key"))
+    return PublicKey(*load_key(serialization.load_pem_public_key, block[1] + b"\n", what, "no public key"))
 
 
 class PrivateKey(NamedTuple):
