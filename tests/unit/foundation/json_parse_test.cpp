@@ -137,7 +137,7 @@ std::optional<std::string> stringOf(std::string_view text) {
 
 // ---- Whole texts
 
-TEST(JSONParse, EachKindOfValue) {
+TEST(JSONParse, ReadsEachKindOfValue) {
     accepts("null", "null");
     accepts("true", "true");
     accepts("false", "false");
@@ -473,7 +473,7 @@ TEST(JSONParseNumber, CostOfOneValueDoesNotGrowWithTheTextBehindIt) {
 
 // ---- A string as a number
 
-TEST(JSONStringAsNumber, Rows) {
+TEST(JSONStringAsNumber, TakesOneNumberBetweenWhitespace) {
     const struct {
         std::string text;
         std::optional<double> value;
@@ -721,7 +721,7 @@ TEST(JSONParseString, LongRuns) {
 
 // ---- Arrays
 
-TEST(JSONParseArray, GoodOnes) {
+TEST(JSONParseArray, ReadsElementsInOrder) {
     accepts("[]", "[ ]");
     accepts("[ \t\r\n]", "[ ]");
     accepts("[1]", "[ 1 ]");
@@ -729,7 +729,7 @@ TEST(JSONParseArray, GoodOnes) {
     accepts("[[],[[]],{}]", "[ [ ], [ [ ] ], { } ]");
 }
 
-TEST(JSONParseArray, BadOnes) {
+TEST(JSONParseArray, AnythingButCommasBetweenValuesFails) {
     for (const char* text : {"[1,]", "[,]", "[,1]", "[1,,2]", "[1 2]", "[1", "[1 ", "[1, ", "[1,\n", "[1}", "[}", "]",
                              "[x]", "[1,x]", "[\"a]", "[nul]", "[1:2]", "[1;2]"})
         refuses(text);
@@ -785,14 +785,14 @@ TEST(JSONParseArray, CursorStopsBehindTheBracket) {
 
 // ---- Objects
 
-TEST(JSONParseObject, GoodOnes) {
+TEST(JSONParseObject, ReadsMembersOfEveryKind) {
     accepts("{}", "{ }");
     accepts("{ \t\r\n}", "{ }");
     accepts(R"({"a":1})", R"({ "a": 1 })");
     accepts(R"({"a":{"b":[{}]},"c":null})", R"({ "a": { "b": [ { } ] }, "c": null })");
 }
 
-TEST(JSONParseObject, BadOnes) {
+TEST(JSONParseObject, AnythingButKeyColonValueFails) {
     for (const char* text : {R"({"a":1,})",
                              R"({,})",
                              R"({"a"})",

@@ -150,7 +150,7 @@ TEST(JSONPrintNumber, EqualsTheLibrarysTextForNumbersOfDailyUse) {
 
 // ---- Strings
 
-TEST(JSONEscape, EveryByte) {
+TEST(JSONEscape, EscapesQuoteBackslashAndControlBytesOnly) {
     for (int byte = 1; byte < 256; ++byte) {
         char expected[16];
         std::snprintf(expected, sizeof expected, byte < 32 ? "\"\\u%04X\"" : "\"%c\"", byte);

@@ -273,7 +273,7 @@ TEST(UriEscape, UnreservedIsExactlyLettersDigitsAndFourMore) {
     EXPECT_EQ(66, kept);
 }
 
-TEST(UriEscape, Table) {
+TEST(UriEscape, EscapesAllButTheKeepSetAndRegions) {
     const struct {
         std::string text, keepSet;
         bool skipPatterns;
@@ -346,7 +346,7 @@ TEST(UriUnescape, EveryPairThatIsNotHexadecimalIsCopied) {
         }
 }
 
-TEST(UriUnescape, Table) {
+TEST(UriUnescape, DecodesEscapesAndCopiesBadOnes) {
     const struct {
         std::string text;
         bool skipPatterns;
@@ -417,7 +417,7 @@ TEST(UriSmartEscape, DecidesOverControlsAndTenCharactersOnly) {
         }
 }
 
-TEST(UriSmartEscape, Table) {
+TEST(UriSmartEscape, EscapesControlsPercentAndTheSetOnly) {
     const struct {
         std::string text, escapeSet;
         bool skipPatterns;
@@ -467,7 +467,7 @@ TEST(UriSmartUnescape, CopiesEveryByteThatBeginsNoEscape) {
         EXPECT_EQ(oneByte(byte), URI::smartUnescapeURIComponent(oneByte(byte), USER_INFO_USER_KEEP)) << byte;
 }
 
-TEST(UriSmartUnescape, Table) {
+TEST(UriSmartUnescape, DecodesAllButWhatWouldReadAsSomethingElse) {
     const struct {
         std::string text, keepEscapedSet;
         bool skipPatterns;
@@ -537,7 +537,7 @@ TEST(UriNormalize, QueryEscapesDelimitersThatUrisWouldAllow) {
               URI::normalizeURIComponent("/?:@!$'()*,", QUERY_SETS.decode, QUERY_SETS.preserve));
 }
 
-TEST(UriNormalize, Table) {
+TEST(UriNormalize, BringsEveryWritingIntoOneForm) {
     const struct {
         std::string text;
         NormalSets sets;
@@ -587,7 +587,7 @@ TEST(UriNormalize, Table) {
 
 // ---- validateEscaping ----
 
-TEST(UriValidateEscaping, Table) {
+TEST(UriValidateEscaping, EveryPercentOutsideRegionsNeedsTwoDigits) {
     const struct {
         std::string text;
         bool plain, skipping;
@@ -623,7 +623,7 @@ TEST(UriValidateEscaping, Table) {
 
 // ---- findSkipPattern ----
 
-TEST(UriFindSkipPattern, Table) {
+TEST(UriFindSkipPattern, FindsTheFirstOutsideRegions) {
     const struct {
         std::string text;
         char character;
@@ -688,7 +688,7 @@ TEST(UriFindSkipPattern, TerminatedTextEndsAtTheNul) {
 
 // ---- splitQueryString ----
 
-TEST(UriSplitQuery, Table) {
+TEST(UriSplitQuery, EveryItemCountsAndTheLastDuplicateWins) {
     const struct {
         std::string text;
         bool skipPatterns;
@@ -734,7 +734,7 @@ TEST(UriSplitQuery, Table) {
 
 // ---- queryString and queryStringCanonical ----
 
-TEST(UriQueryString, Table) {
+TEST(UriQueryString, ItemsWithoutAKeyAreSkippedAndTheFirstDuplicateWins) {
     const struct {
         std::string query;
         URI::Query decoded, canonical;
@@ -784,7 +784,7 @@ TEST(UriQueryString, ItemWithoutKeyIsSkippedWhereTheTolerantSplitKeepsIt) {
 
 // ---- makeQueryString and setQuery ----
 
-TEST(UriMakeQuery, Table) {
+TEST(UriMakeQuery, WritesItemsInTheOrderOfTheirKeys) {
     const struct {
         URI::Query items;
         bool skipPatterns;

@@ -19,6 +19,7 @@
 
 #include "foundation/uri.h"
 #include "unit/exact_buffer.h"
+#include "unit/foundation/even_growth.h"
 
 namespace {
 
@@ -1355,14 +1356,20 @@ TEST(UriOriginRandom, TheOrderIsAntisymmetricAndTransitive) {
 // A text that costs the square of its length would take hours here.
 TEST(UriOriginRandom, LongTextsAreReadInOneGo) {
     for (const std::string piece : {"[", "%", "%2", "@", ":", "]", "::", "1:", "0", "a.", "[["}) {
-        std::string text;
-        while (text.size() < (1u << 20))
-            text += piece;
-        for (const std::string start : {"http://", "http://[", "http://a:", "orv://", "http://[fe80::1%25", "a"})
-            parse(start + text);
-        withHost(text).isIPv4();
-        withHost(text).isIPv6();
-        withHost(text).escapedHost();
+        for (const std::string start : {"http://", "http://[", "http://a:", "orv://", "http://[fe80::1%25", "a"}) {
+            EXPECT_TRUE(growsEvenly(piece,
+                                    [&](const std::string& text) {
+                                        const Parse result = parse(start + text);
+                                        return result.rest ? result.origin.host.size() + result.userInfo.size() +
+                                                                 result.rest->size()
+                                                           : 0;
+                                    }))
+                << start << piece;
+        }
+        EXPECT_TRUE(growsEvenly(piece, [](const std::string& text) {
+            EXPECT_FALSE(withHost(text).isIPv4() || withHost(text).isIPv6());
+            return withHost(text).escapedHost().size();
+        })) << piece;
     }
 }
 

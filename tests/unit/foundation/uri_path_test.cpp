@@ -121,7 +121,7 @@ TEST(UriPath, ConstructorTakesSegmentsInOrder) {
 
 // ---- toString and toFileName ----
 
-TEST(UriPathText, Table) {
+TEST(UriPathText, FlagsDecideOnTheSlashesAtTheEnds) {
     const struct {
         const char* path;
         std::string expected;
@@ -213,7 +213,7 @@ TEST(UriPathParse, FlagsAreOnlySet) {
     EXPECT_EQ("/<a>/", show(path));
 }
 
-TEST(UriPathParse, Table) {
+TEST(UriPathParse, CutsAtSlashesAndEndsAtQueryOrFragment) {
     const struct {
         std::string text, expected;
         size_t end;
@@ -371,7 +371,7 @@ TEST(UriPathParse, BadSegmentWithoutRegionIsStoredAlsoWithRegionsOn) {
 
 // ---- fromFileName and fromString ----
 
-TEST(UriPathFileName, Table) {
+TEST(UriPathFileName, SlashesCollapseAndDotSegmentsGo) {
     const struct {
         std::string name, expected;
         const char* from;
@@ -437,7 +437,7 @@ TEST(UriPathQuery, ContainsComparesWholeSegments) {
     EXPECT_TRUE(Path("a\0b"s).contains("a\0b"s));
 }
 
-TEST(UriPathQuery, BeginsWith) {
+TEST(UriPathQuery, BeginsWithComparesWholeSegments) {
     const struct {
         const char *path, *prefix;
         bool expected;
@@ -503,7 +503,7 @@ TEST(UriPathQuery, CompareGivesTheseNumbers) {
     EXPECT_EQ(2, Path("a\0b"s).compare(Path("a")));
 }
 
-TEST(UriPathQuery, LastSegmentName) {
+TEST(UriPathQuery, LastSegmentNameIsEmptyWithoutSegments) {
     const Path path = P("/<a><b>/");
     EXPECT_EQ(&path.segments.back(), &path.lastSegmentName());
     const std::string* empty;
@@ -516,7 +516,7 @@ TEST(UriPathQuery, LastSegmentName) {
     EXPECT_EQ(empty, &Path().lastSegmentName());
 }
 
-TEST(UriPathQuery, Parts) {
+TEST(UriPathQuery, PartsFollowFromSegmentsAndFlags) {
     const struct {
         const char *path, *lastSegment, *resourceName, *resourceDir, *topDir, *afterTopDir;
     } rows[] = {
@@ -548,7 +548,7 @@ TEST(UriPathQuery, Parts) {
     }
 }
 
-TEST(UriPathQuery, SubPath) {
+TEST(UriPathQuery, SubPathKeepsTheFlagsOfTheEndsThatItKeeps) {
     const unsigned END = static_cast<unsigned>(-1);
     const struct {
         const char* path;
@@ -578,7 +578,7 @@ TEST(UriPathQuery, SubPath) {
             << row.path << " " << row.first << " " << row.last << ": " << row.from;
 }
 
-TEST(UriPathQuery, CommonBase) {
+TEST(UriPathQuery, CommonBaseIsTheSharedDirectory) {
     const struct {
         const char *a, *b, *expected, *from;
     } rows[] = {
@@ -674,7 +674,7 @@ TEST(UriPathChange, AppendAndSlashAddAPath) {
     }
 }
 
-TEST(UriPathChange, AddSuffix) {
+TEST(UriPathChange, AddSuffixExtendsTheLastSegment) {
     const struct {
         const char *path, *suffix, *expected, *from;
     } rows[] = {
@@ -696,7 +696,7 @@ TEST(UriPathChange, AddSuffix) {
     }
 }
 
-TEST(UriPathChange, RemoveRoot) {
+TEST(UriPathChange, RemoveRootTakesWholeSegments) {
     const struct {
         const char *path, *root;
         bool expected;
@@ -728,7 +728,7 @@ TEST(UriPathChange, RemoveRoot) {
     }
 }
 
-TEST(UriPathChange, RemoveDotSegments) {
+TEST(UriPathChange, RemoveDotSegmentsKeepsLeadingParentsUnlessRooted) {
     const struct {
         const char *path, *expected, *rooted, *from;
     } rows[] = {
@@ -780,7 +780,7 @@ TEST(UriPathChange, RemoveDotSegments) {
     }
 }
 
-TEST(UriPathChange, Resolve) {
+TEST(UriPathChange, ResolveMergesRelativePathsOnly) {
     const struct {
         const char *path, *base;
         bool rooted;
@@ -848,7 +848,7 @@ TEST(UriPathChange, ResolveFollowsTheExamplesOfRfc3986Section54) {
     }
 }
 
-TEST(UriPathChange, MakeRelative) {
+TEST(UriPathChange, MakeRelativeGoesUpToTheSharedDirectory) {
     const struct {
         const char *path, *base, *expected, *from;
     } rows[] = {

@@ -14,6 +14,7 @@
 
 #include "foundation/uri.h"
 #include "unit/exact_buffer.h"
+#include "unit/foundation/even_growth.h"
 
 namespace {
 
@@ -202,7 +203,7 @@ void expectEmpty(const std::vector<std::pair<std::string, const char*>>& rows, b
         EXPECT_EQ(EMPTY, describe(parse(text, skipPatterns))) << testing::PrintToString(text) << ": " << why;
 }
 
-TEST(UriParse, WholeUris) {
+TEST(UriParse, WholeUrisAreTakenApart) {
     expectParsed({
         {"http://u:p@name:8080/a/b?k=v#f", "http|u:p|name|8080|A<a><b>|k=v|f", "http://u:p@name:8080/a/b?k=v#f",
          "every part"},
@@ -228,7 +229,7 @@ TEST(UriParse, WholeUris) {
     });
 }
 
-TEST(UriParse, RelativeReferences) {
+TEST(UriParse, RelativeReferencesHaveNoOrigin) {
     expectParsed({
         {"", EMPTY, "", "nothing"},
         {"a", "|||0|<a>||", "a", "one segment"},
@@ -267,7 +268,7 @@ TEST(UriParse, TextsThatBeginWithTwoSlashesAreFileUris) {
     expectEmpty({{"//a_b/x", "a bad host"}, {"//a:x/", "a bad port"}});
 }
 
-TEST(UriParse, UrisWithoutAuthority) {
+TEST(UriParse, UrisWithoutAuthorityHaveSchemeAndPath) {
     expectParsed({
         {"file:/a/b", "file|||0|A<a><b>||", "file:/a/b", "a file"},
         {"file:///a/b", "file|||0|A<a><b>||", "file:/a/b", "an empty host is not printed"},
@@ -549,7 +550,7 @@ TEST(UriPrint, TheTextForPeople) {
 
 // ---- Files ----
 
-TEST(UriFile, FromFileName) {
+TEST(UriFile, FromFileNameMakesALocalFileUri) {
     const struct {
         std::string name, fields, printed;
     } rows[] = {
@@ -577,7 +578,7 @@ TEST(UriFile, FromFileName) {
     }
 }
 
-TEST(UriFile, GetFileName) {
+TEST(UriFile, GetFileNameIsForLocalFilesOnly) {
     const std::pair<std::string, std::string> rows[] = {
         {"file:///a/b", "/a/b"},
         {"file:/a%20b/", "/a b/"},
@@ -613,7 +614,7 @@ TEST(UriFile, NamesComeBack) {
 
 // ---- Resources ----
 
-TEST(UriResource, NameAndDirectory) {
+TEST(UriResource, NameIsTheLastSegmentAndDirectoryTheRest) {
     const struct {
         std::string text, name, directory;
     } rows[] = {
@@ -1287,19 +1288,23 @@ TEST(UriRandom, LongTextsAreReadInOneGo) {
     const URI base = parse("http://name/a/b?q#f");
     for (const std::string piece : {"[[", "]]", "[[a]]", "[[a]]%41", "%", "%41", "a/", "../", "a/../", "/", "&", "=",
                                     "#", "?", "@", "a=b&", "]]["}) {
-        std::string noise;
-        while (noise.size() < (1u << 18))
-            noise += piece;
         for (const std::string start : {"", "?", "#", "http://name/", "data:,"}) {
             for (const bool skipPatterns : {false, true}) {
-                const URI uri = parse(start + noise, skipPatterns);
-                uri.toString(skipPatterns);
-                uri.toUserString(skipPatterns);
-                uri.queryString();
-                URI(uri).resolve(base).makeRelative(base);
+                EXPECT_TRUE(growsEvenly(piece,
+                                        [&](const std::string& noise) {
+                                            URI uri = parse(start + noise, skipPatterns);
+                                            const size_t printed = uri.toString(skipPatterns).size() +
+                                                                   uri.toUserString(skipPatterns).size();
+                                            const size_t items = uri.queryString().size();
+                                            return printed + items +
+                                                   uri.resolve(base).makeRelative(base).toString(skipPatterns).size();
+                                        }))
+                    << start << piece << skipPatterns;
             }
         }
-        URI::fromFileName(noise).toString(true);
+        EXPECT_TRUE(growsEvenly(piece, [](const std::string& noise) {
+            return URI::fromFileName(noise).toString(true).size();
+        })) << piece;
     }
 }
 
