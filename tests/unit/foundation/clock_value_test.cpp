@@ -71,7 +71,7 @@ Qword scanQword(const std::string& text) {
     return {value, scale, rest};
 }
 
-// Parsed is the outcome of ClockValue::parse; with both flags set its result tells whether all text was understood.
+// Parsed is the outcome of ClockValue::parse; with both flags set its result is whether all text was understood.
 struct Parsed {
     bool result;
     ClockValue value;
@@ -131,7 +131,7 @@ private:
         return whole;
     }
 
-    // fractionOf needs no more digits than those whose scale fits, as those behind are far below a microsecond.
+    // fractionOf needs no more digits than those whose scale fits, as those after are far below a microsecond.
     static uint64_t fractionOf(std::string fraction, uint64_t unit) {
         fraction.resize(std::min<size_t>(fraction.size(), 19));
         const uint64_t scale = number("1" + std::string(fraction.size(), '0'));
@@ -675,7 +675,7 @@ TEST(ClockValueParse, RefusedValueIsKept) {
     EXPECT_EQ(value.value, 0);
 }
 
-TEST(ClockValueParse, TextBehindANulByteRemainsUnread) {
+TEST(ClockValueParse, TextAfterANulByteRemainsUnread) {
     EXPECT_FALSE(parsed("10\0"s).result);
     EXPECT_FALSE(parsed("10s\0 5"s).result);
     EXPECT_FALSE(parsed("\0"s).result);

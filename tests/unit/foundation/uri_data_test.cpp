@@ -35,8 +35,7 @@ std::string hexEscape(int byte) {
     return "%"s + digits[byte / 16] + digits[byte % 16];
 }
 
-// parse parses a copy of `rest`, what follows "data:", that has nothing readable behind its terminator. Null on
-// failure.
+// parse parses a copy of `rest`, what follows "data:", that has nothing readable after its terminator. Null on failure.
 std::shared_ptr<const URI::Data> parse(const std::string& rest) {
     const ExactBuffer<char> buffer(rest, true);
     URI uri;

@@ -43,7 +43,7 @@ const std::vector<std::string> USER_KEEP_SETS = {NO_SET, USER_INFO_USER_KEEP, QU
 const std::vector<std::string> USER_ESCAPE_SETS = {NO_SET, PATH_USER_ESCAPE, "#%&/:=?@[]", " a~\x7f\x80\xff"};
 const std::vector<NormalSets> NORMAL_SETS = {USER_INFO_SETS, QUERY_SETS, FRAGMENT_SETS, CANONICAL_SETS};
 
-// ---- Models: every search begins anew, whatever it costs ----
+// ---- Models: every search begins again, whatever it costs ----
 
 bool holds(const std::string& set, char c) {
     return set.find(c) != NO_POSITION;
@@ -69,14 +69,14 @@ int digitValue(char c) {
     return position == NO_POSITION ? -1 : static_cast<int>(position < 16 ? position : position - 6);
 }
 
-// escapeAt gives the byte that the escape at `i` encodes, or -1 if there is no valid one.
+// escapeAt returns the byte that the escape at `i` encodes, or -1 if there is no valid one.
 int escapeAt(const std::string& text, size_t i) {
     if (text[i] != '%' || text.size() - i < 3 || digitValue(text[i + 1]) < 0 || digitValue(text[i + 2]) < 0)
         return -1;
     return digitValue(text[i + 1]) * 16 + digitValue(text[i + 2]);
 }
 
-// regionAt gives the length of the region that begins at `i`, 0 if none does.
+// regionAt returns the length of the region that begins at `i`, 0 if none does.
 size_t regionAt(const std::string& text, size_t i, bool skipPatterns) {
     if (!skipPatterns || text.compare(i, 2, "[[") != 0)
         return 0;
@@ -850,7 +850,7 @@ public:
     }
 
 private:
-    // addRun adds one piece many times, as results are gathered in blocks, and something behind it.
+    // addRun adds one piece many times, as results are gathered in blocks, and something after it.
     void addRun(std::string& text) {
         const std::string& piece = m_pieces[below(m_pieces.size())];
         for (size_t count = 200 + below(400); count > 0; --count)
@@ -1000,7 +1000,7 @@ TEST(UriEscapeProperty, QueryPutTogetherComesApartAgain) {
 
 // ---- The end of the text, in a block that ends with it ----
 
-TEST(UriEscapeBounds, NoTransformReadsBehindTheEnd) {
+TEST(UriEscapeBounds, NoTransformReadsAfterTheEnd) {
     const std::string front(24, 'x');
     for (const std::string end :
          {"%", "%4", "%%", "[", "[[", "[[]", "]", "]]", "[[a]", "[[%", "[[]]", "=", "&", "[[a]]%"}) {

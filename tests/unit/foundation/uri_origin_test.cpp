@@ -37,7 +37,7 @@ struct Parse {
     std::optional<std::string> rest;
 };
 
-// parse parses a copy of `text` that has nothing readable behind its terminator. `hasAuthority` is its first value.
+// parse parses a copy of `text` that has nothing readable after its terminator. `hasAuthority` is its first value.
 Parse parse(const std::string& text, bool hasAuthority = false) {
     const ExactBuffer<char> buffer(text, true);
     Parse result;
@@ -422,7 +422,7 @@ TEST(UriOriginParse, IPv6StandsInBrackets) {
                         });
 }
 
-TEST(UriOriginParse, IPv6NeedsItsBracketAndNothingButAPortBehind) {
+TEST(UriOriginParse, IPv6NeedsItsBracketAndNothingButAPortAfter) {
     expectNoHosts("http", {"[", "[]", "[]:80", "[::1", "[::1:80", "[::1]x", "[::1]80", "[::1]]", "[::1][::1]", "[::1] ",
                            "[::1]%3A80", "[[::1]]", "x[::1]", "::1", "]", "]::1["});
 }

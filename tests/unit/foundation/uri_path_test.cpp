@@ -1,8 +1,8 @@
 // uri_path_test.cpp: URI::Path of foundation/uri.h. Tables come first; then random paths are held against slow models
 // and against what the operations promise together.
 //
-// A path is written as its segments in angle brackets, "-" for none, behind "/" if absolute and ahead of "/" if it has
-// a trailing slash: "/<a><b c>/", "-/".
+// A path is written as its segments in angle brackets, "-" for none, after "/" if absolute and ahead of "/" if it has a
+// trailing slash: "/<a><b c>/", "-/".
 
 #include <gtest/gtest.h>
 
@@ -975,7 +975,7 @@ private:
     std::mt19937 m_random;
 };
 
-// isWhatParsingGives tells whether the path's text parses to this path: an empty segment must not look like the root
+// isWhatParsingGives returns whether the path's text parses to this path: an empty segment must not look like the root
 // or a trailing slash, and a path without segments is "" or "/".
 bool isWhatParsingGives(const Path& path) {
     if (path.segments.empty())
@@ -1296,7 +1296,7 @@ TEST(UriPathLongPath, ChangesTakeLinearTime) {
 
 // ---- The end of the text, in a block that ends with it ----
 
-TEST(UriPathBounds, ParserReadsNothingBehindTheTerminator) {
+TEST(UriPathBounds, ParserReadsNothingAfterTheTerminator) {
     for (const std::string front : {"", "a", "/", "[[x]]"})
         for (const std::string end : {"", "%", "%4", "[", "[[", "[[]", "]", "]]", "[[a]", "[[%", "[[]]", "/", "?",
                                       "[[?", "[[/", "[[?]", "[[?]]", "[[/]]", "[[#]]?"})

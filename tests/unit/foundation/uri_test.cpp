@@ -25,7 +25,7 @@ using Path = URI::Path;
 
 constexpr int RANDOM_CASES = 100000;
 
-// parse parses a copy of `text` that has nothing readable behind its terminator.
+// parse parses a copy of `text` that has nothing readable after its terminator.
 URI parse(const std::string& text, bool skipPatterns = false) {
     const ExactBuffer<char> buffer(text, true);
     return URI::fromString(buffer.data(), skipPatterns);
@@ -642,7 +642,7 @@ struct ResolveRow {
 };
 
 TEST(UriResolve, ExamplesOfTheRfc) {
-    // RFC 3986, 5.4; the base is http://a/b/c/d;p?q. Behind the results that differ stands why.
+    // RFC 3986, 5.4; the base is http://a/b/c/d;p?q. A note says why a result differs.
     const std::vector<ResolveRow> rows = {
         {"g:h", "g:h", "5.4.1"},
         {"g", "http://a/b/c/g", "5.4.1"},
@@ -1040,7 +1040,7 @@ std::string randomText(std::mt19937& random, bool escapes) {
     return text;
 }
 
-// hasOwnText tells whether a parsed URI is what its own text is read as. What has no host is printed without an
+// hasOwnText returns whether a parsed URI is what its own text is read as. What has no host is printed without an
 // authority, multicast with one, and a relative path without a mark in front. So these are read as something else: user
 // information or a port without a host, a multicast URI that had no authority (relative, or with ".." in front), an
 // empty first segment, a first segment that looks like a scheme.
@@ -1154,7 +1154,7 @@ TEST(UriRandom, WhatParsesHasTheForm) {
     }
 }
 
-// isAboveBase tells whether `uri` names, without a slash, a directory in which the base lies: the one case in which a
+// isAboveBase returns whether `uri` names, without a slash, a directory in which the base lies: the one case in which a
 // relative form has no text of its own.
 bool isAboveBase(const Path& uri, const Path& base) {
     const size_t depth = base.segments.size() - (base.trailingSlash || base.segments.empty() ? 0 : 1);
