@@ -290,8 +290,7 @@ bool Parser::unicodeEscape(std::string& out) {
 }
 
 void Parser::skipWhitespace() {
-    while (jsonIsWhitespace(*m_pText))
-        ++m_pText;
+    m_pText = jsonWhitespaceEnd(m_pText, m_pBlockEnd);
 }
 
 void Parser::store(JSON::root&& value) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <bit>
+#include <cstring>
 
 #ifdef __SSE2__
 #include <emmintrin.h>
@@ -10,6 +11,18 @@
 // jsonIsWhitespace returns whether `c` is one of the four bytes that JSON counts as whitespace.
 inline bool jsonIsWhitespace(char c) {
     return c == ' ' || c == '\n' || c == '\t' || c == '\r';
+}
+
+// jsonWhitespaceEnd returns the first byte from `text` on that is not whitespace, the text's NUL at the latest. Blanks
+// before `end` are passed over eight at a time, because documents for people are mostly indentation; an `end` not above
+// `text` only makes it slower.
+inline const char* jsonWhitespaceEnd(const char* text, const char* end) {
+    while (jsonIsWhitespace(*text)) {
+        ++text;
+        while (end - text >= 8 && std::memcmp(text, "        ", 8) == 0)
+            text += 8;
+    }
+    return text;
 }
 
 // jsonIsPlain returns whether `c` stands for itself inside a JSON string: not a quote, not a backslash, not below 32.
