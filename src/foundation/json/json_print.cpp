@@ -57,6 +57,22 @@ public:
         m_pNext += count;
     }
 
+    // addQuotedIfPlain adds a short text in quotes and returns true if none of its bytes needs an escape. The text is
+    // copied first: in the block it may be searched in steps beyond its end, where quotes end the search.
+    bool addQuotedIfPlain(const char* first, const char* last) {
+        const auto count = static_cast<std::size_t>(last - first);
+        if (count > MAX_SHORT)
+            return false;
+        char* const text = room(1 + count + JSON_BLOCK) + 1;
+        text[-1] = '"';
+        std::memcpy(text, first, count);
+        std::memset(text + count, '"', JSON_BLOCK);
+        if (jsonPlainRunEnd(text, text + count + JSON_BLOCK) != text + count)
+            return false;
+        m_pNext = text + count + 1;
+        return true;
+    }
+
     void addNumber(double value) { m_pNext = jsonFormatNumber(room(JSON_NUMBER_LENGTH), value); }
 
     void addTabs(int count) {
@@ -71,6 +87,7 @@ public:
 
 private:
     static constexpr std::size_t BLOCK = 4096;
+    static constexpr std::size_t MAX_SHORT = 256;
 
     // room returns a place for `count` bytes, at most BLOCK.
     char* room(std::size_t count) {
@@ -98,6 +115,8 @@ void addEscape(Output& out, char c) {
 
 // addQuoted writes the bytes from `text` to its first NUL, the one at `end` at the latest, as a JSON string.
 void addQuoted(Output& out, const char* text, const char* end) {
+    if (out.addQuotedIfPlain(text, end))
+        return;
     out.add('"');
     for (;;) {
         const char* const run = text;
