@@ -2,6 +2,9 @@
 // generated documents; and our own times over document sizes, which must grow in proportion.
 //
 // Each benchmark is named operation/document/library. The documents are the same in every run.
+//
+// With --documents=FOLDER only the .json files of that folder count: each library takes its turn in each round, and the
+// ratios are printed beside each other.
 
 #include <benchmark/benchmark.h>
 #include <jansson.h>
@@ -10,17 +13,23 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "foundation/json.h"
+#include "rounds.h"
 
 namespace {
 
@@ -233,9 +242,49 @@ void addSize(std::size_t megabytes) {
     benchmark::RegisterBenchmark(("print/" + name).c_str(), print)->Unit(benchmark::kMillisecond);
 }
 
+// --- documents from outside, in rounds ---
+
+template <class Library>
+rounds::Contestant parser(const std::string& text) {
+    return {Library::NAME, [&text] { benchmark::DoNotOptimize(Library::good(Library::parse(text))); }};
+}
+
+template <class Library>
+rounds::Contestant printer(const std::string& text) {
+    const auto tree = std::make_shared<typename Library::Tree>(Library::parse(text));
+    return {Library::NAME, [tree] { benchmark::DoNotOptimize(Library::print(*tree)); }};
+}
+
+void compareOn(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    const std::string text(std::istreambuf_iterator<char>(in), {});
+    if (!Ours::good(Ours::parse(text))) {
+        std::printf("%s is refused\n", file.filename().c_str());
+        return;
+    }
+    const std::string name = file.stem();
+    rounds::printRow("parse " + name, {parser<Ours>(text), parser<Nlohmann>(text), parser<RapidJson>(text)}, 1);
+    rounds::printRow("print " + name, {printer<Ours>(text), printer<Nlohmann>(text), printer<RapidJson>(text)}, 1);
+}
+
+void compareOnFolder(const std::string& folder) {
+    std::vector<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        if (entry.path().extension() == ".json")
+            files.push_back(entry.path());
+    std::sort(files.begin(), files.end());
+    for (const std::filesystem::path& file : files)
+        compareOn(file);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    constexpr std::string_view DOCUMENTS = "--documents=";
+    if (argc == 2 && std::string_view(argv[1]).starts_with(DOCUMENTS)) {
+        compareOnFolder(argv[1] + DOCUMENTS.size());
+        return 0;
+    }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;

@@ -8,6 +8,9 @@
 //
 // `Resolve` makes an absolute URI of the text of a reference and a parsed base.
 //
+// With --urls=FILE only the lines of that file count that all three take: each library takes its turn in each round,
+// and the ratios are printed beside each other.
+//
 // The last ones show that no text is expensive: 8, 80 and 800 KB of "[[", of "%" and of mixtures. The time for one byte
 // (`per_byte`) may grow only by what the caches make of it, and not with the length.
 
@@ -17,14 +20,17 @@
 
 #include <algorithm>
 #include <deque>
+#include <fstream>
 #include <initializer_list>
 #include <iterator>
 #include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "foundation/uri.h"
+#include "rounds.h"
 
 namespace {
 
@@ -342,9 +348,69 @@ void addExpensive() {
     }
 }
 
+// --- addresses from outside, in rounds -------------------------------------------------------------------------------
+
+Texts urlsOf(const std::string& file) {
+    std::ifstream in(file);
+    Texts texts;
+    for (std::string line; std::getline(in, line);)
+        if (Ours(line).valid() && Uriparser(line).valid() && GLib(line).valid())
+            texts.push_back(line);
+    return texts;
+}
+
+template <class Library>
+rounds::Contestant parser(const std::string& name, const Texts& texts) {
+    return {name, [&texts] {
+                for (const std::string& text : texts)
+                    benchmark::DoNotOptimize(Library(text).valid());
+            }};
+}
+
+template <class Library>
+rounds::Contestant printer(const std::string& name, const Texts& texts) {
+    const auto values = std::make_shared<std::deque<Library>>();
+    for (const std::string& text : texts)
+        values->emplace_back(text);
+    return {name, [values] {
+                for (const Library& value : *values)
+                    benchmark::DoNotOptimize(value.print());
+            }};
+}
+
+template <class Library>
+rounds::Contestant parserAndPrinter(const std::string& name, const Texts& texts) {
+    return {name, [&texts] {
+                for (const std::string& text : texts)
+                    benchmark::DoNotOptimize(Library(text).print());
+            }};
+}
+
+void compareOn(const std::string& suffix, const Texts& texts) {
+    const auto count = static_cast<double>(texts.size());
+    rounds::printRow("parse" + suffix,
+                     {parser<Ours>("ours", texts), parser<Uriparser>("uriparser", texts), parser<GLib>("GLib", texts)},
+                     count);
+    rounds::printRow(
+        "print" + suffix,
+        {printer<Ours>("ours", texts), printer<Uriparser>("uriparser", texts), printer<GLib>("GLib", texts)}, count);
+    rounds::printRow("parse and print" + suffix,
+                     {parserAndPrinter<Ours>("ours", texts), parserAndPrinter<Uriparser>("uriparser", texts),
+                      parserAndPrinter<GLib>("GLib", texts)},
+                     count);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    constexpr std::string_view URLS = "--urls=";
+    if (argc == 2 && std::string_view(argv[1]).starts_with(URLS)) {
+        const Texts texts = urlsOf(argv[1] + URLS.size());
+        std::printf("%zu addresses that all take\n", texts.size());
+        compareOn("", texts);
+        compareOn(", 8 KB each", longURLs());
+        return 0;
+    }
     addBesidePeers("", urls(), references());
     addBesidePeers("Long", longURLs(), longReferences());
     addExpensive();

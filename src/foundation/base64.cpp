@@ -10,18 +10,18 @@ namespace orv {
 
 namespace {
 
-// What the decode tables hold for a byte that is no letter: the bit above the 24 that a group of four letters stands
-// for, so that it shows in the union of a group's entries.
+// NO_LETTER is what the decode tables hold for a byte that is not a letter. It is the bit above the 24 that a group of
+// four letters stands for, so that it shows in the union of a group's entries.
 constexpr uint32_t NO_LETTER = 1U << 24;
 
-// One of the two alphabets, as tables that are made at compile time. They are larger than letters and values alone
-// would need, because fewer look-ups and shifts are what makes both directions fast.
+// Alphabet is one of the two alphabets, as tables that are made at compile time. They are larger than letters and
+// values alone would need: fewer look-ups and shifts make both directions fast.
 struct Alphabet {
-    // Twelve bits to two letters.
+    // pairs holds two letters for each twelve bits.
     std::array<std::array<char, 2>, 4096> pairs{};
 
-    // Any byte to its value, shifted to where the first, second, third or fourth letter of a group has its bits, or
-    // NO_LETTER.
+    // shifted holds the value of each byte, moved to where the first, second, third or fourth letter of a group has its
+    // bits, or NO_LETTER.
     std::array<std::array<uint32_t, 256>, 4> shifted{};
 
     constexpr explicit Alphabet(std::string_view letters) {
@@ -48,25 +48,25 @@ size_t unpaddedSize(size_t length) {
     return paddedSize(length) - (tail == 0 ? 0 : 3 - tail);
 }
 
-// Writes the two letters that the lowest twelve bits of `bits` stand for.
+// putPair writes the two letters that the lowest twelve bits of `bits` stand for.
 void putPair(const Alphabet& alphabet, uint64_t bits, char* out) {
     std::memcpy(out, alphabet.pairs[bits & 0xfff].data(), 2);
 }
 
-// Three bytes become four letters.
+// encodeGroup turns three bytes into four letters.
 void encodeGroup(const Alphabet& alphabet, const unsigned char* data, char* out) {
     const uint32_t bits = uint32_t{data[0]} << 16 | uint32_t{data[1]} << 8 | data[2];
     putPair(alphabet, bits >> 12, out);
     putPair(alphabet, bits, out + 2);
 }
 
-// The number that eight bytes are, the first one highest; compilers make one load of it.
+// bigEndian64 returns eight bytes as a number, the first one highest; compilers make one load of it.
 uint64_t bigEndian64(const unsigned char* data) {
     return uint64_t{data[0]} << 56 | uint64_t{data[1]} << 48 | uint64_t{data[2]} << 40 | uint64_t{data[3]} << 32 |
            uint64_t{data[4]} << 24 | uint64_t{data[5]} << 16 | uint64_t{data[6]} << 8 | uint64_t{data[7]};
 }
 
-// Six bytes become eight letters. Reads eight bytes.
+// encodeTwoGroups turns six bytes into eight letters. It reads eight bytes.
 void encodeTwoGroups(const Alphabet& alphabet, const unsigned char* data, char* out) {
     const uint64_t bits = bigEndian64(data);
     putPair(alphabet, bits >> 52, out);
@@ -75,7 +75,7 @@ void encodeTwoGroups(const Alphabet& alphabet, const unsigned char* data, char* 
     putPair(alphabet, bits >> 16, out + 6);
 }
 
-// The one or two bytes behind the last full group become two or three letters.
+// encodeTail turns the one or two bytes after the last full group into two or three letters.
 void encodeTail(const Alphabet& alphabet, const unsigned char* data, size_t length, char* out) {
     unsigned char group[3] = {};
     char letters[4];
@@ -84,7 +84,7 @@ void encodeTail(const Alphabet& alphabet, const unsigned char* data, size_t leng
     std::memcpy(out, letters, length + 1);
 }
 
-// Puts the letters over `text`, which has the size of the result and is filled with the padding.
+// encode writes the letters over `text`, which has the size of the result and is filled with the padding.
 std::string encode(const Alphabet& alphabet, const unsigned char* data, size_t length, std::string text) {
     const size_t tail = length % 3;
     const unsigned char* const end = data + (length - tail);
@@ -98,7 +98,7 @@ std::string encode(const Alphabet& alphabet, const unsigned char* data, size_t l
     return text;
 }
 
-// The next letters of a text, up to four, and the bits that they stand for.
+// Group is the next letters of a text, up to four, and the bits that they stand for.
 struct Group {
     uint32_t bits = 0;
     size_t letters = 0;
@@ -108,13 +108,13 @@ uint32_t shiftedValue(const Alphabet& alphabet, size_t place, char letter) {
     return alphabet.shifted[place][static_cast<unsigned char>(letter)];
 }
 
-// Joins the four characters at `text`; the result has the bit NO_LETTER if one of them is no letter.
+// joinFour returns the bits of the four characters at `text`, with the bit NO_LETTER if one of them is not a letter.
 uint32_t joinFour(const Alphabet& alphabet, const char* text) {
     return shiftedValue(alphabet, 0, text[0]) | shiftedValue(alphabet, 1, text[1]) |
            shiftedValue(alphabet, 2, text[2]) | shiftedValue(alphabet, 3, text[3]);
 }
 
-// Takes the next four letters from `text`, with all that stands between them, or as many as are left.
+// nextGroup takes the next four letters off `text`, with all other bytes between them, or as many letters as are left.
 Group nextGroup(const Alphabet& alphabet, const char*& text, const char* end) {
     Group group;
     while (group.letters < 4 && text != end) {
@@ -127,14 +127,14 @@ Group nextGroup(const Alphabet& alphabet, const char*& text, const char* end) {
     return group;
 }
 
-// Writes the first `count` of the three bytes of a group and returns the place behind them.
+// putBytes writes the first `count` of the three bytes of a group and returns the place after them.
 unsigned char* putBytes(unsigned char* out, uint32_t bits, size_t count) {
     for (size_t i = 0; i < count; ++i)
         out[i] = static_cast<unsigned char>(bits >> (16 - 8 * i));
     return out + count;
 }
 
-// Decodes up to the first group with something else than letters in it, and moves `text` there.
+// decodeCleanGroups decodes up to the first group that does not consist of letters, and moves `text` there.
 unsigned char* decodeCleanGroups(const Alphabet& alphabet, const char*& text, const char* end, unsigned char* out) {
     for (; end - text >= 4; text += 4) {
         const uint32_t bits = joinFour(alphabet, text);
@@ -145,21 +145,22 @@ unsigned char* decodeCleanGroups(const Alphabet& alphabet, const char*& text, co
     return out;
 }
 
-// Decodes the text to `out` and returns how many bytes that gave. Letters are taken four by four wherever they stand.
-// Behind the last full group two letters give one byte, three give two, and a single one gives nothing.
+// decodeTo decodes the text to `out` and returns the number of bytes. Letters are taken four by four, whatever is
+// between them. After the last full group two letters stand for one byte, three for two, and a single one for nothing.
 size_t decodeTo(const Alphabet& alphabet, const char* text, size_t length, unsigned char* const out) {
     const char* const end = text + length;
-    unsigned char* behind = out;
+    unsigned char* place = out;
     Group group;
     do {
-        behind = decodeCleanGroups(alphabet, text, end, behind);
+        place = decodeCleanGroups(alphabet, text, end, place);
         group = nextGroup(alphabet, text, end);
-        behind = putBytes(behind, group.bits, group.letters * 3 / 4);
+        place = putBytes(place, group.bits, group.letters * 3 / 4);
     } while (group.letters == 4);
-    return static_cast<size_t>(behind - out);
+    return static_cast<size_t>(place - out);
 }
 
-// Room for the bytes of a text of `length` characters. Short texts, which most are, need no memory from the heap.
+// DecodeBuffer is room for the bytes of a text of `length` characters. Short texts, which most are, need no memory from
+// the heap.
 class DecodeBuffer {
 public:
     explicit DecodeBuffer(size_t length) {
@@ -174,8 +175,8 @@ private:
     std::unique_ptr<unsigned char[]> m_long;
 };
 
-// How many letters a text has shows only when it has been read, so it is decoded to a buffer that is large enough for
-// any text of this length, and the result is then made in its final size.
+// decode decodes to a buffer that is large enough for any text of this length, as only reading tells how many letters a
+// text has, and then makes the result in its final size.
 template <class Bytes>
 Bytes decode(const Alphabet& alphabet, const char* text, size_t length) {
     using Byte = typename Bytes::value_type;

@@ -23,7 +23,8 @@ using boost::multiprecision::int128_t;
 constexpr uint64_t MICROSECONDS_PER_SECOND = 1000000;
 constexpr int64_t NANOSECONDS_PER_SECOND = 1000000000;
 
-// Signed arithmetic that wraps: computed without a sign, where overflow is defined.
+// wrappedNegation and wrappedProduct are signed arithmetic that wraps: computed without a sign, where overflow is
+// defined.
 int64_t wrappedNegation(int64_t value) {
     return static_cast<int64_t>(0 - static_cast<uint64_t>(value));
 }
@@ -34,7 +35,7 @@ int64_t wrappedProduct(int64_t left, int64_t right) {
 
 // --- Reading clock values ---
 
-// The digits behind a decimal point as `numerator` / `scale`.
+// Fraction is the digits after a decimal point, as `numerator` / `scale`.
 struct Fraction {
     uint64_t numerator = 0;
     uint64_t scale = 1;
@@ -45,7 +46,7 @@ void skipWhitespace(const char*& cursor) {
         ++cursor;
 }
 
-// Passes over an optional sign; true for a minus.
+// readSign passes over an optional sign and returns whether it was a minus.
 bool readSign(const char*& cursor) {
     const bool negative = *cursor == '-';
     if (negative || *cursor == '+')
@@ -53,7 +54,7 @@ bool readSign(const char*& cursor) {
     return negative;
 }
 
-// Reads up to two further fields, each behind a colon and in the base of 60.
+// readClockFields reads up to two further fields, each after a colon, and returns them all in the base of 60.
 uint64_t readClockFields(const char*& cursor, uint64_t first) {
     uint64_t total = first;
     for (int field = 0; field < 2 && *cursor == ':'; ++field) {
@@ -63,8 +64,8 @@ uint64_t readClockFields(const char*& cursor, uint64_t first) {
     return total;
 }
 
-// Reads a decimal point and the digits behind it, both optional. Digits that 64 bits cannot hold are passed over: they
-// lie far below the microsecond.
+// readFraction reads a decimal point and the digits after it, both optional. Digits that 64 bits cannot hold are passed
+// over: they lie far below the microsecond.
 Fraction readFraction(const char*& cursor) {
     constexpr uint64_t LARGEST_SCALE = 10000000000000000000U;
     Fraction fraction;
@@ -79,7 +80,8 @@ Fraction readFraction(const char*& cursor) {
     return fraction;
 }
 
-// Reads the unit of a plain number and returns it in microseconds. Text that is no unit stays unread and means seconds.
+// readUnit reads the unit of a plain number and returns it in microseconds. Text that is not a unit stays unread and
+// means seconds.
 uint64_t readUnit(const char*& cursor) {
     static constexpr struct {
         const char* name;
@@ -100,6 +102,8 @@ uint64_t readUnit(const char*& cursor) {
     return MICROSECONDS_PER_SECOND;
 }
 
+// fractionOf returns the fraction of the unit in whole microseconds. Kept: where the scale is not a multiple of the
+// unit, the divisor is cut as well, because readers depend on the numbers.
 uint64_t fractionOf(uint64_t unit, const Fraction& fraction) {
     if (unit >= fraction.scale)
         return unit / fraction.scale * fraction.numerator;
@@ -108,7 +112,7 @@ uint64_t fractionOf(uint64_t unit, const Fraction& fraction) {
 
 // --- Writing clock values ---
 
-// `whole`, and `remainder` as `digits` decimals without trailing zeros if there is one.
+// withDecimals returns `whole`, followed by `remainder` as `digits` decimals without trailing zeros unless it is 0.
 std::string withDecimals(unsigned long whole, unsigned long remainder, int digits) {
     const std::string text = strfmt("%lu", whole);
     if (remainder == 0)
@@ -123,7 +127,7 @@ std::string hoursMinutesSeconds(uint64_t microseconds) {
                   static_cast<int>(seconds % 60));
 }
 
-// The rounding stays within the fraction, so that the result is 0 to 1000.
+// roundedMilliseconds returns 0 to 1000: the rounding stays within the fraction.
 int roundedMilliseconds(uint64_t microseconds) {
     return static_cast<int>((microseconds % MICROSECONDS_PER_SECOND + 500) / 1000);
 }
@@ -154,7 +158,8 @@ std::string unparseTime(int64_t value, const std::string& format) {
 
 // --- UTC instants ---
 
-// The calendar fields of an instant. 64 bits of nanoseconds reach from the year 1677 to 2262, so this cannot fail.
+// calendarFields returns the fields of an instant. 64 bits of nanoseconds reach from the year 1677 to 2262, so this
+// cannot fail.
 std::tm calendarFields(int64_t nanoseconds) {
     const std::time_t seconds = nanoseconds / NANOSECONDS_PER_SECOND;
     std::tm fields = {};
@@ -162,7 +167,7 @@ std::tm calendarFields(int64_t nanoseconds) {
     return fields;
 }
 
-// The date and the time as ISO 8601 has them, without the zone.
+// isoDateTime returns date and time as ISO 8601 has them, without the zone.
 std::string isoDateTime(int64_t nanoseconds) {
     const std::tm fields = calendarFields(nanoseconds);
     return strfmt("%04d-%02d-%02dT%02d:%02d:%02d", fields.tm_year + 1900, fields.tm_mon + 1, fields.tm_mday,
@@ -198,7 +203,8 @@ int64_t directQuotient(int64_t product, int64_t divisor) {
     return divisor == -1 ? wrappedNegation(product) : product / divisor;
 }
 
-// The quotient on the 128-bit path, limited to what 64 bits hold. The division throws for a divisor of 0.
+// saturatedQuotient returns the quotient on the 128-bit path, limited to what 64 bits hold. The division throws for a
+// divisor of 0.
 int64_t saturatedQuotient(const int128_t& product, int64_t divisor) {
     constexpr int64_t HIGHEST = std::numeric_limits<int64_t>::max();
     constexpr int64_t LOWEST = std::numeric_limits<int64_t>::min();
@@ -208,7 +214,7 @@ int64_t saturatedQuotient(const int128_t& product, int64_t divisor) {
     return quotient < -HIGHEST ? LOWEST : static_cast<int64_t>(quotient);
 }
 
-// ticks * factor / divisor, in 64 bits up to `directLimit` ticks and in 128 bits above.
+// scaledTicks returns ticks * factor / divisor, computed in 64 bits up to `directLimit` ticks and in 128 bits above.
 int64_t scaledTicks(int64_t ticks, int64_t factor, int64_t divisor, int64_t directLimit) {
     if (ticks <= directLimit)
         return directQuotient(wrappedProduct(ticks, factor), divisor);

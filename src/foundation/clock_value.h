@@ -19,13 +19,13 @@ unsigned long parseQword(const char*& cursor, unsigned long* scale);
 // parseClockValue reads a clock value with the whitespace around it from NUL-terminated text, moves `cursor` to where
 // it stopped and returns microseconds. The forms are "h:m:s" and "m:s", and a number with one of the units "h", "min",
 // "s", "ms", or without a unit, for seconds; each may have a sign in front and a decimal fraction, which is cut to
-// whole microseconds (its digits behind the 19th are passed over). Fields have no range limit and may be empty, so text
-// that holds no number gives 0. Only the bytes behind the cursor tell whether all was understood.
+// whole microseconds (its digits after the 19th are passed over). Fields have no range limit and may be empty, so text
+// that holds no number gives 0. What is left after the cursor was not understood.
 int64_t parseClockValue(const char*& cursor);
 
 // ClockValue is a time offset, or one of the words that stand for a time that is not known.
 struct ClockValue {
-    // Type tells whether there is a time, and if not, why.
+    // Type is the kind of a value: whether there is a time, and if not, why.
     enum Type : int32_t { Resolved = 0, Indefinite = 1, Unresolved = 2, Media = 3 };
 
     // type is the kind of this value.
@@ -36,7 +36,7 @@ struct ClockValue {
 
     // parse sets this object from `text`: "media", "indefinite", or what `parseClockValue` reads. It returns false if
     // some of the text was not understood, if the time is negative and not `acceptNegative`, or if it is zero and
-    // neither flag is set. The object keeps the time that was read also when the result is false.
+    // neither flag is set. The object keeps the time that was read even when the result is false.
     bool parse(const std::string& text, bool acceptZero, bool acceptNegative);
 
     // unparse returns the value as text; the magnitude is cut to whole microseconds and a negative value has a "-" in

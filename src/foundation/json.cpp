@@ -13,8 +13,8 @@ JSON::root JSON::ms_pNullSlot;
 
 namespace {
 
-// The containers still to be destroyed when a subtree is too deep for nested destructors. They are linked through their
-// own first slots, so that destroying needs neither stack nor memory.
+// DoomedContainers are the containers still to be destroyed when a subtree is too deep for nested destructors. They are
+// linked through their own first slots, so that destroying needs neither stack nor memory.
 class DoomedContainers {
 public:
     void add(JSON::root&& value);
@@ -24,7 +24,7 @@ private:
     JSON::root m_pHead;
 };
 
-// The first slot of a container that has one.
+// firstSlot returns the first slot of a container, or null for an empty container or any other value.
 JSON::root* firstSlot(const JSON::root& value) {
     if (!value || value->empty())
         return nullptr;
@@ -39,6 +39,7 @@ JSON::root& slotOf(JSON::Map::value_type& member) {
     return member.second;
 }
 
+// addContainersOf hands the containers among the items over to `doomed`.
 template <class Container>
 void addContainersOf(Container& container, DoomedContainers& doomed) {
     for (auto& item : container)
@@ -67,10 +68,11 @@ void DoomedContainers::destroy() {
     }
 }
 
-// The depth to which destructors call each other.
+// MAX_NESTED_DESTRUCTORS is the depth to which destructors call each other.
 constexpr int MAX_NESTED_DESTRUCTORS = 64;
 constinit thread_local int gs_nNestedDestructors = 0;
 
+// destroyContents empties a container by plain destructors down to that depth, and without nested calls below.
 template <class Container>
 void destroyContents(Container& container) {
     if (gs_nNestedDestructors < MAX_NESTED_DESTRUCTORS) {
@@ -84,13 +86,13 @@ void destroyContents(Container& container) {
     doomed.destroy();
 }
 
-// A container and its copy, which still lacks the contents.
+// OpenCopy is a container and its copy, which still lacks the contents.
 struct OpenCopy {
     const JSON* source;
     JSON* copy;
 };
 
-// The copy of `value`; a container with contents is copied empty and noted in `open`.
+// copyOne returns the copy of `value`; a container with contents is copied empty and noted in `open`.
 JSON::root copyOne(const JSON& value, std::vector<OpenCopy>& open) {
     if (value.empty())
         return value.dup();
@@ -112,7 +114,8 @@ void copyMembers(const JSON::Map& source, JSON::Map& copy, std::vector<OpenCopy>
             copy.emplace_hint(copy.end(), key, copyOne(*value, open));
 }
 
-// Each copy is in its place before its contents are, so that whatever is there when memory runs out has an owner.
+// copyTree copies a container with all below it. Each copy is put into its place before its contents are copied, so
+// that everything has an owner when memory runs out.
 template <class Container>
 JSON::root copyTree(const Container& top) {
     auto result = std::make_unique<Container>();

@@ -1,4 +1,5 @@
-// json.h: the system's JSON document model: values, parser and serialiser (RFC 8259, with the tolerances told below).
+// json.h: the system's JSON document model: values, parser and serialiser (RFC 8259, with the tolerances described
+// below).
 //
 // A document is a tree of heap values. Each value has exactly one owner: the slot of its parent container or the
 // caller's owning pointer, `JSON::root`. Destroying a value destroys its whole subtree. A slot may hold no value: after
@@ -53,10 +54,10 @@ public:
         ArrayType = 5,
     };
 
-    // NaN is the quiet NaN that stands for "no number" (bit pattern 0x7FF8000000000000).
+    // NaN is the quiet NaN that means "not a number" here (bit pattern 0x7FF8000000000000).
     static constexpr double NaN = std::bit_cast<double>(std::uint64_t{0x7FF8000000000000});
 
-    // type tells the class of the value, one of `Type`.
+    // type is the class of the value, one of `Type`.
     const std::int32_t type;
 
     JSON(const JSON&) = delete;
@@ -70,23 +71,23 @@ public:
     static void* operator new(std::size_t size);
     static void operator delete(void* value, std::size_t size);
 
-    // operator bool gives the truth value: false for null, false, zero, NaN and the empty string; true for every
-    // container, also an empty one.
+    // operator bool returns the truth value: false for null, false, zero, NaN and the empty string; true for every
+    // container, even an empty one.
     virtual explicit operator bool() const = 0;
 
-    // operator double gives the number that the value stands for, or `NaN` where it stands for none (containers, texts
-    // that are no number).
+    // operator double returns the number that the value stands for, or `NaN` if it does not stand for one (containers,
+    // texts that are not numbers).
     virtual explicit operator double() const;
 
-    // toString gives the value as plain text: "null", "true", "false", a number as "%.16g", a string's own bytes,
+    // toString returns the value as plain text: "null", "true", "false", a number as "%.16g", a string's own bytes,
     // "[object Array]", "[object Object]".
     virtual std::string toString() const = 0;
 
     // stringify appends the value as JSON text to `out`, without a final line break. With `indent` zero or more a
     // container is written on several lines, its members indented by `indent` + 1 tabs and its closing bracket by
-    // `indent`; with a negative `indent` everything stands on one line. An empty container is "[ ]" or "{ }" in both.
-    // NaN and infinities are written as "nan" and "inf", which is no JSON; a string ends at its first NUL byte.
-    // No container below may hold an empty slot.
+    // `indent`; with a negative `indent` everything is on one line. An empty container is "[ ]" or "{ }" in both. NaN
+    // and infinities are written as "nan" and "inf", which is not JSON; a string ends at its first NUL byte. No
+    // container below may hold an empty slot.
     virtual void stringify(std::string& out, int indent) const = 0;
 
     // dup returns a deep copy. Empty slots are left out: elements of an array move up, members of an object vanish.
@@ -97,65 +98,66 @@ public:
     virtual const JSON* get(const std::string& key) const;
 
     // set stores `value` under `key`, destroying what was there, and returns the stored value, owned by the object. On
-    // a value that is no object: null, and `value` stays with the caller.
+    // a value that is not an object: null, and `value` stays with the caller.
     virtual JSON* set(const std::string& key, root&& value);
 
-    // unset removes the member `key` and destroys its value; an absent key is no fault.
+    // unset removes the member `key` and destroys its value; an absent key is not an error.
     virtual void unset(const std::string& key);
 
-    // size gives the number of elements or members; 0 for every other value, strings included.
+    // size returns the number of elements or members; 0 for every other value, strings included.
     virtual std::size_t size() const;
 
     // at returns the element at `index`, owned by the array (null for an empty slot). `index` must be below `size`: it
-    // is not checked. Null on a value that is no array.
+    // is not checked. Null on a value that is not an array.
     virtual JSON* at(std::size_t index);
     virtual const JSON* at(std::size_t index) const;
 
     // move by index takes the element out of the array and leaves an empty slot; the size stays. `index` must be below
-    // `size`. Null on a value that is no array.
+    // `size`. Null on a value that is not an array.
     virtual root move(std::size_t index);
 
     // move by key takes the value out of the object and removes the member; null if there is none.
     virtual root move(const std::string& key);
 
-    // rootOf by index gives the slot at `index`, which must be below `size`. On a value that is no array: the shared
-    // null slot, which must stay null.
+    // rootOf by index returns the slot at `index`, which must be below `size`. On a value that is not an array: the
+    // shared null slot, which must stay null.
     virtual root& rootOf(std::size_t index);
 
-    // rootOf by key gives the shared null slot on every value, objects included (kept: no value exposes its member
+    // rootOf by key returns the shared null slot on every value, objects included (kept: no value exposes its member
     // slots this way; `each` does).
     virtual root& rootOf(const std::string& key);
 
-    // push appends `value` to the array and returns it, owned by the array. On a value that is no array: null, and
+    // push appends `value` to the array and returns it, owned by the array. On a value that is not an array: null, and
     // `value` stays with the caller.
     virtual JSON* push(root&& value);
 
     // push_all appends the elements of `value` in order if it is an array, and then destroys the emptied array; any
-    // other `value` becomes one element. `value` must not be null. On a value that is no array nothing happens and
+    // other `value` becomes one element. `value` must not be null. On a value that is not an array nothing happens and
     // `value` stays with the caller.
     virtual void push_all(root&& value);
 
-    // empty tells whether there are no elements or members; true for every value that is no container, also for a
+    // empty returns whether there are no elements or members; true for every value that is not a container, also for a
     // string that holds text (kept: only containers count).
     virtual bool empty() const;
 
     // reverse reverses the order of an array's elements.
     virtual void reverse();
 
-    // keys gives the members of an object, keys and values together, in key order; on any other value the shared empty
-    // map.
+    // keys returns the members of an object, keys and values together, in key order; on any other value the shared
+    // empty map.
     virtual const Map& keys() const;
 
-    // each gives the members of an object in key order; on any other value the shared empty map, which must stay empty.
+    // each returns the members of an object in key order; on any other value the shared empty map, which must stay
+    // empty.
     virtual Map& each();
     virtual const Map& each() const;
 
-    // values gives the elements of an array; on any other value the shared empty vector, which must stay empty.
+    // values returns the elements of an array; on any other value the shared empty vector, which must stay empty.
     virtual Vector& values();
     virtual const Vector& values() const;
 
-    // join gives `toString` of each element of an array with `separator` between them; an empty array, and a value that
-    // is no array, gives the empty string. Containers among the elements are not entered. No slot may be empty.
+    // join returns `toString` of each element of an array with `separator` between them; the empty string for an empty
+    // array and for a value that is not an array. Containers among the elements are not entered. No slot may be empty.
     virtual std::string join(const std::string& separator) const;
 
     // A path, in the four operations below, is a text split at every dot. A segment of digits only, the empty one
@@ -166,13 +168,13 @@ public:
     JSON* getPath(const std::string& path);
     const JSON* getPath(const std::string& path) const;
 
-    // movePath takes the value at `path` out; null, and no change, if the path leads nowhere. The slot stays behind
-    // empty, in objects too: it must be filled or removed before the document is printed.
+    // movePath takes the value at `path` out; null, and no change, if the path leads nowhere. The slot is left empty,
+    // in objects too: it must be filled or removed before the document is printed.
     root movePath(const std::string& path);
 
-    // getPathPtr returns the slot at `path` below the slot `slot`, and makes what is missing: values of another type
-    // that stand in the way are replaced, arrays grow to the index, with null values in between. Kept: an index at the
-    // path's end must lie below the array's size, as nothing grows there.
+    // getPathPtr returns the slot at `path` below the slot `slot`, and makes what is missing: values of another type in
+    // its way are replaced, arrays grow to the index, with null values in between. Kept: an index at the path's end
+    // must be below the array's size, because nothing grows there.
     static root* getPathPtr(root* slot, const std::string& path);
 
     // setPath stores `value` in that slot.
@@ -199,19 +201,19 @@ public:
 
     // parse reads the whole of `text` as one value with whitespace around it (tab, line feed, carriage return, blank);
     // null on any failure. A NUL byte ends the text, and what follows is ignored. Beyond JSON it takes every number
-    // that sscanf's "%lg" takes, and text that was cut off behind an opening bracket or a comma (see `json_parse`). An
+    // that sscanf's "%lg" takes, and text that was cut off after an opening bracket or a comma (see `json_parse`). An
     // empty key, `\u0000` (but as the second of a surrogate pair) and an unescaped byte below 32 in a string are
     // failures. Of equal keys the last wins.
     static root parse(const std::string& text);
 
     // json_parse reads one value, with whitespace before it, from the NUL-terminated text at `cursor`, and moves
-    // `cursor` behind it; what follows is not looked at. Null on failure, with `cursor` somewhere between its old place
+    // `cursor` past it; what follows is not looked at. Null on failure, with `cursor` somewhere between its old place
     // and the fault.
     //
-    // Text cut off at the right place still gives a container (kept: readers of truncated files depend on it): an
-    // opening bracket followed by nothing but whitespace gives the empty container, a comma directly before the
-    // terminator gives what was read so far. `cursor` then stands one past the terminator. What lies behind the
-    // terminator is never read and counts as a further NUL.
+    // Text cut off at the right place is still a container (kept: readers of truncated files depend on it): an opening
+    // bracket followed by nothing but whitespace is the empty container, a comma directly before the terminator ends a
+    // container with what was read so far. `cursor` is then one past the terminator. What follows the terminator is
+    // never read and counts as a further NUL.
     static root json_parse(const char*& cursor);
 
     // escapeString appends the NUL-terminated `text` to `out` as a JSON string, quotes included. Only the quote, the
@@ -276,7 +278,7 @@ public:
 // JSONString is a byte string and a `std::string`. `size`, `empty` and `at` are those of `JSON`, so `size` is 0 and
 // `empty` is true whatever it holds; the text's own are reached through its `std::string` base.
 //
-// As a number: 0 for the empty string; else what sscanf's "%lg" reads, with nothing but whitespace behind it up to the
+// As a number: 0 for the empty string; else what sscanf's "%lg" reads, with nothing but whitespace after it up to the
 // first NUL; else `JSON::NaN`.
 class JSONString final : public JSON, public std::string {
 public:
@@ -293,8 +295,8 @@ public:
     root dup() const override;
 };
 
-// JSONArray is a sequence of values and a `std::vector` of their slots. `at` is that of `JSON`: unchecked, and it gives
-// the value; the slots are reached by `operator[]` and `rootOf`.
+// JSONArray is a sequence of values and a `std::vector` of their slots. `at` is that of `JSON`: unchecked, and it
+// returns the value; the slots are reached by `operator[]` and `rootOf`.
 class JSONArray final : public JSON, public JSON::Vector {
 public:
     JSONArray() : JSON(ArrayType) {}

@@ -10,7 +10,7 @@ namespace {
 constexpr size_t FIRST_SIZE = 512;
 constexpr size_t ERROR_TEXT_SIZE = 256;
 
-// FormatBuffer is a malloc buffer that grows by realloc; a null buffer tells that memory is exhausted.
+// FormatBuffer is a malloc buffer that grows by realloc; a null buffer means that memory is exhausted.
 class FormatBuffer {
 public:
     FormatBuffer() : m_pText(static_cast<char*>(malloc(FIRST_SIZE))), m_nSize(FIRST_SIZE) {}
@@ -39,6 +39,7 @@ private:
     size_t m_nSize;
 };
 
+// copyOf returns the text as a string, empty when memory is exhausted.
 std::string copyOf(const char* text, size_t length) {
     try {
         return std::string(text, length);

@@ -27,12 +27,12 @@ bool equalsFolded(const std::string& left, const std::string& right, Fold fold) 
                       [&](char a, char b) { return fold(a) == fold(b); });
 }
 
-// The number of leading whitespace bytes.
+// leadingSpace returns the number of leading whitespace bytes.
 size_t leadingSpace(const std::string& text) {
     return static_cast<size_t>(std::find_if_not(text.begin(), text.end(), isSpaceByte) - text.begin());
 }
 
-// The length of `text` without its trailing whitespace.
+// trimmedEnd returns the length of `text` without its trailing whitespace.
 size_t trimmedEnd(const std::string& text) {
     return static_cast<size_t>(text.rend() - std::find_if_not(text.rbegin(), text.rend(), isSpaceByte));
 }
@@ -41,7 +41,8 @@ bool beginsCodePoint(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
 }
 
-// Where the code point number `max`, counted from 0, begins; npos if there is none in front of the first NUL.
+// positionOfCodePoint returns where the code point number `max`, counted from 0, begins; npos if there is none before
+// the first NUL.
 size_t positionOfCodePoint(const std::string& text, int max) {
     int64_t count = 0;
     for (size_t position = 0; position < text.size() && text[position] != '\0'; ++position) {
@@ -54,7 +55,7 @@ size_t positionOfCodePoint(const std::string& text, int max) {
     return std::string::npos;
 }
 
-// Hands the pieces of `text` to `add` from left to right.
+// forEachPiece hands the pieces of `text` to `add` from left to right.
 template <class Add>
 void forEachPiece(const std::string& text, char separator, bool trimPieces, Add add) {
     if (text.empty())
@@ -69,7 +70,8 @@ void forEachPiece(const std::string& text, char separator, bool trimPieces, Add 
     } while (end != std::string::npos);
 }
 
-// The pieces are collected aside, as `text` may be an element of `pieces`.
+// splitToBack replaces `pieces` by those of `text`, which are collected aside, because `text` may be an element of
+// `pieces`.
 template <class Sequence>
 void splitToBack(const std::string& text, Sequence& pieces, char separator, bool trimPieces) {
     Sequence collected;
@@ -92,7 +94,8 @@ std::string joinSequence(const Sequence& pieces, const std::string& separator) {
     return text;
 }
 
-// Written so that a NaN is outside.
+// isNormalPositiveFloat returns whether a float holds `value` as a normal positive number. It is written so that a NaN
+// is outside.
 bool isNormalPositiveFloat(double value) {
     return value >= std::numeric_limits<float>::min() && value <= std::numeric_limits<float>::max();
 }

@@ -29,10 +29,10 @@ inline std::string tolower(const char* text, const std::locale& locale) {
     return tolower(std::string(text), locale);
 }
 
-// equalsUpCase tells whether both texts have the same length and the same bytes after upper-casing both.
+// equalsUpCase returns whether both texts have the same length and the same bytes after upper-casing both.
 bool equalsUpCase(const std::string& left, const std::string& right, const std::locale& locale);
 
-// equalsLowCase tells whether both texts have the same length and the same bytes after lower-casing both.
+// equalsLowCase returns whether both texts have the same length and the same bytes after lower-casing both.
 bool equalsLowCase(const std::string& left, const std::string& right, const std::locale& locale);
 
 // StringCompareNoCase orders strings by their bytes in lower case, for ordered containers whose keys ignore case.
@@ -42,7 +42,7 @@ public:
     // object.
     explicit StringCompareNoCase(const std::locale& locale);
 
-    // operator() tells whether `left` stands before `right`.
+    // operator() returns whether `left` is ordered before `right`.
     bool operator()(const std::string& left, const std::string& right) const;
 
 private:
@@ -51,7 +51,7 @@ private:
 
 // --- Whitespace and length ---
 
-// isWhiteSpace tells whether `text` holds nothing but whitespace; true for the empty string.
+// isWhiteSpace returns whether `text` holds nothing but whitespace; true for the empty string.
 bool isWhiteSpace(const std::string& text);
 
 // trim returns `text` without leading and trailing whitespace.
@@ -64,7 +64,7 @@ std::string trimNL(const std::string& text);
 // trimAndStrip returns `text` with each inner run of whitespace collapsed to one blank and none at either end.
 std::string trimAndStrip(const std::string& text);
 
-// truncateUTF8 returns `text` cut behind its first `max` code points and followed by `suffix`, which may be null and is
+// truncateUTF8 returns `text` cut after its first `max` code points and followed by `suffix`, which may be null and is
 // not counted. Text that is not longer comes back unchanged and without the suffix. Only the bytes before the first NUL
 // are counted: text that does not exceed `max` before it comes back whole, NUL and all. Every byte that is not of the
 // form 10xxxxxx begins a code point; a negative `max` is never reached.
@@ -100,7 +100,7 @@ std::string join(const std::forward_list<std::string>& pieces, const std::string
 std::vector<unsigned char> fromBase16(const std::string& digits);
 
 // from_string reads `text` up to its first NUL as `strtod` does and stores the number in `value`. It returns true only
-// if there was a number and nothing behind it, not even a blank; otherwise `value` is 0.0. A number too large for a
+// if there was a number and nothing after it, not even a blank; otherwise `value` is 0.0. A number too large for a
 // `double` is infinite and counts as read.
 bool from_string(const std::string& text, double& value);
 

@@ -41,7 +41,7 @@ int strictLength(uint32_t word) {
     return length == 3 && isSurrogate(threeByteValue(word)) ? 0 : length;
 }
 
-// consistsOf returns whether `in` is made of sequences to which `lengthOf` gives a length.
+// consistsOf returns whether `in` is made of sequences for which `lengthOf` returns a length.
 template <class Input, class LengthOf>
 bool consistsOf(Input in, LengthOf lengthOf) {
     while (in.more()) {

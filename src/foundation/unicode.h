@@ -2,24 +2,24 @@
 // forms).
 //
 // UTF-8 is held in unsigned bytes (as text in a std::string), UTF-16 in 16-bit units of host order, UCS-4 in 32-bit
-// code points. Nothing here fails on bad input: it is repaired, and each direction has its own way of doing so, told
-// with the direction. The replacement unit is "?" (63); U+FFFD is never made. Only the Alloc forms can fail, and the
+// code points. Nothing here fails on bad input: it is repaired, and each direction has its own way of doing so,
+// described with it. The replacement unit is "?" (63); U+FFFD is never made. Only the Alloc forms can fail, and the
 // string forms throw std::length_error at the limit of the string.
 //
 // The names:
 //   Z      The input ends at a zero unit, which is not converted. The pointer must not be null.
 //   N      The input has `count` units; a zero among them is a character like any other. A count of 0 or less is the
 //          empty text, and then the pointer may be null.
-//   Max    At most `max` units are written to `out`, and no terminator. `in` is moved behind what was consumed, in the
+//   Max    At most `max` units are written to `out`, and no terminator. `in` is moved past what was consumed, in the
 //          N form `count` becomes what remains. The conversion stops before a character that does not fit; one that
-//          gives no output always fits. Call again with the same variables for the rest. Room for one whole character
+//          makes no output always fits. Call again with the same variables for the rest. Room for one whole character
 //          (two UTF-16 units, four UTF-8 bytes, one code point) is needed to be sure of progress.
 //   Alloc  The result is a new buffer from malloc, which the caller releases with free; null when memory is exhausted
 //          or the size is beyond an int. `*length` becomes the units in it without the terminator (0 with a null
 //          result); `length` may be null.
 //
 // Forms with a buffer and the flag `terminate` need a buffer of the counted size (see Counting), one unit more with the
-// flag true, which writes a zero unit behind the output. They return the units written without that zero. Forms with a
+// flag true, which writes a zero unit after the output. They return the units written without that zero. Forms with a
 // string replace its content, and beyond the string's own memory allocate nothing. Sizes are in units of the type at
 // hand; a size beyond an int is returned as the largest int.
 //
@@ -60,10 +60,10 @@ int ucs4ToUTF8N(const char32_t* in, int count, unsigned char* out, bool terminat
 // ucs4ToUTF8N replaces `out` with `count` code points at `in` as UTF-8.
 void ucs4ToUTF8N(const char32_t* in, int count, std::string& out);
 
-// ucs4ToUTF8AllocZ gives the code points at `in` as UTF-8 in a new buffer, always terminated.
+// ucs4ToUTF8AllocZ returns the code points at `in` as UTF-8 in a new buffer, always terminated.
 unsigned char* ucs4ToUTF8AllocZ(const char32_t* in, int* length);
 
-// ucs4ToUTF8AllocN gives `count` code points at `in` as UTF-8 in a new buffer, terminated if `terminate`.
+// ucs4ToUTF8AllocN returns `count` code points at `in` as UTF-8 in a new buffer, terminated if `terminate`.
 unsigned char* ucs4ToUTF8AllocN(const char32_t* in, int count, bool terminate, int* length);
 
 // ucs4ToUTF8MaxZ writes at most `max` bytes of UTF-8 for the code points at `in`, moves `in` on and returns the bytes
@@ -91,10 +91,10 @@ int utf16To8N(const char16_t* in, int count, unsigned char* out, bool terminate)
 // utf16To8N replaces `out` with `count` units at `in` as UTF-8.
 void utf16To8N(const char16_t* in, int count, std::string& out);
 
-// utf16To8AllocZ gives the UTF-16 text at `in` as UTF-8 in a new buffer, always terminated.
+// utf16To8AllocZ returns the UTF-16 text at `in` as UTF-8 in a new buffer, always terminated.
 unsigned char* utf16To8AllocZ(const char16_t* in, int* length);
 
-// utf16To8AllocN gives `count` units at `in` as UTF-8 in a new buffer, always terminated.
+// utf16To8AllocN returns `count` units at `in` as UTF-8 in a new buffer, always terminated.
 unsigned char* utf16To8AllocN(const char16_t* in, int count, int* length);
 
 // utf16To8MaxZ writes at most `max` bytes of UTF-8 for the text at `in`, moves `in` on and returns the bytes written.
@@ -108,7 +108,7 @@ int utf16To8MaxN(const char16_t*& in, int& count, unsigned char* out, int max);
 //
 // Each step looks at one lead byte:
 //   below 0x80     That unit.
-//   0x80 to 0xBF   A continuation byte that continues nothing: skipped, gives nothing.
+//   0x80 to 0xBF   A continuation byte that continues nothing: skipped, becomes nothing.
 //   110xxxxx       With its continuation byte the value, or one "?" if it is below 0x80. Without: one "?" for the lead
 //                  byte alone.
 //   1110xxxx       With its two continuation bytes the value, or one "?" if it is below 0x800; a surrogate value passes
@@ -116,7 +116,7 @@ int utf16To8MaxN(const char16_t*& in, int& count, unsigned char* out, int max);
 //   11110xxx       With its three continuation bytes a surrogate pair, or two "?" if the value is outside 0x10000 to
 //                  0x10FFFF. Without: two "?" for the lead byte alone.
 //   from 0xF8 up   Two "?" for that byte.
-// After a lead byte replaced alone, the bytes behind it are read anew. The Max forms leave a lead byte from 0xF0 up
+// After a lead byte replaced alone, the bytes after it are read again. The Max forms leave a lead byte from 0xF0 up
 // where it is when fewer than two units are free, whatever follows it.
 
 // utf8To16Z writes the UTF-8 text at `in` to the buffer `out` as UTF-16 and returns the units written.
@@ -131,10 +131,10 @@ int utf8To16N(const unsigned char* in, int count, char16_t* out, bool terminate)
 // utf8To16N replaces `out` with `count` bytes of UTF-8 at `in` as UTF-16.
 void utf8To16N(const unsigned char* in, int count, std::u16string& out);
 
-// utf8To16AllocZ gives the UTF-8 text at `in` as UTF-16 in a new buffer, always terminated.
+// utf8To16AllocZ returns the UTF-8 text at `in` as UTF-16 in a new buffer, always terminated.
 char16_t* utf8To16AllocZ(const unsigned char* in, int* length);
 
-// utf8To16AllocN gives `count` bytes of UTF-8 at `in` as UTF-16 in a new buffer, always terminated.
+// utf8To16AllocN returns `count` bytes of UTF-8 at `in` as UTF-16 in a new buffer, always terminated.
 char16_t* utf8To16AllocN(const unsigned char* in, int count, int* length);
 
 // utf8To16MaxZ writes at most `max` units of UTF-16 for the text at `in`, moves `in` on and returns the units written.
@@ -146,12 +146,12 @@ int utf8To16MaxN(const unsigned char*& in, int& count, char16_t* out, int max);
 
 // utf8To16MaxNW is utf8To16MaxN for input that arrives in blocks: at a sequence that is sound so far and cut off by the
 // end of the input it stops, with `in` on the lead byte and those bytes in `count`, so that the caller can add the next
-// block behind them. Sequences that are wrong for any other reason are replaced.
+// block after them. Sequences that are wrong for any other reason are replaced.
 int utf8To16MaxNW(const unsigned char*& in, int& count, char16_t* out, int max);
 
 // ---- UTF-8 to UCS-4 ----
 //
-// As from UTF-8 to UTF-16, save that a four-byte sequence gives one code point, and whatever is replaced one "?".
+// As from UTF-8 to UTF-16, except that a four-byte sequence makes one code point, and whatever is replaced one "?".
 
 // utf8ToUCS4Z writes the UTF-8 text at `in` to the buffer `out` as code points and returns their number.
 int utf8ToUCS4Z(const unsigned char* in, char32_t* out, bool terminate);
@@ -162,10 +162,10 @@ void utf8ToUCS4Z(const unsigned char* in, std::u32string& out);
 // utf8ToUCS4N writes `count` bytes of UTF-8 at `in` to the buffer `out` as code points and returns their number.
 int utf8ToUCS4N(const unsigned char* in, int count, char32_t* out, bool terminate);
 
-// utf8ToUCS4AllocZ gives the UTF-8 text at `in` as code points in a new buffer, always terminated.
+// utf8ToUCS4AllocZ returns the UTF-8 text at `in` as code points in a new buffer, always terminated.
 char32_t* utf8ToUCS4AllocZ(const unsigned char* in, int* length);
 
-// utf8ToUCS4AllocN gives `count` bytes of UTF-8 at `in` as code points in a new buffer, terminated if `terminate`.
+// utf8ToUCS4AllocN returns `count` bytes of UTF-8 at `in` as code points in a new buffer, terminated if `terminate`.
 char32_t* utf8ToUCS4AllocN(const unsigned char* in, int count, bool terminate, int* length);
 
 // utf8ToUCS4MaxZ writes at most `max` code points for the text at `in`, moves `in` on and returns the code points
@@ -232,20 +232,20 @@ int utf16NumCodePointsN(const char16_t* in, int count);
 // utf8Next moves `in` to the next character: one byte on, then over all continuation bytes. At the terminator it stays.
 void utf8Next(const unsigned char*& in);
 
-// utf8Peek gives the code point at `in`, with an encoded surrogate as it is. It gives 0 at the terminator and for what
-// is no character: a continuation byte missing, a value below 0x80, 0x800 or 0x10000 for its two, three or four bytes,
-// a value above 0x10FFFF, a stray continuation byte, a lead byte from 0xF8 up.
+// utf8Peek returns the code point at `in`, with an encoded surrogate as it is. It returns 0 at the terminator and for
+// what is not a character: a continuation byte missing, a value below 0x80, 0x800 or 0x10000 for its two, three or four
+// bytes, a value above 0x10FFFF, a stray continuation byte, a lead byte from 0xF8 up.
 char32_t utf8Peek(const unsigned char* in);
 
-// utf16Peek gives the unit at `in`, 0 for a lone surrogate, and for a surrogate pair a value other than 0 that only
+// utf16Peek returns the unit at `in`, 0 for a lone surrogate, and for a surrogate pair a value other than 0 that only
 // marks it as sound: ((high << 10 & 0xFFFC00) | (low & 0x3FFF)) + 0x10000 is not the code point of the pair. Kept:
 // callers depend on it.
 char32_t utf16Peek(const char16_t* in);
 
 // ---- Validity ----
 
-// isValidUTF8Z tells if the UTF-8 text at `in` has no lead byte with a continuation byte missing, no value below 0x80,
-// 0x800 or 0x10000 for its two, three or four bytes, no value above 0x10FFFF and no byte from 0xF8 up. Encoded
+// isValidUTF8Z returns whether the UTF-8 text at `in` has no lead byte with a continuation byte missing, no value below
+// 0x80, 0x800 or 0x10000 for its two, three or four bytes, no value above 0x10FFFF and no byte from 0xF8 up. Encoded
 // surrogates and stray continuation bytes pass; the empty text is valid.
 bool isValidUTF8Z(const unsigned char* in);
 

@@ -15,7 +15,7 @@ constexpr UriNormalForm USER_INFO_FORM("!$&'()*+;=", ":,");
 constexpr UriNormalForm QUERY_FORM("", "+;&=[]");
 constexpr UriNormalForm FRAGMENT_FORM("!$&'()*+,;=:/?@", "[]");
 
-// isRooted tells whether a path of this origin has a root, which is then absolute.
+// isRooted returns whether a path of this origin has a root, which is then absolute.
 bool isRooted(const URI::Origin& origin) {
     return !origin.scheme.empty() && !origin.host.empty();
 }
@@ -26,7 +26,7 @@ bool isEmpty(const URI::Path& path) {
 
 // --- parsing ---------------------------------------------------------------------------------------------------------
 
-// normalizeUserInfo brings user information into normal form. A bad escape in it is repaired and no fault.
+// normalizeUserInfo brings user information into normal form. A bad escape in it is repaired and not an error.
 bool normalizeUserInfo(std::string& userInfo) {
     if (userInfo.empty())
         return true;
@@ -85,7 +85,7 @@ bool parse(const char* text, URI& uri, bool skipPatterns) {
 
 // --- printing --------------------------------------------------------------------------------------------------------
 
-// appendAuthority writes "//" and the authority. Without a host only "udp" and "rtp" have one: their port tells where a
+// appendAuthority writes "//" and the authority. Without a host only "udp" and "rtp" have one: their port is where a
 // multicast is received.
 void appendAuthority(std::string& out, const URI::Origin& origin, const std::string& userInfo) {
     if (!origin.host.empty()) {
@@ -104,7 +104,7 @@ void appendMarked(std::string& out, char mark, const std::string& component) {
         (out += mark) += component;
 }
 
-// textLength gives the length of the escaped text, as long as no segment needs an escape.
+// textLength returns the length of the escaped text, as long as no segment needs an escape.
 size_t textLength(const URI& uri) {
     constexpr size_t marks = std::string_view(":///@[]:65535?#").size();
     return uri.origin.scheme.size() + uri.userInfo.size() + uri.origin.host.size() + uriPathLength(uri.path) +
@@ -125,7 +125,7 @@ std::string dataUserText(const URI::Data& data) {
 
 // --- resolving -------------------------------------------------------------------------------------------------------
 
-// isNeverReference tells whether URIs of this scheme are taken as they are, whatever the base.
+// isNeverReference returns whether URIs of this scheme are taken as they are, whatever the base.
 bool isNeverReference(const std::string& scheme) {
     return scheme == DATA_SCHEME || scheme == "rtp" || scheme == "udp" || scheme == "uvc";
 }
@@ -136,7 +136,7 @@ bool isReference(const URI& uri, const URI& base) {
     return uri.origin.scheme.empty() || (uri.origin.scheme == base.origin.scheme && uri.origin.host.empty());
 }
 
-// hasHierarchy tells whether URIs of this scheme have references relative to each other.
+// hasHierarchy returns whether URIs of this scheme have references relative to each other.
 bool hasHierarchy(const std::string& scheme) {
     return !scheme.empty() && scheme != "urn" && scheme != DATA_SCHEME;
 }

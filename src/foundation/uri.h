@@ -6,7 +6,7 @@
 // which only what would change the URI's structure stays escaped.
 //
 // With `skipPatterns` a region from "[[" through the next "]]", a placeholder of a template text, is passed over and
-// copied unchanged (but see `findSkipPattern`); an opening without a closing is no region.
+// copied unchanged (but see `findSkipPattern`); an opening without a closing is not a region.
 //
 // Nothing here throws or logs; failure is an empty value, false or null. Values without locks: copies may be used from
 // different threads.
@@ -41,7 +41,7 @@ public:
     public:
         using Segments = std::vector<std::string>;
 
-        // absolute tells that the text begins with "/", trailingSlash that it ends with one.
+        // absolute is true if the text begins with "/", trailingSlash if it ends with one.
         bool absolute = false;
         bool trailingSlash = false;
 
@@ -86,35 +86,34 @@ public:
         // toUserURIPath returns the text for people.
         std::string toUserURIPath(bool skipPatterns = false) const;
 
-        // contains tells whether a segment equals `segment`.
+        // contains returns whether a segment equals `segment`.
         bool contains(const std::string& segment) const;
 
-        // beginsWith tells whether this path is `prefix` or lies below it; segments count as a whole.
+        // beginsWith returns whether this path is `prefix` or lies below it; segments count as a whole.
         bool beginsWith(const Path& prefix) const;
 
         // compare orders paths: absolute ones first, then by segments, then those without trailing slash first. The
         // result is negative, zero or positive.
         int compare(const Path& other) const;
 
-        // lastSegmentName returns the last segment, or an empty string that lives for ever.
+        // lastSegmentName returns the last segment, or an empty string that lives forever.
         const std::string& lastSegmentName() const;
 
         // lastSegment returns the last segment as a relative path with this path's trailing slash.
         Path lastSegment() const;
 
         // subPath returns the segments from `first` up to and without `last`, which is clamped to their number (so -1
-        // is the end). `first` must not lie behind that.
+        // is the end). `first` must not be greater.
         Path subPath(unsigned first, unsigned last) const;
 
-        // resourceName returns what the path names: its last segment, the empty path behind a trailing slash.
+        // resourceName returns what the path names: its last segment, the empty path after a trailing slash.
         Path resourceName() const;
 
-        // resourceDir returns where that lies: this path without its last segment, or this path behind a trailing
-        // slash.
+        // resourceDir returns where that lies: this path without its last segment, or this path after a trailing slash.
         Path resourceDir() const;
 
         // topDir returns the first segment of an absolute path as a directory, afterTopDir what follows it as a
-        // relative path; empty if there is no such thing.
+        // relative path; empty if there is none.
         Path topDir() const;
         Path afterTopDir() const;
 
@@ -136,7 +135,7 @@ public:
         Path slash(const std::string& segment, bool trailingSlash = false) const;
         Path slash(const Path& tail) const;
 
-        // addSuffix appends to the last segment's text; behind a trailing slash it adds a segment, and the slash stays.
+        // addSuffix appends to the last segment's text; after a trailing slash it adds a segment, and the slash stays.
         Path& addSuffix(const std::string& suffix);
 
         // removeRoot makes this path relative to `root`, which must be equal to it or above it; false and no change if
@@ -162,7 +161,7 @@ public:
         // scheme is lower case when parsed; empty for a relative reference.
         std::string scheme;
 
-        // host is decoded: a name in canonical form, an IPv6 address without brackets (a zone behind "%"), or opaque.
+        // host is decoded: a name in canonical form, an IPv6 address without brackets (a zone after "%"), or opaque.
         std::string host;
 
         // port is 0 for none.
@@ -192,11 +191,11 @@ public:
         void setHostName(const std::string& value);
         void setPort(uint32_t value);
 
-        // normalizeHostName checks a host that was set by hand and brings it into canonical form; false if it is none.
-        // Brackets are taken off in either case.
+        // normalizeHostName checks a host that was set by hand and brings it into canonical form; false if it is not
+        // one. Brackets are taken off in either case.
         bool normalizeHostName(bool allowTrailingDash);
 
-        // normalizeIPv6 checks the zone of `host`. An empty zone behind a final "%" passes.
+        // normalizeIPv6 checks the zone of `host`. An empty zone after a final "%" passes.
         bool normalizeIPv6();
 
         // isIPv4 and isIPv6 test the form of `host`, by this system's own rules.
@@ -206,7 +205,8 @@ public:
         // compare orders by scheme, host and port.
         int compare(const Origin& other) const;
 
-        // escapedHost returns the host as it stands in a URI, escapedHostPort with its port unless that is the default.
+        // escapedHost returns the host as it is written in a URI, escapedHostPort with its port unless that is the
+        // default.
         std::string escapedHost() const;
         std::string escapedHostPort() const;
 
@@ -284,7 +284,7 @@ public:
     // getFileName returns the file name of a local file (no scheme or "file", no host or "localhost"), else nothing.
     std::string getFileName() const;
 
-    // resourceName returns the last segment of the path; nothing behind a trailing slash.
+    // resourceName returns the last segment of the path; nothing after a trailing slash.
     std::string resourceName() const;
 
     // resourceDir returns this origin with the path's `resourceDir`, and nothing else of this URI.
@@ -330,7 +330,7 @@ public:
     static uint32_t defaultPort(const std::string& scheme);
 
     // canonicalizeHostName replaces a host name by its ASCII form in lower case (IDNA, RFC 3490); on false it stays.
-    // With `allowTrailingDash` one dash at its end is no fault. A name with a NUL is refused, and one of more than
+    // With `allowTrailingDash` one dash at its end is accepted. A name with a NUL is refused, and one of more than
     // 16384 bytes that isn't plain ASCII, as the conversion's time grows with the square of the length.
     static bool canonicalizeHostName(std::string& host, bool allowTrailingDash);
 
@@ -340,7 +340,7 @@ public:
     static std::string escapeURIComponent(const std::string& text, const std::string& keepSet,
                                           bool skipPatterns = false);
 
-    // unescapeURI decodes all escapes. `valid` tells whether every "%" was one; a bad one is copied. "+" stays "+".
+    // unescapeURI decodes all escapes. `valid` becomes whether every "%" began one; a bad one is copied. "+" stays "+".
     static std::string unescapeURI(const std::string& text, bool* valid = nullptr, bool skipPatterns = false);
 
     // smartEscapeURIComponent brings raw text into the form for people: control characters and "%" are escaped, and of
@@ -358,7 +358,7 @@ public:
     static std::string normalizeURIComponent(const std::string& text, const std::string& decodeSet,
                                              const std::string& preserveSet, bool skipPatterns = false);
 
-    // validateEscaping tells whether every "%" begins an escape.
+    // validateEscaping returns whether every "%" begins an escape.
     static bool validateEscaping(const std::string& text, bool skipPatterns = false);
 
     // findSkipPattern finds `character` from `start` on outside regions; the second form in terminated text, null if
@@ -366,7 +366,7 @@ public:
     static size_t findSkipPattern(const std::string& text, char character, size_t start = 0);
     static const char* findSkipPattern(const char* text, char character);
 
-    // splitQueryString takes a query apart, decoded. Every item counts, also an empty one; of two with one key the
+    // splitQueryString takes a query apart, decoded. Every item counts, even an empty one; of two with one key the
     // last.
     static void splitQueryString(const std::string& text, Query& items, bool skipPatterns = false);
 

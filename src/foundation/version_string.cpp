@@ -9,12 +9,12 @@ namespace {
 
 using ascii::isDigit;
 
-// No major number orders below every major number.
+// majorOf returns the major number. A version without components has none, which orders below every number.
 std::optional<uint32_t> majorOf(const VersionString& version) {
     return version.components.empty() ? std::nullopt : std::optional(version.components.front());
 }
 
-// The member of `versions`, which is not empty, that stands for the major number of `version`.
+// memberFor returns the member of `versions`, which is not empty, for the major number of `version`, or else the last.
 const VersionString& memberFor(const VersionStringCollection& versions, const VersionString& version) {
     for (const VersionString& member : versions)
         if (majorOf(member) == majorOf(version))

@@ -1,6 +1,6 @@
 // version_string.h: dotted version numbers, and collections that hold one version per major number.
 //
-// The major number of a version is its first component. A version without components has none, and stands below every
+// The major number of a version is its first component. A version without components has none, and orders below every
 // version that has one. Nothing here logs or throws on its own. An object belongs to one thread at a time.
 #pragma once
 

@@ -35,20 +35,22 @@ bool isSpace(char c) {
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-// Powers of ten that a double holds exactly.
+// EXACT_POWERS are the powers of ten that a double holds exactly.
 constexpr double EXACT_POWERS[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
                                    1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 constexpr int MAX_EXACT_POWER = std::size(EXACT_POWERS) - 1;
 constexpr std::uint64_t MAX_EXACT_INTEGER = std::uint64_t{1} << 53;
 constexpr int MAX_DIGITS = 19;  // so many always fit into 64 bits
 
-// A decimal as it is written: digits * 10^exponent. `digits` is right only while `count` is at most MAX_DIGITS.
+// Decimal is a decimal as it is written: digits * 10^exponent. `digits` is right only while `count` is at most
+// MAX_DIGITS.
 struct Decimal {
     std::uint64_t digits = 0;
     std::ptrdiff_t count = 0;
     std::ptrdiff_t exponent = 0;
 };
 
+// scanDigits reads digits into `decimal` and returns where they end.
 const char* scanDigits(const char* p, Decimal& decimal) {
     const char* const first = p;
     for (; isDigit(*p); ++p)
@@ -57,7 +59,7 @@ const char* scanDigits(const char* p, Decimal& decimal) {
     return p;
 }
 
-// `p` stands behind the "e". Null if there are no digits.
+// scanExponent reads what follows the "e" and returns its end, or null if there are no digits.
 const char* scanExponent(const char* p, Decimal& decimal) {
     constexpr int LIMIT = 100000;  // far beyond every double
     const bool negative = *p == '-';
@@ -73,7 +75,8 @@ const char* scanExponent(const char* p, Decimal& decimal) {
     return p;
 }
 
-// True if digits and power of ten are exact doubles: then one multiplication or division gives the nearest double.
+// isExact returns whether digits and power of ten are exact doubles: then one multiplication or division makes the
+// nearest double.
 bool isExact(const Decimal& decimal) {
     return decimal.count <= MAX_DIGITS && decimal.digits <= MAX_EXACT_INTEGER &&
            std::abs(decimal.exponent) <= MAX_EXACT_POWER;
@@ -84,8 +87,8 @@ double exactValue(const Decimal& decimal) {
     return decimal.exponent < 0 ? digits / EXACT_POWERS[-decimal.exponent] : digits * EXACT_POWERS[decimal.exponent];
 }
 
-// The road of nearly all numbers: plain decimal, and nothing behind it that sscanf might still take. Null for
-// everything else, out of range values included.
+// scanPlainDecimal reads what nearly all numbers are, a plain decimal with nothing after it that sscanf might still
+// take, and returns its end. Null for everything else, values out of range included.
 const char* scanPlainDecimal(const char* text, double& value) {
     const bool negative = *text == '-';
     const char* p = negative ? text + 1 : text;
@@ -111,7 +114,7 @@ const char* scanPlainDecimal(const char* text, double& value) {
     return error == std::errc() && end == p ? p : nullptr;
 }
 
-// Behind the letters of `word` in either case at `p`; null if they are not there.
+// wordEnd returns the position after `word` at `p`, ignoring case, or null.
 const char* wordEnd(const char* p, const char* word) {
     for (; *word; ++p, ++word)
         if (toLower(*p) != *word)
@@ -119,8 +122,8 @@ const char* wordEnd(const char* p, const char* word) {
     return p;
 }
 
-// Behind digits, point and exponent at `p`, as far as sscanf takes them. It asks for digits before an exponent but not
-// in it, and takes "0x" and a point without any digit.
+// digitsEnd returns the end of the digits, point and exponent that sscanf would accept at `p`. It requires digits
+// before an exponent but not in it, and accepts "0x" and a point without any digit.
 const char* digitsEnd(const char* p) {
     const bool hex = p[0] == '0' && toLower(p[1]) == 'x';
     if (hex)
@@ -145,7 +148,7 @@ const char* digitsEnd(const char* p) {
     return p;
 }
 
-// Behind what sscanf would collect at `text` for a number; null where a word breaks off.
+// numberEnd returns the end of what sscanf would collect at `text` for a number, or null where a word breaks off.
 const char* numberEnd(const char* text) {
     const char* p = isSign(*text) ? text + 1 : text;
     if (toLower(*p) == 'n')
@@ -156,13 +159,14 @@ const char* numberEnd(const char* text) {
     return p && toLower(*p) == 'i' ? wordEnd(p, "inity") : p;
 }
 
-// sscanf refuses a bare "0x" but takes "0x." for zero.
+// isBareHexPrefix returns whether the token ends in its "0x": sscanf refuses it, but takes "0x." for zero.
 bool isBareHexPrefix(const std::string& token) {
     const char last = token.empty() ? '\0' : token.back();
     return last == 'x' || last == 'X';
 }
 
-// sscanf gives what it collected to strtod and takes all of it for read if strtod makes a number of its beginning.
+// convert reads the token as sscanf does: it passes what it collected to strtod, and counts all of it as read if strtod
+// can make a number of its beginning.
 bool convert(const std::string& token, double& value) {
     static const locale_t C_LOCALE = newlocale(LC_ALL_MASK, "C", nullptr);
     if (isBareHexPrefix(token))
@@ -177,8 +181,8 @@ bool convert(const std::string& token, double& value) {
 
 // Numbers from MIN_FIXED to MAX_WHOLE are printed by hand, at a quarter of the price of std::to_chars with a precision,
 // which prints all others. Whole numbers among them are exact integers. The fractions are below 2^52, so their binary
-// exponent is -14 to 51, the decimals are 0 to 19 and each shift is 1 to 46 bits; the product stays below 2^100.
-// Digits that are rounded up to a further place show as too large and are made anew from the number itself, so that
+// exponent is -14 to 51, the decimals are 0 to 19 and each shift is 1 to 46 bits; the product stays below 2^100. Digits
+// that are rounded up to one place more are seen to be too large and are computed again from the number itself, so that
 // nothing is rounded twice.
 
 __extension__ typedef unsigned __int128 Wide;
@@ -191,7 +195,7 @@ constexpr std::uint64_t powerOf5(int exponent) {
     return exponent == 0 ? 1 : 5 * powerOf5(exponent - 1);
 }
 
-// Sixteen digits of a number and how many of them stand behind the point.
+// Digits is sixteen digits of a number, `decimals` of them after the point.
 struct Digits {
     std::uint64_t digits;
     int decimals;
@@ -204,13 +208,15 @@ int binaryExponent(double value) {
     return static_cast<int>(std::bit_cast<std::uint64_t>(value) >> MANTISSA_BITS) - BIAS;
 }
 
-// The greatest n with 10^n <= 2^exponent, for the exponents that occur here (78913 / 2^18 is log10 of 2).
+// decimalExponent returns the greatest n with 10^n <= 2^exponent, for the exponents that occur here (78913 / 2^18 is
+// log10 of 2).
 int decimalExponent(int exponent) {
     return (exponent * 78913) >> 18;
 }
 
-// value * 10^decimals, rounded to the nearest integer and to the even one between two. Exact: value is m * 2^e, so the
-// result is m * 5^decimals * 2^(e + decimals), and the last exponent is negative for every fraction below 2^53.
+// scaled returns value * 10^decimals, rounded to the nearest integer and to the even one between two. It is exact:
+// value is m * 2^e, so the result is m * 5^decimals * 2^(e + decimals), and the last exponent is negative for every
+// fraction below 2^53.
 std::uint64_t scaled(double value, int decimals) {
     static constexpr std::uint64_t POWERS[] = {
         powerOf5(0),  powerOf5(1),  powerOf5(2),  powerOf5(3),  powerOf5(4),  powerOf5(5),  powerOf5(6),
@@ -226,8 +232,8 @@ std::uint64_t scaled(double value, int decimals) {
     return whole + (rest > half || (rest == half && (whole & 1) != 0) ? 1 : 0);
 }
 
-// `value` is a fraction of at least MIN_FIXED and below 2^53. The first guess at the decimals, from the power of two,
-// may be one too many.
+// sixteenDigits returns the digits of `value`, a fraction of at least MIN_FIXED and below 2^53. The first guess at the
+// decimals, from the power of two, may be one too many.
 Digits sixteenDigits(double value) {
     const int guess = DIGITS - 1 - decimalExponent(binaryExponent(value));
     const std::uint64_t digits = scaled(value, guess);
@@ -238,8 +244,8 @@ constexpr std::uint64_t powerOf10(int exponent) {
     return powerOf5(exponent) << exponent;
 }
 
-// Drops `zeros` zeros at the end of the decimals if they are there. The count is a constant because division by one is
-// far cheaper.
+// dropZeros drops `zeros` zeros at the end of the decimals if they are there. The count is a constant because division
+// by one is far cheaper.
 template <int zeros>
 void dropZeros(Digits& number) {
     constexpr std::uint64_t POWER = powerOf10(zeros);
@@ -256,7 +262,7 @@ void dropAllZeros(Digits& number) {
     dropZeros<1>(number);
 }
 
-// The pairs of digits from 00 to 99, one behind the other.
+// DIGIT_PAIRS are the pairs of digits from 00 to 99 in a row.
 constexpr auto DIGIT_PAIRS = [] {
     std::array<char, 200> pairs{};
     for (int i = 0; i < 100; ++i) {
@@ -266,7 +272,7 @@ constexpr auto DIGIT_PAIRS = [] {
     return pairs;
 }();
 
-// Writes the last `count` digits of `digits`, zeros in front included.
+// formatDigits writes the last `count` digits of `digits`, zeros in front included, and returns the place after them.
 char* formatDigits(char* out, std::uint64_t digits, int count) {
     char* p = out + count;
     for (; p - out >= 2; digits /= 100) {

@@ -10,16 +10,16 @@
 
 namespace {
 
-// What has become of the value that was wanted.
+// Step is what became of the value that was expected.
 enum class Step {
-    Failed,    // the text is none
+    Failed,    // the text is not a value
     Complete,  // it is in its place
-    Wanted,    // it is a container, whose next value is wanted now
+    Wanted,    // it is an open container, whose next value is expected
 };
 
-// Reads one value. Containers within containers are kept in a list instead of nested calls. A container is put into its
-// place as soon as it is opened, so that whatever is there when the text proves bad has an owner; the elements of open
-// arrays wait in one common list and move into the array, at its right size, when it is closed.
+// Parser reads one value. Containers within containers are kept in a list instead of nested calls. A container is put
+// into its place as soon as it is opened, so that everything has an owner when the text proves bad. The elements of
+// open arrays wait in one common list and move into the array, at its right size, when it is closed.
 class Parser {
 public:
     // `blockEnd` is the text's terminator, or `text` itself where its place is not known; see jsonPlainRunEnd.
@@ -27,7 +27,7 @@ public:
 
     JSON::root parse();
 
-    // The place behind the value, or of the fault.
+    // position returns the place after the value, or that of the fault.
     const char* position() const { return m_pText; }
 
 private:
@@ -143,7 +143,8 @@ Step Parser::openObject() {
     return *m_pText == '\0' ? cutOff() : memberKey();
 }
 
-// Reads a key with its colon. Its member is made at once; an equal key's value stays there until the new one comes.
+// memberKey reads a key with its colon. Its member is made at once; the value of an equal key stays there until the new
+// one comes.
 Step Parser::memberKey() {
     skipWhitespace();
     std::string key;
@@ -181,14 +182,14 @@ Step Parser::afterMember() {
     return *m_pText == '\0' ? cutOff() : memberKey();
 }
 
-// Ends a container at a NUL. Behind a NUL within the text reading goes on; behind its terminator there are only further
-// NULs, which no container around this one accepts.
+// cutOff ends a container at a NUL. After a NUL within the text reading goes on; after its terminator there are only
+// further NULs, which no container around this one accepts.
 Step Parser::cutOff() {
     const bool isNested = m_vOpen.size() > 1;
     return m_pText >= m_pBlockEnd && isNested ? Step::Failed : close();
 }
 
-// Moves past the bracket, or what stands for it.
+// close moves past the bracket, or past the NUL in its place, and completes the innermost container.
 Step Parser::close() {
     ++m_pText;
     const Open closed = m_vOpen.back();
@@ -201,7 +202,7 @@ Step Parser::close() {
     return Step::Complete;
 }
 
-// Most strings are one run.
+// json_parse_string reads a quoted string; most have no escape, so the first run is taken whole.
 bool Parser::json_parse_string(std::string& out) {
     if (*m_pText != '"')
         return false;
@@ -250,10 +251,10 @@ bool Parser::escape(std::string& out) {
     return true;
 }
 
-// The length of an escape with backslash, "u" and four digits.
+// UNIT_LENGTH is the length of an escape with backslash, "u" and four digits.
 constexpr int UNIT_LENGTH = 6;
 
-// Reads such an escape at `text` into `unit`; false if there is none.
+// readUnit reads such an escape at `text` into `unit` and returns whether there is one.
 bool readUnit(const char* text, char16_t& unit) {
     if (text[0] != '\\' || text[1] != 'u')
         return false;
@@ -268,8 +269,8 @@ bool readUnit(const char* text, char16_t& unit) {
     return true;
 }
 
-// Two units are converted as they are: of a bad pair the first vanishes, as a lone low surrogate does. Only a high one
-// without any escape behind it leaves a mark (kept: documents were written so).
+// unicodeEscape converts the units of up to two escapes as they are: of a bad pair the first vanishes, as a lone low
+// surrogate does. Only a high one without any escape after it leaves a mark (kept: documents were written so).
 bool Parser::unicodeEscape(std::string& out) {
     char16_t units[2];
     if (!readUnit(m_pText, units[0]) || units[0] == 0)
@@ -289,8 +290,7 @@ bool Parser::unicodeEscape(std::string& out) {
 }
 
 void Parser::skipWhitespace() {
-    while (jsonIsWhitespace(*m_pText))
-        ++m_pText;
+    m_pText = jsonWhitespaceEnd(m_pText, m_pBlockEnd);
 }
 
 void Parser::store(JSON::root&& value) {

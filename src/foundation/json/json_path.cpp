@@ -11,14 +11,14 @@
 
 namespace {
 
-// Segments hands out the segments of a path, from left to right.
+// Segments returns the segments of a path one by one, from left to right.
 class Segments {
 public:
     explicit Segments(const std::string& path) : m_strPath(path) {}
 
     bool isLast() const { return m_nEnd == std::string::npos; }
 
-    // next gives the next segment; there is one as long as the latest wasn't the last.
+    // next returns the next segment. Call it only while the latest was not the last.
     std::string next() {
         const size_t start = m_nStart;
         m_nEnd = m_strPath.find('.', start);
@@ -32,11 +32,12 @@ private:
     size_t m_nEnd = 0;
 };
 
+// isIndex returns whether a segment has digits only, the empty one included.
 bool isIndex(const std::string& segment) {
     return std::all_of(segment.begin(), segment.end(), ascii::isDigit);
 }
 
-// toIndex gives the largest long for what doesn't fit into one.
+// toIndex returns the number of an index segment, the largest long if it does not fit into one.
 size_t toIndex(const std::string& segment) {
     return static_cast<size_t>(strtol(segment.c_str(), nullptr, 10));
 }
@@ -45,6 +46,7 @@ bool isArray(const JSON* value) {
     return value != nullptr && value->type == JSON::ArrayType;
 }
 
+// step returns the value that a segment leads to, or null. It goes by the tag, as all path operations do.
 const JSON* step(const JSON& value, const std::string& segment) {
     if (!isIndex(segment))
         return isObject(&value) ? value.get(segment) : nullptr;
@@ -76,7 +78,7 @@ JSON& makeObject(JSON::root& slot) {
     return *slot;
 }
 
-// growTo gives the element at `index`, an empty slot if it lies beyond the array's end.
+// growTo returns the slot at `index`, a new and empty one if that is beyond the array's end.
 JSON::root* growTo(JSON::Vector& elements, size_t index) {
     if (index >= elements.max_size())
         throw std::bad_alloc();

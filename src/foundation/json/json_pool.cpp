@@ -9,14 +9,14 @@
 
 namespace {
 
-// Slab is the head of a slab; the values follow, each behind a Link.
+// Slab is the head of a slab; the values follow, each after a Link.
 struct Slab {
     // users starts as OWNER and loses one with each value destroyed. When the owning thread is done with the slab, it
     // takes OWNER away and adds the number of values made: what is left is the number that live.
     static constexpr std::int64_t OWNER = std::int64_t{1} << 40;
     std::atomic<std::int64_t> users{OWNER};
 
-    // drop lowers `users` and returns what is left. A program that has no second thread is spared the locked access.
+    // drop lowers `users` and returns what is left. A program without a second thread is spared the locked access.
     std::int64_t drop(std::int64_t count) {
         if (!__libc_single_threaded)
             return users.fetch_sub(count, std::memory_order_acq_rel) - count;
@@ -26,7 +26,7 @@ struct Slab {
     }
 };
 
-// Link stands directly before each value and tells its slab.
+// Link is directly before each value and leads to its slab.
 struct Link {
     Slab* slab;
 };
@@ -94,7 +94,7 @@ void* Pool::allocate(std::size_t size) {
     return value;
 }
 
-// The thread's own slab goes too when it holds no value any more, and the next one is small again.
+// release frees a slab with its last value, the thread's own too; then the next one is small again.
 void Pool::release(void* value) {
     Slab* const slab = static_cast<Link*>(value)[-1].slab;
     const std::int64_t left = slab->drop(1);

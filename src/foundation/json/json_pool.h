@@ -1,9 +1,9 @@
 // json_pool.h: the memory of JSON values, for this folder only.
 //
-// A document is many small values that come and go together. They are cut from slabs, one behind the other; a slab goes
-// back to the heap as a whole when its last value is gone. That nearly halves the time to read and destroy a large
-// document, as against a heap block for each value. The first slab is small and each further one larger, up to 4000
-// bytes, so that neither a few values nor one survivor of a document cost much.
+// A document is many small values that come and go together. They are cut from slabs in a row; a slab goes back to the
+// heap as a whole when its last value is gone. That nearly halves the time to read and destroy a large document, as
+// against a heap block for each value. The first slab is small and each further one larger, up to 4000 bytes, so that
+// neither a few values nor one survivor of a document cost much.
 //
 // Values may be destroyed on any thread. A thread without values keeps no slab beyond its end, and none at all if it
 // destroyed them itself.
@@ -11,7 +11,7 @@
 
 #include <cstddef>
 
-// jsonPoolAllocate gives memory for a value of `size` bytes, aligned as a pointer is. Throws `std::bad_alloc`.
+// jsonPoolAllocate returns memory for a value of `size` bytes, aligned as a pointer is. Throws `std::bad_alloc`.
 void* jsonPoolAllocate(std::size_t size);
 
 // jsonPoolRelease takes the memory of a value back.

@@ -9,7 +9,7 @@
 
 namespace {
 
-// The letter behind the backslash for the bytes that have one; NUL for the others.
+// shortEscape returns the letter after the backslash for the bytes that have one, NUL for the others.
 char shortEscape(char c) {
     switch (c) {
     case '"':
@@ -30,8 +30,8 @@ char shortEscape(char c) {
     }
 }
 
-// Text on its way to a string. It gathers in a block, so that a small piece costs little more than its bytes; `flush`
-// hands the rest over.
+// Output is text on its way to a string. It gathers in a block, so that a small piece costs little more than its bytes;
+// `flush` hands the rest over.
 class Output {
 public:
     explicit Output(std::string& out) : m_out(out) {}
@@ -57,6 +57,22 @@ public:
         m_pNext += count;
     }
 
+    // addQuotedIfPlain adds a short text in quotes and returns true if none of its bytes needs an escape. The text is
+    // copied first: in the block it may be searched in steps beyond its end, where quotes end the search.
+    bool addQuotedIfPlain(const char* first, const char* last) {
+        const auto count = static_cast<std::size_t>(last - first);
+        if (count > MAX_SHORT)
+            return false;
+        char* const text = room(1 + count + JSON_BLOCK) + 1;
+        text[-1] = '"';
+        std::memcpy(text, first, count);
+        std::memset(text + count, '"', JSON_BLOCK);
+        if (jsonPlainRunEnd(text, text + count + JSON_BLOCK) != text + count)
+            return false;
+        m_pNext = text + count + 1;
+        return true;
+    }
+
     void addNumber(double value) { m_pNext = jsonFormatNumber(room(JSON_NUMBER_LENGTH), value); }
 
     void addTabs(int count) {
@@ -71,8 +87,9 @@ public:
 
 private:
     static constexpr std::size_t BLOCK = 4096;
+    static constexpr std::size_t MAX_SHORT = 256;
 
-    // Room for `count` bytes, at most BLOCK.
+    // room returns a place for `count` bytes, at most BLOCK.
     char* room(std::size_t count) {
         if (static_cast<std::size_t>(m_aBlock + BLOCK - m_pNext) < count)
             flush();
@@ -96,8 +113,10 @@ void addEscape(Output& out, char c) {
     out.add(HEX[static_cast<unsigned char>(c) & 15]);
 }
 
-// Writes the bytes from `text` to its first NUL, the one at `end` at the latest, as a JSON string.
+// addQuoted writes the bytes from `text` to its first NUL, the one at `end` at the latest, as a JSON string.
 void addQuoted(Output& out, const char* text, const char* end) {
+    if (out.addQuotedIfPlain(text, end))
+        return;
     out.add('"');
     for (;;) {
         const char* const run = text;
@@ -114,7 +133,7 @@ void addQuoted(Output& out, const std::string& text) {
     addQuoted(out, text.data(), text.data() + text.size());
 }
 
-// Writes a value that is no container.
+// addScalar writes a value that is not a container.
 void addScalar(Output& out, const JSON& value) {
     switch (value.type) {
     case JSON::BooleanType:
@@ -131,8 +150,7 @@ void addScalar(Output& out, const JSON& value) {
     }
 }
 
-// Writes a tree of containers without nested calls: a container that is being written waits in a list while the one in
-// it is written.
+// Printer writes a tree of containers without nested calls: a container waits in a list while one inside it is written.
 class Printer {
 public:
     Printer(std::string& out, int indent) : m_out(out), m_bMultiLine(indent >= 0), m_nIndent(indent) {}
@@ -140,7 +158,7 @@ public:
     void print(const JSON& container);
 
 private:
-    // A container that is being written, and its next child.
+    // Open is a container that is being written, and its next child.
     struct Open {
         const JSON* container;
         std::size_t element;
@@ -171,7 +189,7 @@ void Printer::print(const JSON& container) {
     m_out.flush();
 }
 
-// Writes a whole value; or only opens it, and says so, if it is a container with contents.
+// writeValue writes a whole value; of a container with contents only the opening, and then it returns true.
 bool Printer::writeValue(const JSON& value) {
     if (value.type != JSON::ArrayType && value.type != JSON::ObjectType) {
         addScalar(m_out, value);
@@ -193,7 +211,7 @@ void Printer::open(const JSON& container) {
         ++m_nIndent;
 }
 
-// Goes on with the innermost container, an array, up to its end or its next container.
+// writeElements continues the innermost container, an array, up to its end or its next container.
 void Printer::writeElements() {
     Open& here = m_vOpen.back();
     const auto& elements = static_cast<const JSONArray&>(*here.container);
@@ -205,7 +223,7 @@ void Printer::writeElements() {
     close(']');
 }
 
-// The same for an object.
+// writeMembers continues the innermost container, an object, up to its end or its next container.
 void Printer::writeMembers() {
     Open& here = m_vOpen.back();
     const auto& members = static_cast<const JSONObject&>(*here.container);

@@ -14,9 +14,9 @@
 
 namespace unicode {
 
-constexpr ptrdiff_t kBlock = 8;
+constexpr ptrdiff_t BLOCK = 8;
 
-// Place is where a bulk conversion stands. It goes in and out by value, so that it stays in registers.
+// Place is where a bulk conversion has come to. It goes in and out by value, so that it stays in registers.
 template <class Unit, class OutUnit>
 struct Place {
     const Unit* at;
@@ -31,7 +31,7 @@ uint64_t loadWord(const Unit* block, size_t n) {
     return word;
 }
 
-// unitedWords gives 64 bits with every bit that is set in the same place of one of a block's words.
+// unitedWords returns 64 bits with every bit that is set in the same place of one of a block's words.
 template <class Unit>
 uint64_t unitedWords(const Unit* block) {
     uint64_t united = loadWord(block, 0);
@@ -42,7 +42,7 @@ uint64_t unitedWords(const Unit* block) {
     return united;
 }
 
-// allBelow tells if all units of united words are below `limit`, a power of two.
+// allBelow returns whether all units of united words are below `limit`, a power of two.
 template <char32_t limit, class Unit>
 constexpr bool allBelow(uint64_t united) {
     constexpr uint64_t eachUnit = UINT64_MAX / static_cast<Unit>(-1);
@@ -97,24 +97,24 @@ inline void copyAscii(const char32_t* in, unsigned char* out) {
 // copyAscii copies a block of ASCII.
 template <class Unit, class OutUnit>
 void copyAscii(const Unit* in, OutUnit* out) {
-    for (ptrdiff_t i = 0; i < kBlock; ++i)
+    for (ptrdiff_t i = 0; i < BLOCK; ++i)
         out[i] = static_cast<OutUnit>(in[i]);
 }
 
 #endif
 
 // twoBlocksAreAscii and copyTwoBlocks take ASCII two blocks at a time. Shorter runs of it are common in other scripts,
-// where a test that goes now this way and now that costs more than it saves.
+// where an unpredictable branch costs more than it saves.
 template <class Unit>
 bool twoBlocksAreAscii(const Unit* blocks) {
-    return allBelow<0x80, Unit>(unitedWords(blocks) | unitedWords(blocks + kBlock));
+    return allBelow<0x80, Unit>(unitedWords(blocks) | unitedWords(blocks + BLOCK));
 }
 
 template <class Unit, class OutUnit>
 Place<Unit, OutUnit> copyTwoBlocks(Place<Unit, OutUnit> place) {
     copyAscii(place.at, place.out);
-    copyAscii(place.at + kBlock, place.out + kBlock);
-    return {place.at + 2 * kBlock, place.out + 2 * kBlock};
+    copyAscii(place.at + BLOCK, place.out + BLOCK);
+    return {place.at + 2 * BLOCK, place.out + 2 * BLOCK};
 }
 
 }  // namespace unicode

@@ -17,7 +17,7 @@
 
 namespace unicode {
 
-// toInt gives a size as the int that callers take, the largest int if it is beyond.
+// toInt returns a size as the int that callers take, the largest int if it is beyond.
 inline int toInt(size_t size) {
     return size < INT_MAX ? static_cast<int>(size) : INT_MAX;
 }
@@ -28,14 +28,14 @@ class CountedInput {
 public:
     CountedInput(const Unit* at, int count) : m_pAt(at), m_nLeft(std::max(count, 0)) {}
 
-    // more tells if a unit is left; at points to it.
+    // more returns whether a unit is left; at points to it.
     bool more() const { return m_nLeft > 0; }
     const Unit* at() const { return m_pAt; }
 
     // known is the number of units from at() on that may be read at once.
     ptrdiff_t known() const { return m_nLeft; }
 
-    // ahead gives the unit `n` behind at(), 0 behind the end. For n > 0 the ones between must not be zero.
+    // ahead returns the unit `n` after at(), 0 after the end. For n > 0 the ones between must not be zero.
     Unit ahead(ptrdiff_t n) const { return n < m_nLeft ? m_pAt[n] : Unit(0); }
 
     void skip(ptrdiff_t n) {
@@ -70,13 +70,13 @@ public:
     }
 
 private:
-    static constexpr ptrdiff_t kStretch = 256;
+    static constexpr ptrdiff_t STRETCH = 256;
 
     void look() {
         if constexpr (sizeof(Unit) == 1) {
-            m_nKnown = static_cast<ptrdiff_t>(strnlen(reinterpret_cast<const char*>(m_pAt), kStretch));
+            m_nKnown = static_cast<ptrdiff_t>(strnlen(reinterpret_cast<const char*>(m_pAt), STRETCH));
         } else {
-            while (m_nKnown < kStretch && m_pAt[m_nKnown] != 0)
+            while (m_nKnown < STRETCH && m_pAt[m_nKnown] != 0)
                 ++m_nKnown;
         }
     }
@@ -89,7 +89,7 @@ private:
 template <class Unit>
 class Output {
 public:
-    static constexpr ptrdiff_t kNoLimit = PTRDIFF_MAX;
+    static constexpr ptrdiff_t NO_LIMIT = PTRDIFF_MAX;
 
     Output(Unit* begin, ptrdiff_t limit) : m_pBegin(begin), m_pAt(begin), m_nLimit(std::max<ptrdiff_t>(limit, 0)) {}
 
@@ -110,7 +110,7 @@ private:
 
 template <class Conversion, class Input>
 int toBuffer(Input in, typename Conversion::OutUnit* buffer, bool terminate) {
-    Output<typename Conversion::OutUnit> out(buffer, Output<typename Conversion::OutUnit>::kNoLimit);
+    Output<typename Conversion::OutUnit> out(buffer, Output<typename Conversion::OutUnit>::NO_LIMIT);
     Conversion::run(in, out);
     if (terminate)
         *out.at() = 0;

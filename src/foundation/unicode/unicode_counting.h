@@ -1,4 +1,4 @@
-// unicode_counting.h: the counts behind the counting functions of unicode.h, for its sources only.
+// unicode_counting.h: the counts that the counting functions of unicode.h return, for its sources only.
 //
 // Here they are of type size_t and over any kind of input; the conversions size their output with them.
 #pragma once
@@ -12,12 +12,12 @@ namespace unicode {
 
 // The fixed length of a block lets the compiler make vector code of the loops over it. A weight is at most 4, so the
 // sum over a block goes into one unit of any width.
-constexpr ptrdiff_t kCountBlock = 32;
+constexpr ptrdiff_t COUNT_BLOCK = 32;
 
 template <class Unit, class Weight>
 size_t sumOfBlock(const Unit* at, Weight weight) {
     Unit sum = 0;
-    for (ptrdiff_t i = 0; i < kCountBlock; ++i)
+    for (ptrdiff_t i = 0; i < COUNT_BLOCK; ++i)
         sum = static_cast<Unit>(sum + weight(at[i]));
     return sum;
 }
@@ -27,9 +27,9 @@ template <class Input, class Weight>
 size_t sumOfUnits(Input in, Weight weight) {
     size_t sum = 0;
     while (in.more()) {
-        if (in.known() >= kCountBlock) {
+        if (in.known() >= COUNT_BLOCK) {
             sum += sumOfBlock(in.at(), weight);
-            in.skip(kCountBlock);
+            in.skip(COUNT_BLOCK);
         } else {
             sum += weight(*in.at());
             in.skip(1);
@@ -49,9 +49,9 @@ size_t sumOfUTF16(Input in, size_t pairWeight, Weight weight) {
     auto surrogateWeight = [](char16_t unit) { return isSurrogate(unit) ? 1 : 0; };
     size_t sum = 0;
     while (in.more()) {
-        if (in.known() >= kCountBlock && sumOfBlock(in.at(), surrogateWeight) == 0) {
+        if (in.known() >= COUNT_BLOCK && sumOfBlock(in.at(), surrogateWeight) == 0) {
             sum += sumOfBlock(in.at(), weight);
-            in.skip(kCountBlock);
+            in.skip(COUNT_BLOCK);
         } else if (!isSurrogate(*in.at())) {
             sum += weight(*in.at());
             in.skip(1);

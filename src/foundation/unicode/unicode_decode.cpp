@@ -18,13 +18,13 @@ using namespace unicode;
 
 enum class CutOff { Replace, Keep };
 
-// kWideUnits is what a lead byte from 0xF0 up takes in the output.
+// WIDE_UNITS is what a lead byte from 0xF0 up takes in the output.
 template <class OutUnit>
-constexpr int kWideUnits = sizeof(OutUnit) == sizeof(char16_t) ? 2 : 1;
+constexpr int WIDE_UNITS = sizeof(OutUnit) == sizeof(char16_t) ? 2 : 1;
 
 template <class OutUnit>
 OutUnit* writeWide(OutUnit* out, char32_t value) {
-    if constexpr (kWideUnits<OutUnit> == 2) {
+    if constexpr (WIDE_UNITS<OutUnit> == 2) {
         *out++ = highOf(value);
         *out++ = lowOf(value);
     } else {
@@ -33,7 +33,7 @@ OutUnit* writeWide(OutUnit* out, char32_t value) {
     return out;
 }
 
-// ShortForms tells what a block of eight bytes holds, by a mark in the highest bit of bytes.
+// ShortForms is what a block of eight bytes holds, by a mark in the highest bit of bytes.
 struct ShortForms {
     uint64_t leads;  // lead bytes 110xxxxx
     uint64_t continuations;
@@ -50,7 +50,7 @@ struct ShortForms {
     return {leads, continuations, longForms | misplaced | tooSmall};
 }
 
-// storeCounted stores the value of each byte (`high` times 64 plus `low`) at `out`, and goes on behind it if the byte's
+// storeCounted stores the value of each byte (`high` times 64 plus `low`) at `out`, and moves past it if the byte's
 // highest bit in `counts` is set.
 template <class OutUnit, int... i>
 [[gnu::always_inline]] inline OutUnit* storeCounted(OutUnit* out, uint64_t high, uint64_t low, uint64_t counts,
@@ -61,17 +61,17 @@ template <class OutUnit, int... i>
     return out;
 }
 
-// convertShortForms converts a block of ASCII and two-byte characters without a branch, for in most scripts nothing
-// foretells which one comes next. A value is made for each byte; that of a lead byte is overwritten by the next one. A
-// lead byte at the end is left for the next block; there must be a byte behind it, so that it gives a unit in any case.
+// convertShortForms converts a block of ASCII and two-byte characters without a branch, because in most scripts the
+// next length cannot be predicted. A value is made for each byte; that of a lead byte is overwritten by the next one. A
+// lead byte at the end is left for the next block; there must be a byte after it, so that it makes a unit in any case.
 template <class OutUnit>
 [[gnu::always_inline]] inline Place<unsigned char, OutUnit> convertShortForms(Place<unsigned char, OutUnit> place,
                                                                               uint64_t word, ShortForms forms) {
     const uint64_t leadBits = (forms.leads >> 7) * 0x1F;
     const uint64_t high = (word & leadBits) << 8;
     const uint64_t low = word & ~forms.continuations;
-    return {place.at + kBlock - (forms.leads >> 63),
-            storeCounted(place.out, high, low, ~forms.leads, std::make_integer_sequence<int, kBlock>())};
+    return {place.at + BLOCK - (forms.leads >> 63),
+            storeCounted(place.out, high, low, ~forms.leads, std::make_integer_sequence<int, BLOCK>())};
 }
 
 // convertLongForms converts a run of three-byte and four-byte characters; it stops at the first thing else, or when
@@ -115,7 +115,7 @@ template <class OutUnit>
                                                                          const unsigned char* end) {
     if (*place.at >= 0xE0)
         return convertLongForms(place, end);
-    if (end - place.at >= 2 * kBlock && twoBlocksAreAscii(place.at))
+    if (end - place.at >= 2 * BLOCK && twoBlocksAreAscii(place.at))
         return copyTwoBlocks(place);
     const uint64_t word = loadEight(place.at);
     const ShortForms forms = findShortForms(word);
@@ -131,7 +131,7 @@ void convertSound(Input& in, Output<OutUnit>& output) {
     const unsigned char* const end = in.at() + std::min(in.known(), output.left());
     Place<unsigned char, OutUnit> place{in.at(), output.at()};
     const unsigned char* before = nullptr;
-    while (end - place.at > kBlock && place.at != before) {
+    while (end - place.at > BLOCK && place.at != before) {
         before = place.at;
         place = convertBlock(place, end);
     }
@@ -143,7 +143,7 @@ void convertSound(Input& in, Output<OutUnit>& output) {
     output.wroteTo(place.out);
 }
 
-// isCutOff tells if the sequence at `in` is sound as far as it goes and goes to the end of the input.
+// isCutOff returns whether the sequence at `in` is sound as far as it goes and goes to the end of the input.
 bool isCutOff(const CountedInput<unsigned char>& in) {
     const unsigned char lead = *in.at();
     const int length = lead < 0xC0 || lead >= 0xF8 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
@@ -174,7 +174,7 @@ void stepWide(Input& in, Output<OutUnit>& out, uint32_t word) {
     if (isFourBytes(word) && inFourByteRange(fourByteValue(word)))
         out.wroteTo(writeWide(out.at(), fourByteValue(word)));
     else
-        out.wroteTo(std::fill_n(out.at(), kWideUnits<OutUnit>, OutUnit('?')));
+        out.wroteTo(std::fill_n(out.at(), WIDE_UNITS<OutUnit>, OutUnit('?')));
     in.skip(isFourBytes(word) ? 4 : 1);
 }
 
@@ -186,7 +186,7 @@ bool step(Input& in, Output<OutUnit>& out) {
         in.skip(1);
         return true;
     }
-    if (!out.fits(lead < 0xF0 ? 1 : kWideUnits<OutUnit>))
+    if (!out.fits(lead < 0xF0 ? 1 : WIDE_UNITS<OutUnit>))
         return false;
     if constexpr (onCutOff == CutOff::Keep) {
         if (isCutOff(in))
@@ -210,7 +210,7 @@ struct Decode {
 
     template <class Input>
     static size_t room(Input in) {
-        return kWideUnits<OutUnit> == 2 ? countUTF8Words(in) : countUTF8CodePoints(in);
+        return WIDE_UNITS<OutUnit> == 2 ? countUTF8Words(in) : countUTF8CodePoints(in);
     }
 
     template <class Input>

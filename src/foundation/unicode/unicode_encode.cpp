@@ -17,7 +17,7 @@ namespace {
 
 using namespace unicode;
 
-// encodedSize gives the bytes for a code point, 0 for one that is dropped.
+// encodedSize returns the bytes for a code point, 0 for one that is dropped.
 int encodedSize(char32_t value) {
     return isSurrogate(value) ? 0 : static_cast<int>(ucs4Bytes(value, 0x110000));
 }
@@ -34,7 +34,7 @@ template <int n>
     return out + n;
 }
 
-// twoBytes, threeBytes and fourBytes give the sequence of a code point of that size, the lead byte lowest.
+// twoBytes, threeBytes and fourBytes return the sequence of a code point of that size, the lead byte lowest.
 constexpr uint32_t twoBytes(char32_t value) {
     return 0x80C0 | value >> 6 | (value & 0x3F) << 8;
 }
@@ -68,7 +68,7 @@ constexpr bool takesThreeBytes(char32_t value) {
 template <class Unit>
 using EncodePlace = Place<Unit, unsigned char>;
 
-// encodeShort encodes a unit below 0x800. It stores two bytes also where only one counts.
+// encodeShort encodes a unit below 0x800. It stores two bytes even where only one counts.
 [[gnu::always_inline]] inline unsigned char* encodeShort(unsigned char* out, char32_t value) {
     const uint32_t two = value >= 0x80 ? 1 : 0;
     store<2>(out, value ^ ((value ^ twoBytes(value)) & -two));
@@ -82,15 +82,16 @@ template <class Unit, int... i>
     return out;
 }
 
-// encodeShortBlock encodes a block of units below 0x800 without a branch, for in most scripts nothing foretells which
-// of them are ASCII. The next unit overwrites the byte that does not count; so the last one is left for the next block.
+// encodeShortBlock encodes a block of units below 0x800 without a branch, because in most scripts the next length
+// cannot be predicted. The next unit overwrites the byte that does not count; so the last one is left for the next
+// block.
 template <class Unit>
 [[gnu::always_inline]] inline EncodePlace<Unit> encodeShortBlock(EncodePlace<Unit> place) {
-    constexpr int count = kBlock - 1;
+    constexpr int count = BLOCK - 1;
     return {place.at + count, encodeEachShort(place.out, place.at, std::make_integer_sequence<int, count>())};
 }
 
-// FourUnits holds four units in lanes of 16 bits, the first lowest; `fit` tells if all are below 0x10000.
+// FourUnits holds four units in lanes of 16 bits, the first lowest; `fit` is whether all are below 0x10000.
 struct FourUnits {
     uint64_t lanes;
     bool fit;
@@ -107,7 +108,7 @@ constexpr uint64_t topBitsSet(uint64_t lanes) {
     return ((lanes >> 1 & 0x7C007C007C007C00) + 0x7C007C007C007C00) & 0x8000800080008000;
 }
 
-// takeThreeBytes tells if each lane takes three bytes: it is 0x800 or more and no surrogate.
+// takeThreeBytes returns whether each lane takes three bytes: it is 0x800 or more and not a surrogate.
 constexpr bool takeThreeBytes(uint64_t lanes) {
     return (topBitsSet(lanes) & topBitsSet(lanes ^ 0xD800D800D800D800)) == 0x8000800080008000;
 }
@@ -163,23 +164,23 @@ template <class Unit>
         return encodeThreeByteRun(place, end);
     if (*place.at >= 0x800)
         return encodeFourByteRun(place, end);
-    if (end - place.at >= 2 * kBlock && twoBlocksAreAscii(place.at))
+    if (end - place.at >= 2 * BLOCK && twoBlocksAreAscii(place.at))
         return copyTwoBlocks(place);
-    if (end - place.at >= kBlock && blockIsBelow<0x800>(place.at))
+    if (end - place.at >= BLOCK && blockIsBelow<0x800>(place.at))
         return encodeShortBlock(place);
     return encodeShortRun(place, end);
 }
 
-// kMaxBytes is the most that one unit gives.
+// MAX_BYTES is the most that one unit becomes.
 template <class Unit>
-constexpr int kMaxBytes = sizeof(Unit) == sizeof(char16_t) ? 3 : 4;
+constexpr int MAX_BYTES = sizeof(Unit) == sizeof(char16_t) ? 3 : 4;
 
 // convertSound encodes up to the first unit that is dropped or needs a closer look. The stretch is cut to what has room
 // in any case.
 template <class Input>
 void convertSound(Input& in, Output<unsigned char>& output) {
     using Unit = std::remove_cvref_t<decltype(*in.at())>;
-    const Unit* const end = in.at() + std::min(in.known(), output.left() / kMaxBytes<Unit>);
+    const Unit* const end = in.at() + std::min(in.known(), output.left() / MAX_BYTES<Unit>);
     EncodePlace<Unit> place{in.at(), output.at()};
     const Unit* before = nullptr;
     while (place.at < end && place.at != before) {

@@ -1,8 +1,8 @@
 // unicode_sequence.h: the multi-byte sequences of UTF-8 and the surrogates of UTF-16, for the sources of unicode.h
 // only.
 //
-// A sequence is looked at as one 32-bit word of four bytes, the lead byte lowest. Bytes behind the end of the input are
-// 0 there: a zero continues nothing, so that no question about the end is left, and one mask tells if a form is
+// A sequence is looked at as one 32-bit word of four bytes, the lead byte lowest. Bytes after the end of the input are
+// 0 there: a zero continues nothing, so that no question about the end is left, and one mask shows whether a form is
 // complete.
 #pragma once
 
@@ -28,8 +28,8 @@ constexpr char16_t lowOf(char32_t value) {
     return static_cast<char16_t>((value & 0x3FF) | 0xDC00);
 }
 
-// isTwoBytes, isThreeBytes and isFourBytes tell if the word starts with that form, complete. The value may be too small
-// for it.
+// isTwoBytes, isThreeBytes and isFourBytes return whether the word starts with that form, complete. The value may be
+// too small for it.
 constexpr bool isTwoBytes(uint32_t word) {
     return (word & 0xC0E0) == 0x80C0;
 }
@@ -50,7 +50,7 @@ constexpr char32_t fourByteValue(uint32_t word) {
     return (word & 0x7) << 18 | (word << 4 & 0x3F000) | (word >> 10 & 0xFC0) | (word >> 24 & 0x3F);
 }
 
-// inFourByteRange tells if a four-byte form is right for `value`.
+// inFourByteRange returns whether a four-byte form is right for `value`.
 constexpr bool inFourByteRange(char32_t value) {
     return value - 0x10000 < 0x100000;
 }
@@ -65,14 +65,14 @@ inline uint64_t loadEight(const unsigned char* at) {
     return loadFour(at) | uint64_t(loadFour(at + 4)) << 32;
 }
 
-// peekSequence gives the word at the place of `in`, reading no byte behind the first that continues nothing.
+// peekSequence returns the word at the place of `in`, reading no byte after the first that continues nothing.
 template <class Input>
 uint32_t peekSequence(const Input& in) {
     if (in.known() >= 4)
         return loadFour(in.at());
     uint32_t word = *in.at();
     if (word < 0x80)
-        return word;  // may be the terminator, behind which nothing may be read
+        return word;  // may be the terminator, after which nothing may be read
     for (int n = 1; n < 4; ++n) {
         const unsigned char byte = in.ahead(n);
         if (!isContinuation(byte))

@@ -30,7 +30,7 @@ bool isQuoted(std::string_view text) {
     return text.size() >= 2 && text.starts_with('"') && text.ends_with('"');
 }
 
-// isQuotedContent tells whether what stands between two quotes may: quotes only in pairs, no byte above ASCII.
+// isQuotedContent returns whether the text may be between two quotes: quotes only in pairs, no byte above ASCII.
 bool isQuotedContent(std::string_view text) {
     for (size_t i = 0; i < text.size(); ++i) {
         if (static_cast<unsigned char>(text[i]) >= 0x80)
@@ -50,7 +50,7 @@ bool isParameter(std::string_view text) {
     return equals != text.npos && isToken(text.substr(0, equals)) && isParameterValue(text.substr(equals + 1));
 }
 
-// isMimeType tells whether `text` is a type with its parameters. A semicolon cuts, also between quotes.
+// isMimeType returns whether `text` is a type with its parameters. A semicolon cuts, even between quotes.
 bool isMimeType(std::string_view text) {
     const std::string_view type = text.substr(0, text.find(';'));
     if (!isType(type))

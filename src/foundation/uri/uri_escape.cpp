@@ -1,7 +1,7 @@
 // uri_escape.cpp: percent escapes (RFC 3986, 2.1), the forms of a component.
 //
-// All of it is linear in the text, however many "%" and "[[" that holds: runs are found and copied as a whole, and who
-// looks for many characters keeps its place.
+// All of it is linear in the text, however many "%" and "[[" that holds: runs are found and copied as a whole, and a
+// search for many characters keeps its place.
 
 #include <algorithm>
 
@@ -16,7 +16,7 @@ constexpr UriBytes NO_BYTES;
 
 constexpr std::string_view SMART_DELIMITERS = "#&/:=?@[]";
 
-// What people read escaped whatever the place.
+// SMART_KEEP_ESCAPED are the bytes left escaped in text for people, in any component.
 constexpr UriBytes SMART_KEEP_ESCAPED = UriBytes("%").addRange(0, ' ');
 
 // appendAround copies the regions of the text and has `append(piece)` write what lies around them.
@@ -25,7 +25,7 @@ void appendAround(std::string& out, std::string_view text, Append&& append) {
     uriForEachPiece(text, append, [&](std::string_view region) { out += region; });
 }
 
-// Appender appends bytes to a text in blocks: what comes byte by byte costs a store each. `flush` comes last.
+// Appender appends bytes to a text in blocks, so that what comes byte by byte costs a store each. `flush` comes last.
 class Appender {
 public:
     explicit Appender(std::string& out) : m_strOut(out) {}
@@ -70,14 +70,14 @@ private:
     char m_aBlock[BLOCK];
 };
 
-// runEnd gives the first place from `at` on whose byte is not in `bytes`.
+// runEnd returns the first place from `at` on whose byte is not in `bytes`.
 size_t runEnd(std::string_view text, size_t at, const UriBytes& bytes) {
     while (at < text.size() && bytes.has(text[at]))
         ++at;
     return at;
 }
 
-// appendWhole writes the text if all its bytes are in `bytes`, as those of most texts are that are to be changed.
+// appendWhole writes the text if all its bytes are in `bytes`, as is true of most texts, and returns whether it did.
 bool appendWhole(std::string& out, std::string_view text, const UriBytes& bytes) {
     const bool whole = runEnd(text, 0, bytes) == text.size();
     if (whole)
@@ -94,7 +94,7 @@ std::string escaped(std::string_view text, const UriBytes& keep, bool skipPatter
     return out;
 }
 
-// smartRaw gives what stays raw for people if `escapeSet` is to be escaped, of which only delimiters count.
+// smartRaw returns what is left raw for people if `escapeSet` is to be escaped; only delimiters in it count.
 UriBytes smartRaw(const std::string& escapeSet) {
     UriBytes raw = URI_USER_RAW;
     for (char c : SMART_DELIMITERS) {
@@ -106,8 +106,8 @@ UriBytes smartRaw(const std::string& escapeSet) {
 
 // --- unescaping ------------------------------------------------------------------------------------------------------
 
-// appendDecoded decodes the escapes that `percents` finds, but for bytes in `keep`, whose escapes stay as they are.
-// False if a "%" began no escape; it is copied, and what follows is looked at for itself.
+// appendDecoded decodes the escapes that `percents` finds, except those of bytes in `keep`, which are copied. Returns
+// false if a "%" began no escape; it is copied, and what follows is read as any other text.
 template <typename Search>
 bool appendDecoded(std::string& out, std::string_view text, const UriBytes& keep, Search percents) {
     size_t percent = percents.find(0);

@@ -17,12 +17,13 @@ constexpr unsigned IPV6_GROUPS = 8;
 constexpr unsigned QUAD_DOTS = 3;
 constexpr unsigned MAX_QUAD_VALUE = 255;
 
-// libidn's time grows with the square of the length. No name in use comes near this limit.
+// MAX_NAME_LENGTH limits names that pass through libidn, whose time grows with the square of the length. No name in use
+// comes near it.
 constexpr size_t MAX_NAME_LENGTH = 16384;
 
 constexpr size_t MAX_LABEL_LENGTH = 63;
 
-// An authority goes on up to one of these or the terminator.
+// AUTHORITY_BYTES are the bytes of an authority, which ends at one of the others or the terminator.
 constexpr UriBytes AUTHORITY_BYTES = UriBytes().addRange(1, 255).remove("/?#");
 
 constexpr UriBytes SCHEME_BYTES = UriBytes(URI_ALNUM).add("+-.");
@@ -32,7 +33,8 @@ struct DefaultPort {
     uint32_t port;
 };
 
-// The schemes without a port ("file", "orv", "project") need no row. "ftpes" uses the control port of "ftp".
+// DEFAULT_PORTS needs no row for schemes without a port ("file", "orv", "project"). "ftpes" uses the control port of
+// "ftp".
 constexpr DefaultPort DEFAULT_PORTS[] = {
     {"http", 80},    {"https", 443},      {"ws", 80},     {"wss", 443},    {"rtsp", 554},  {"rtmp", 1935},
     {"rtmps", 443},  {"ftp", 21},         {"ftpes", 21},  {"ftps", 990},   {"coap", 5683}, {"coap+tcp", 5683},
@@ -85,7 +87,8 @@ bool isDashInLabel(std::string_view name, size_t at) {
     return name[at] == '-' && at > 0 && name[at - 1] != '.' && at + 1 < name.size() && name[at + 1] != '.';
 }
 
-// isPlainName tells of the usual names, which no step would change but for capitals: they needn't pass through libidn.
+// isPlainName returns whether a name is of the usual kind, in which no step would change anything but capitals, so that
+// it need not pass through libidn.
 bool isPlainName(std::string_view name) {
     size_t label = 0;
     for (size_t at = 0; at < name.size(); ++at) {
@@ -152,8 +155,8 @@ bool isGroupCount(unsigned groups, bool compressed) {
     return compressed ? groups >= 1 && groups < IPV6_GROUPS : groups == IPV6_GROUPS;
 }
 
-// isIPv6Address is no full test of RFC 4291. Kept: "::" alone is none, a group before a zone doesn't count, and a
-// single ":" may stand at the end.
+// isIPv6Address is not a full test of RFC 4291. Kept: "::" alone is not an address, a group before a zone is not
+// counted, and a single ":" may be at the end.
 bool isIPv6Address(std::string_view text) {
     if (text.find(':') == text.npos)
         return false;
@@ -180,7 +183,7 @@ bool isIPv6Address(std::string_view text) {
 
 // --- parsing ---------------------------------------------------------------------------------------------------------
 
-// parseScheme reads a scheme and returns what follows its colon; null if the text begins with none.
+// parseScheme reads a scheme and returns what follows its colon; null if the text does not begin with one.
 const char* parseScheme(const char* text, std::string& scheme) {
     if (!ascii::isLetter(*text))
         return nullptr;
@@ -206,7 +209,7 @@ bool parseOpaqueHost(std::string_view text, std::string& host) {
     return uriAppendUnescaped(host, text) && !host.empty() && isOpaqueHost(host);
 }
 
-// decodeZone replaces an escaped zone behind "%25" (RFC 6874) by "%" and the zone.
+// decodeZone replaces an escaped zone after "%25" (RFC 6874) by "%" and the zone.
 bool decodeZone(std::string& host) {
     constexpr std::string_view mark = "%25";
     const size_t percent = host.find('%');
@@ -279,7 +282,8 @@ void applyDefaultPort(URI::Origin& origin) {
         origin.port = URI::defaultPort(origin.scheme);
 }
 
-// toASCII gives the name's ASCII form in lower case. libidn would take a NUL for the end of the name.
+// toASCII replaces the name by its ASCII form in lower case; false if it has none. libidn would take a NUL for the end
+// of the name.
 bool toASCII(std::string& name) {
     if (isPlainName(name)) {
         lowerCase(name);

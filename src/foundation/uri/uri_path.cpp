@@ -10,12 +10,13 @@ namespace {
 
 constexpr UriBytes ALL_BYTES = UriBytes().addRange(0, 255);
 
-// A segment ends at one of these, and unless that is a slash the path does. Plain bytes need no second look.
+// SEGMENT_ENDS are the bytes at which a segment ends, and unless it is a slash the path does. PLAIN_BYTES need no
+// second look.
 constexpr UriBytes SEGMENT_ENDS = UriBytes(std::string_view("/?#\0", 4));
 constexpr UriBytes SEGMENT_BYTES = UriBytes(ALL_BYTES).remove(std::string_view("/?#\0", 4));
 constexpr UriBytes PLAIN_BYTES = UriBytes(SEGMENT_BYTES).remove("%[");
 
-// Most paths have no more segments.
+// USUAL_SEGMENTS are as many as most paths have at most.
 constexpr size_t USUAL_SEGMENTS = 4;
 
 constexpr std::string_view CURRENT = ".";
@@ -58,7 +59,7 @@ private:
     bool m_bMayHaveRegions;
 };
 
-// appendDecodedSegment decodes around regions, which it copies; false at a bad escape, behind which nothing follows.
+// appendDecodedSegment decodes around regions, which it copies; false at a bad escape, after which nothing is written.
 bool appendDecodedSegment(std::string& out, std::string_view text) {
     bool valid = true;
     uriForEachPiece(
@@ -74,7 +75,7 @@ bool isPathEnd(char c) {
     return SEGMENT_ENDS.has(c) && c != '/';
 }
 
-// storeDecoded decodes a segment and stores it; false at a bad escape, also then it is stored.
+// storeDecoded decodes a segment and stores it. Returns false on a bad escape; the segment is stored even then.
 bool storeDecoded(URI::Path::Segments& segments, std::string_view escaped, bool skipPatterns) {
     std::string& segment = segments.emplace_back();
     segment.reserve(escaped.size());
@@ -88,7 +89,7 @@ std::string pathText(const URI::Path& path, const UriBytes& keep, bool skipPatte
     return out;
 }
 
-// sharedSegments gives the number of leading segments that both have.
+// sharedSegments returns the number of leading segments that both have.
 size_t sharedSegments(const URI::Path::Segments& a, const URI::Path::Segments& b) {
     return static_cast<size_t>(std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
 }
@@ -97,7 +98,7 @@ URI::Path::Segments::iterator segmentAt(URI::Path::Segments& segments, size_t in
     return segments.begin() + static_cast<URI::Path::Segments::difference_type>(index);
 }
 
-// cancelsNothing tells whether a ".." behind these segments has to stay.
+// cancelsNothing returns whether a ".." after these segments has to stay.
 bool cancelsNothing(const URI::Path::Segments& segments, size_t count) {
     return count == 0 || segments[count - 1] == PARENT;
 }

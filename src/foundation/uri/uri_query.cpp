@@ -23,7 +23,7 @@ std::string canonical(std::string_view text) {
     return out;
 }
 
-// splitItems keeps every item, also an empty one.
+// splitItems keeps every item, even an empty one; of two with one key the last counts.
 template <typename Search>
 void splitItems(std::string_view text, URI::Query& items) {
     Search ampersands(text, '&');

@@ -4,9 +4,9 @@
 #include <cstddef>
 #include <string_view>
 
-// uriForEachPiece cuts `text` at its regions "[[" ... "]]", which are taken from the left: `plain` gets the text
-// before, between and behind them, never empty, `region` gets the regions with their brackets. In the order of the
-// text.
+// uriForEachPiece cuts `text` at its regions "[[" ... "]]", which are taken from the left, and goes through it in
+// order: `plain` gets the text before, between and after them, never empty, `region` gets the regions with their
+// brackets.
 template <typename Plain, typename Region>
 void uriForEachPiece(std::string_view text, Plain&& plain, Region&& region) {
     size_t at = 0;
@@ -29,8 +29,7 @@ class UriPatternSearch {
 public:
     UriPatternSearch(std::string_view text, char character) : m_strText(text), m_cCharacter(character) {}
 
-    // find gives the character's first place from `start` on and before `limit`, std::string_view::npos if there is
-    // none.
+    // find returns the character's first place from `start` on and before `limit`, or npos.
     size_t find(size_t start, size_t limit = std::string_view::npos) {
         const std::string_view text = m_strText.substr(0, limit);
         size_t found = text.find(m_cCharacter, start);

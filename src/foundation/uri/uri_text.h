@@ -48,17 +48,17 @@ private:
 inline constexpr UriBytes URI_ALNUM = UriBytes().addRange('a', 'z').addRange('A', 'Z').addRange('0', '9');
 inline constexpr UriBytes URI_UNRESERVED = UriBytes(URI_ALNUM).add("-._~");
 
-// URI_USER_RAW is what people read raw whatever the place: all but control characters and "%".
+// URI_USER_RAW are the bytes left unescaped in text for people, in any component: all but control characters and "%".
 inline constexpr UriBytes URI_USER_RAW = UriBytes().addRange(' ', 255).remove("%");
 
-// What stands raw in a segment: in escaped text, in that of a scheme that keeps "+", in the text for people.
+// The bytes left raw in a segment: in escaped text, in that of a scheme that keeps "+", in the text for people.
 inline constexpr UriBytes URI_PATH_RAW = UriBytes(URI_UNRESERVED).add("!$&'()*,;=:");
 inline constexpr UriBytes URI_PATH_RAW_PLUS = UriBytes(URI_PATH_RAW).add("+");
 inline constexpr UriBytes URI_PATH_USER_RAW = UriBytes(URI_USER_RAW).remove("/?#");
 
-// UriNormalForm tells what stands raw in a component's normal form; see `URI::normalizeURIComponent` for the sets.
+// UriNormalForm is what is left raw in a component's normal form; see `URI::normalizeURIComponent` for the sets.
 struct UriNormalForm {
-    // decoded bytes stand raw, also where they were escaped; bare ones stay raw where they were.
+    // decoded bytes are raw, even where they were escaped; bare ones stay raw where they were.
     UriBytes decoded;
     UriBytes bare;
 
@@ -71,7 +71,7 @@ struct UriNormalForm {
           runs(UriBytes(bare).remove("%")) {}
 };
 
-// uriDecodeEscape gives the value of the escape whose "%" stands at `at`, -1 if two hexadecimal digits don't follow.
+// uriDecodeEscape returns the value of the escape whose "%" is at `at`, -1 if two hexadecimal digits do not follow.
 constexpr int uriDecodeEscape(std::string_view text, size_t at) {
     if (text.size() - at < 3)
         return -1;
@@ -91,7 +91,7 @@ inline int uriCompareText(std::string_view a, std::string_view b) {
     return b.size() - a.size() > limit ? std::numeric_limits<int>::min() : -static_cast<int>(b.size() - a.size());
 }
 
-// uriSkip gives the first place from `text` on whose byte is not in `bytes`, which must not hold the terminator.
+// uriSkip returns the first place from `text` on whose byte is not in `bytes`, which must not hold the terminator.
 inline const char* uriSkip(const char* text, const UriBytes& bytes) {
     while (bytes.has(*text))
         ++text;
@@ -114,7 +114,7 @@ bool uriHasValidEscapes(std::string_view text, bool skipPatterns);
 void uriAppendScheme(std::string& out, const URI::Origin& origin);
 void uriAppendHostPort(std::string& out, const URI::Origin& origin);
 
-// uriAppendPath writes a path with all bytes of its segments escaped but those in `keep`. uriPathLength gives the
+// uriAppendPath writes a path with all bytes of its segments escaped but those in `keep`. uriPathLength returns the
 // length of that, at most, as long as nothing needs an escape.
 void uriAppendPath(std::string& out, const URI::Path& path, const UriBytes& keep, bool skipPatterns);
 size_t uriPathLength(const URI::Path& path);

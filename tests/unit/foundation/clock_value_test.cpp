@@ -71,7 +71,7 @@ Qword scanQword(const std::string& text) {
     return {value, scale, rest};
 }
 
-// Parsed is the outcome of ClockValue::parse; with both flags set its result tells whether all text was understood.
+// Parsed is the outcome of ClockValue::parse; with both flags set its result is whether all text was understood.
 struct Parsed {
     bool result;
     ClockValue value;
@@ -131,7 +131,7 @@ private:
         return whole;
     }
 
-    // fractionOf needs no more digits than those whose scale fits, as those behind are far below a microsecond.
+    // fractionOf needs no more digits than those whose scale fits, as those after are far below a microsecond.
     static uint64_t fractionOf(std::string fraction, uint64_t unit) {
         fraction.resize(std::min<size_t>(fraction.size(), 19));
         const uint64_t scale = number("1" + std::string(fraction.size(), '0'));
@@ -311,6 +311,14 @@ struct ScanRow {
     std::string rest;
 };
 
+// expectScans holds the scanner and its model against the rows.
+void expectScans(const std::vector<ScanRow>& rows) {
+    for (const ScanRow& row : rows) {
+        EXPECT_EQ(scanClock(row.text), (Scan{row.microseconds, row.rest})) << "for '" << row.text << "'";
+        EXPECT_EQ(modelScan(row.text), (Scan{row.microseconds, row.rest})) << "model for '" << row.text << "'";
+    }
+}
+
 }  // namespace
 
 // The fields and their order belong to the interface.
@@ -365,9 +373,8 @@ TEST(ParseQword, ValueAndScaleWrapWithoutATest) {
 
 // parseClockValue
 
-TEST(ParseClockValue, Table) {
-    const ScanRow rows[] = {
-        // numbers with and without a unit
+TEST(ParseClockValue, NumbersAreSecondsUnlessAUnitFollows) {
+    expectScans({
         {"10", 10000000, ""},
         {"10s", 10000000, ""},
         {"10000ms", 10000000, ""},
@@ -375,7 +382,11 @@ TEST(ParseClockValue, Table) {
         {"1h", 3600000000, ""},
         {"0", 0, ""},
         {"007s", 7000000, ""},
-        // units that stay unread
+    });
+}
+
+TEST(ParseClockValue, WhatIsNotExactlyAUnitStaysUnread) {
+    expectScans({
         {"5m", 5000000, "m"},
         {"5mi", 5000000, "mi"},
         {"5mins", 300000000, "s"},
@@ -391,7 +402,11 @@ TEST(ParseClockValue, Table) {
         {"5 s", 5000000, "s"},
         {"5 ms", 5000000, "ms"},
         {"5s5s", 5000000, "5s"},
-        // fractions
+    });
+}
+
+TEST(ParseClockValue, FractionsAreCutToMicroseconds) {
+    expectScans({
         {"0.1667min", 10002000, ""},
         {".5s", 500000, ""},
         {".5", 500000, ""},
@@ -418,7 +433,11 @@ TEST(ParseClockValue, Table) {
         {"0.50000000min", 50000000, ""},
         {"0.500000000h", 1500000000, ""},
         {"0.5000000000h", 2500000000, ""},
-        // the clock form
+    });
+}
+
+TEST(ParseClockValue, ClockFormsCountInSixties) {
+    expectScans({
         {"1:30", 90000000, ""},
         {"1:02:03.5", 3723500000, ""},
         {"1:", 60000000, ""},
@@ -441,7 +460,11 @@ TEST(ParseClockValue, Table) {
         {"1:00.5:00", 60500000, ":00"},
         {"1: 30", 60000000, "30"},
         {"1 :30", 1000000, ":30"},
-        // signs and blanks
+    });
+}
+
+TEST(ParseClockValue, ASignMayStandBetweenBlanks) {
+    expectScans({
         {"+5", 5000000, ""},
         {"-5", -5000000, ""},
         {"-0", 0, ""},
@@ -455,7 +478,11 @@ TEST(ParseClockValue, Table) {
         {"-", 0, ""},
         {"+ ", 0, ""},
         {"5-", 5000000, "-"},
-        // nothing to read
+    });
+}
+
+TEST(ParseClockValue, TextWithoutANumberIsZero) {
+    expectScans({
         {"", 0, ""},
         {" \t ", 0, ""},
         {"s", 0, ""},
@@ -467,7 +494,11 @@ TEST(ParseClockValue, Table) {
         {"media", 0, "media"},
         {"\xff", 0, "\xff"},
         {"5\xff", 5000000, "\xff"},
-        // other control characters are no white space
+    });
+}
+
+TEST(ParseClockValue, OtherControlCharactersAreNotWhitespace) {
+    expectScans({
         {"\v5", 0, "\v5"},
         {"\f5", 0, "\f5"},
         {"\x01", 0, "\x01"},
@@ -478,11 +509,7 @@ TEST(ParseClockValue, Table) {
          "\x01"
          "5"},
         {"5s\v", 5000000, "\v"},
-    };
-    for (const ScanRow& row : rows) {
-        EXPECT_EQ(scanClock(row.text), (Scan{row.microseconds, row.rest})) << "for '" << row.text << "'";
-        EXPECT_EQ(modelScan(row.text), (Scan{row.microseconds, row.rest})) << "model for '" << row.text << "'";
-    }
+    });
 }
 
 TEST(ParseClockValue, EveryControlByteInFrontEndsTheScan) {
@@ -560,7 +587,7 @@ TEST(ParseClockValue, LongFractionsAreCut) {
 
 // ClockValue::parse
 
-TEST(ClockValueParse, EdgeCases) {
+TEST(ClockValueParse, TextLeftUnreadIsNotUnderstoodButItsTimeIsStored) {
     struct {
         const char* text;
         bool understood;
@@ -648,7 +675,7 @@ TEST(ClockValueParse, RefusedValueIsKept) {
     EXPECT_EQ(value.value, 0);
 }
 
-TEST(ClockValueParse, TextBehindANulByteRemainsUnread) {
+TEST(ClockValueParse, TextAfterANulByteRemainsUnread) {
     EXPECT_FALSE(parsed("10\0"s).result);
     EXPECT_FALSE(parsed("10s\0 5"s).result);
     EXPECT_FALSE(parsed("\0"s).result);
@@ -670,7 +697,7 @@ TEST(ClockValueParse, ScalingToNanosecondsWraps) {
 
 // ClockValue::unparse
 
-TEST(ClockValueUnparse, Table) {
+TEST(ClockValueUnparse, EachFormatHasItsDecimals) {
     struct {
         int64_t nanoseconds;
         const char* s;
@@ -932,7 +959,7 @@ TEST(ParseInstant, ReadsWhatIsPrinted) {
 
 // num_ticks
 
-TEST(NumTicks, EdgeCases) {
+TEST(NumTicks, CountsNanosecondsCutTowardsZero) {
     EXPECT_EQ(svg::num_ticks(0, 1), 0);
     EXPECT_EQ(svg::num_ticks(1, 1), SECOND);
     EXPECT_EQ(svg::num_ticks(48000, 48000), SECOND);
@@ -1023,7 +1050,7 @@ TEST(NumTicks, ZeroPeriodThrowsInTheWidePath) {
     expectDivisionByZeroThrown([] { svg::num_ticks_ppm(10000000000, 0, 1000000); });
 }
 
-TEST(NumTicksOfFraction, EdgeCases) {
+TEST(NumTicksOfFraction, CountsNanosecondsCutTowardsZero) {
     EXPECT_EQ(svg::num_ticks(1, 1, 1), SECOND);
     EXPECT_EQ(svg::num_ticks(30, 1001, 30000), 1001 * MILLISECOND);
     EXPECT_EQ(svg::num_ticks(1, 1, 3), 333333333);
@@ -1086,7 +1113,7 @@ TEST(NumTicksOfFraction, ProductWrapsBeyond128Bits) {
     EXPECT_EQ(svg::num_ticks(LONG_MAX, 3, LONG_MAX), 3 * SECOND);
 }
 
-TEST(NumTicksPpm, EdgeCases) {
+TEST(NumTicksPpm, ShortensATickByPartsPerMillion) {
     EXPECT_EQ(svg::num_ticks_ppm(1000, 1000, 10), 999990000);
     EXPECT_EQ(svg::num_ticks_ppm(1000, 1000, 0), SECOND);
     EXPECT_EQ(svg::num_ticks_ppm(1000, 1000, -10), 1000010000);

@@ -95,7 +95,7 @@ void operator delete[](void* block, const std::nothrow_t&) noexcept {
 
 namespace {
 
-// failingAt runs `body` with the nth allocation failing (and all behind it, in that mode). It tells whether
+// failingAt runs `body` with the nth allocation failing (and all after it, in that mode). It returns whether
 // std::bad_alloc came out.
 bool failingAt(std::size_t n, Faults::Mode mode, const std::function<void()>& body) {
     gs_oFaults.hit = false;

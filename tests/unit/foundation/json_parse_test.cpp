@@ -91,7 +91,7 @@ Outcome readPrefix(std::string_view text) {
     return outcome;
 }
 
-// exactString gives a string whose terminator is the last byte of a heap block.
+// exactString returns a string whose terminator is the last byte of a heap block.
 std::string exactString(std::string_view text) {
     std::string exact(text.begin(), text.end());
     exact.shrink_to_fit();
@@ -127,7 +127,7 @@ void refuses(std::string_view text) {
     EXPECT_EQ(nullptr, value) << shown(text) << " gave " << oneLine(*value);
 }
 
-// stringOf gives the bytes of the string that the JSON text stands for.
+// stringOf returns the bytes of the string that the JSON text stands for.
 std::optional<std::string> stringOf(std::string_view text) {
     const JSON::root value = JSON::parse(exactString(text));
     return value && value->type == 3 ? std::optional(value->toString()) : std::nullopt;
@@ -137,7 +137,7 @@ std::optional<std::string> stringOf(std::string_view text) {
 
 // ---- Whole texts
 
-TEST(JSONParse, EachKindOfValue) {
+TEST(JSONParse, ReadsEachKindOfValue) {
     accepts("null", "null");
     accepts("true", "true");
     accepts("false", "false");
@@ -177,7 +177,7 @@ TEST(JSONParse, OnlyFourBytesAreWhitespace) {
     }
 }
 
-TEST(JSONParse, AnythingBehindTheValueIsAFailure) {
+TEST(JSONParse, AnythingAfterTheValueIsAFailure) {
     for (const char* text : {"null x", "nullx", "truefalse", "1 2", "\"a\"b", "[]]", "{}}", "[],", "null,", "12px"})
         refuses(text);
 }
@@ -215,7 +215,7 @@ TEST(JSONParseWord, AnyDifferenceFailsWithoutMovingTheCursor) {
     }
 }
 
-TEST(JSONParseWord, FailureLeavesTheCursorBehindTheWhitespace) {
+TEST(JSONParseWord, FailureLeavesTheCursorAfterTheWhitespace) {
     for (const char* token : {"nul", "x", "", "+1", ".5", "-", "]", "}", ",", ":", "\\"}) {
         const Outcome outcome = readPrefix(" \t\r\n"s + token);
         EXPECT_FALSE(outcome.document) << token;
@@ -323,7 +323,7 @@ TEST(JSONParseNumber, NotANumberStopsBeforeItsParentheses) {
 
 namespace {
 
-// scanned gives what sscanf makes of `text`, in the form of readPrefix.
+// scanned returns what sscanf makes of `text`, in the form of readPrefix.
 Outcome scanned(const std::string& text) {
     double number = 0;
     int length = 0;
@@ -446,8 +446,8 @@ TEST(JSONParseNumber, EveryTruncationStaysWithinTheText) {
             ASSERT_NO_FATAL_FAILURE(equalsSscanf(whole.substr(0, length)));
 }
 
-// A number costs what its own bytes cost. Were the text behind it measured or copied each time, both would take hours.
-TEST(JSONParseNumber, CostDoesNotGrowWithTheTextBehindIt) {
+// A number costs what its own bytes cost. Were the text after it measured or copied each time, both would take hours.
+TEST(JSONParseNumber, CostDoesNotGrowWithTheTextAfterIt) {
     constexpr std::size_t Count = 2000000;
     std::string text = "[";
     for (std::size_t index = 0; index < Count; ++index)
@@ -458,7 +458,7 @@ TEST(JSONParseNumber, CostDoesNotGrowWithTheTextBehindIt) {
     EXPECT_EQ(Count, array->size());
 }
 
-TEST(JSONParseNumber, CostOfOneValueDoesNotGrowWithTheTextBehindIt) {
+TEST(JSONParseNumber, CostOfOneValueDoesNotGrowWithTheTextAfterIt) {
     constexpr std::size_t Count = 1000000;
     std::string text;
     for (std::size_t index = 0; index < Count; ++index)
@@ -473,7 +473,7 @@ TEST(JSONParseNumber, CostOfOneValueDoesNotGrowWithTheTextBehindIt) {
 
 // ---- A string as a number
 
-TEST(JSONStringAsNumber, Rows) {
+TEST(JSONStringAsNumber, TakesOneNumberBetweenWhitespace) {
     const struct {
         std::string text;
         std::optional<double> value;
@@ -514,7 +514,7 @@ TEST(JSONStringAsNumber, Rows) {
     }
 }
 
-TEST(JSONStringAsNumber, EqualsSscanfWithOnlyWhitespaceBehind) {
+TEST(JSONStringAsNumber, EqualsSscanfWithOnlyWhitespaceAfter) {
     Random random(315);
     for (int count = 0; count < 60000; ++count) {
         std::string text =
@@ -559,7 +559,7 @@ public:
     CommaLocale(const CommaLocale&) = delete;
     CommaLocale& operator=(const CommaLocale&) = delete;
 
-    // inForce tells whether the C library really writes a comma now.
+    // inForce returns whether the C library really writes a comma now.
     bool inForce() const {
         char text[16];
         std::snprintf(text, sizeof text, "%g", 0.5);
@@ -708,7 +708,7 @@ TEST(JSONParseString, SecondUnitOfZeroIsNotTested) {
     EXPECT_EQ("a\0b"s, stringOf(R"("a\uD83D\u0000b")"));
 }
 
-TEST(JSONParseString, CursorStopsBehindTheClosingQuote) {
+TEST(JSONParseString, CursorStopsAfterTheClosingQuote) {
     const std::pair<const char*, int> rows[] = {{R"("")", 2}, {R"("a"b)", 3}, {R"("\u0041""x")", 8}, {R"( "\"" )", 5}};
     for (const auto& [text, moved] : rows)
         EXPECT_EQ(moved, readPrefix(text).moved) << text;
@@ -721,7 +721,7 @@ TEST(JSONParseString, LongRuns) {
 
 // ---- Arrays
 
-TEST(JSONParseArray, GoodOnes) {
+TEST(JSONParseArray, ReadsElementsInOrder) {
     accepts("[]", "[ ]");
     accepts("[ \t\r\n]", "[ ]");
     accepts("[1]", "[ 1 ]");
@@ -729,7 +729,7 @@ TEST(JSONParseArray, GoodOnes) {
     accepts("[[],[[]],{}]", "[ [ ], [ [ ] ], { } ]");
 }
 
-TEST(JSONParseArray, BadOnes) {
+TEST(JSONParseArray, AnythingButCommasBetweenValuesFails) {
     for (const char* text : {"[1,]", "[,]", "[,1]", "[1,,2]", "[1 2]", "[1", "[1 ", "[1, ", "[1,\n", "[1}", "[}", "]",
                              "[x]", "[1,x]", "[\"a]", "[nul]", "[1:2]", "[1;2]"})
         refuses(text);
@@ -740,7 +740,7 @@ TEST(JSONParseArray, CommaBeforeTheBracketFails) {
     EXPECT_FALSE(readPrefix("[1,]").document);
 }
 
-TEST(JSONParseArray, CutBehindTheBracketIsEmptyAndTheCursorOnePastTheTerminator) {
+TEST(JSONParseArray, CutAfterTheBracketIsEmptyAndTheCursorOnePastTheTerminator) {
     for (const char* text : {"[", "[ ", "[\t\r\n ", "  ["}) {
         const Outcome outcome = readPrefix(text);
         EXPECT_EQ("[]", outcome.document) << shown(text);
@@ -749,7 +749,7 @@ TEST(JSONParseArray, CutBehindTheBracketIsEmptyAndTheCursorOnePastTheTerminator)
     }
 }
 
-TEST(JSONParseArray, CutBehindACommaKeepsWhatWasRead) {
+TEST(JSONParseArray, CutAfterACommaKeepsWhatWasRead) {
     const std::pair<const char*, const char*> rows[] = {{"[1,", "[ 1 ]"},
                                                         {"[1, 2,", "[ 1, 2 ]"},
                                                         {"[ [ ] ,", "[ [ ] ]"},
@@ -761,14 +761,14 @@ TEST(JSONParseArray, CutBehindACommaKeepsWhatWasRead) {
     }
 }
 
-TEST(JSONParseArray, CutBehindACommaAndABlankFails) {
+TEST(JSONParseArray, CutAfterACommaAndABlankFails) {
     for (const char* text : {"[1, ", "[1,\t", "[1,\n", "[1,\r"}) {
         refuses(text);
         EXPECT_FALSE(readPrefix(text).document) << shown(text);
     }
 }
 
-TEST(JSONParse, FailureNeverLeavesTheCursorBehindTheTerminator) {
+TEST(JSONParse, FailureNeverLeavesTheCursorBeyondTheTerminator) {
     for (const std::string_view text :
          {"[[", "[{", "{\"a\":[", "{\"a\":{", "[1,[2,", "[[1,", "[", "{\"a\":1,", "[1 ", ""}) {
         const ExactBuffer<char> buffer(text, true);
@@ -778,21 +778,21 @@ TEST(JSONParse, FailureNeverLeavesTheCursorBehindTheTerminator) {
     }
 }
 
-TEST(JSONParseArray, CursorStopsBehindTheBracket) {
+TEST(JSONParseArray, CursorStopsAfterTheBracket) {
     EXPECT_EQ(2, readPrefix("[] ").moved);
     EXPECT_EQ(8, readPrefix(" [ 1,2 ], 3").moved);
 }
 
 // ---- Objects
 
-TEST(JSONParseObject, GoodOnes) {
+TEST(JSONParseObject, ReadsMembersOfEveryKind) {
     accepts("{}", "{ }");
     accepts("{ \t\r\n}", "{ }");
     accepts(R"({"a":1})", R"({ "a": 1 })");
     accepts(R"({"a":{"b":[{}]},"c":null})", R"({ "a": { "b": [ { } ] }, "c": null })");
 }
 
-TEST(JSONParseObject, BadOnes) {
+TEST(JSONParseObject, AnythingButKeyColonValueFails) {
     for (const char* text : {R"({"a":1,})",
                              R"({,})",
                              R"({"a"})",
@@ -849,11 +849,11 @@ TEST(JSONParseObject, LastOfEqualKeysWins) {
     accepts(R"({"a":[1,[2]],"b":0,"a":{"x":1},"\u0061":3})", R"({ "a": 3, "b": 0 })");
 }
 
-TEST(JSONParseObject, FailureBehindEqualKeysFailsTheObject) {
+TEST(JSONParseObject, FailureAfterEqualKeysFailsTheObject) {
     refuses(R"({"a":[1,2],"a":[3,x]})");
 }
 
-TEST(JSONParseObject, CutBehindTheBraceIsEmptyAndTheCursorOnePastTheTerminator) {
+TEST(JSONParseObject, CutAfterTheBraceIsEmptyAndTheCursorOnePastTheTerminator) {
     for (const char* text : {"{", "{ ", "{\t\r\n ", "  {"}) {
         const Outcome outcome = readPrefix(text);
         EXPECT_EQ("{}", outcome.document) << shown(text);
@@ -862,7 +862,7 @@ TEST(JSONParseObject, CutBehindTheBraceIsEmptyAndTheCursorOnePastTheTerminator) 
     }
 }
 
-TEST(JSONParseObject, CutBehindACommaKeepsWhatWasRead) {
+TEST(JSONParseObject, CutAfterACommaKeepsWhatWasRead) {
     const std::pair<const char*, const char*> rows[] = {{R"({"a":1,)", R"({ "a": 1 })"},
                                                         {R"({"b":[1] , "a":2,)", R"({ "a": 2, "b": [ 1 ] })"}};
     for (const auto& [text, expected] : rows) {
@@ -871,22 +871,22 @@ TEST(JSONParseObject, CutBehindACommaKeepsWhatWasRead) {
     }
 }
 
-TEST(JSONParseObject, CutBehindACommaAndABlankFails) {
+TEST(JSONParseObject, CutAfterACommaAndABlankFails) {
     for (const char* text : {"{\"a\":1, ", "{\"a\":1,\t", "{\"a\":1,\n"}) {
         refuses(text);
         EXPECT_FALSE(readPrefix(text).document) << shown(text);
     }
 }
 
-TEST(JSONParseObject, CursorStopsBehindTheBrace) {
+TEST(JSONParseObject, CursorStopsAfterTheBrace) {
     EXPECT_EQ(2, readPrefix("{} ").moved);
     EXPECT_EQ(10, readPrefix(R"( { "a":1 }, 3)").moved);
 }
 
-// ---- Behind the terminator
+// ---- After the terminator
 
-// In the system's own strings, a byte behind an embedded NUL counts as it stands once the cursor has passed that NUL.
-TEST(JSONParseTruncated, CheckReadsOnBehindAnEmbeddedNUL) {
+// In the system's own strings, a byte after an embedded NUL counts as it stands once the cursor has passed that NUL.
+TEST(JSONParseTruncated, CheckReadsOnAfterAnEmbeddedNUL) {
     accepts("[1,\0"s, "[ 1 ]");
     accepts("[1,\0\0x"s, "[ 1 ]");
     accepts("[1,\0 \t\r\n"s, "[ 1 ]");
@@ -898,7 +898,7 @@ TEST(JSONParseTruncated, CheckReadsOnBehindAnEmbeddedNUL) {
     refuses("{\"a\":1,\0}"s);
 }
 
-TEST(JSONParseTruncated, OuterContainerGoesOnBehindAnEmbeddedNUL) {
+TEST(JSONParseTruncated, OuterContainerGoesOnAfterAnEmbeddedNUL) {
     accepts("[[1,\0]"s, "[ [ 1 ] ]");
     accepts("[[\0,2]"s, "[ [ ], 2 ]");
     accepts("{\"a\":[ \0, \"b\":{\0}"s, R"({ "a": [ ], "b": { } })");
@@ -908,7 +908,7 @@ TEST(JSONParseTruncated, OuterContainerGoesOnBehindAnEmbeddedNUL) {
     refuses("[[1,\0\0]"s);
 }
 
-TEST(JSONParseTruncated, OuterContainerFindsNothingBehindTheText) {
+TEST(JSONParseTruncated, OuterContainerFindsNothingAfterTheText) {
     for (const char* text : {"[[", "[[1,", "[{", "{\"a\":[", "{\"a\":{", "{\"a\":[1,", "[1,[", "[[[[", "[{\"a\":1,"}) {
         refuses(text);
         EXPECT_FALSE(readPrefix(text).document) << text;
@@ -916,7 +916,7 @@ TEST(JSONParseTruncated, OuterContainerFindsNothingBehindTheText) {
 }
 
 // Bytes that an earlier, longer content left behind the string's end are no part of the text.
-TEST(JSONParseTruncated, LeftoversBehindTheStringsEndCountAsNUL) {
+TEST(JSONParseTruncated, LeftoversAfterTheStringsEndCountAsNUL) {
     for (const std::size_t padding : {0u, 100u}) {
         const auto cut = [padding](const std::string& text, std::size_t length) {
             std::string longer = std::string(padding, ' ') + text;
@@ -933,7 +933,7 @@ TEST(JSONParseTruncated, LeftoversBehindTheStringsEndCountAsNUL) {
     }
 }
 
-// On plain C text nothing is known of what lies behind the terminator, so it is not looked at.
+// On plain C text nothing is known of what lies after the terminator, so it is not looked at.
 TEST(JSONParseTruncated, CTextEndsAtItsTerminator) {
     EXPECT_FALSE(readPrefix("[[1,\0]"s).document);
     EXPECT_FALSE(readPrefix("[[\0]"s).document);
@@ -959,7 +959,7 @@ TEST(JSONParse, ReadsSeveralValuesFromOneText) {
 namespace {
 
 // NaiveReader reads the same language by plain recursion over single bytes and gives the canonical text. Whatever lies
-// behind the text is NUL to it.
+// after the text is NUL to it.
 class NaiveReader {
 public:
     explicit NaiveReader(std::string_view text) : m_oText(text) {}

@@ -205,7 +205,7 @@ TEST(JSONGetPath, MissGivesNullAndChangesNothing) {
     }
 }
 
-TEST(JSONGetPath, ReachesNumberBehindKeyIndexKey) {
+TEST(JSONGetPath, ReachesNumberAfterKeyIndexKey) {
     const JSON::root document = parsed("{\"a\":[{\"b\":1}]}");
     ASSERT_NE(nullptr, document->getPath("a.0.b"));
     EXPECT_EQ(1, static_cast<double>(*document->getPath("a.0.b")));
@@ -770,7 +770,7 @@ Model nullModel() {
     return model;
 }
 
-// slotFor makes what is missing; null if the last index lies behind the end, which no caller may ask for.
+// slotFor makes what is missing; null if the last index lies after the end, which no caller may ask for.
 Model* slotFor(Model& root, const Segments& segments) {
     Model* current = &root;
     for (std::size_t place = 0; place < segments.size(); ++place) {

@@ -150,7 +150,7 @@ TEST(JSONPrintNumber, EqualsTheLibrarysTextForNumbersOfDailyUse) {
 
 // ---- Strings
 
-TEST(JSONEscape, EveryByte) {
+TEST(JSONEscape, EscapesQuoteBackslashAndControlBytesOnly) {
     for (int byte = 1; byte < 256; ++byte) {
         char expected[16];
         std::snprintf(expected, sizeof expected, byte < 32 ? "\"\\u%04X\"" : "\"%c\"", byte);
@@ -188,6 +188,30 @@ TEST(JSONEscape, RunsBetweenEscapes) {
                                                      "ef"));
     const std::string run(100000, 'x');
     EXPECT_EQ("\"" + run + "\\t" + run + "\"", escaped(run + "\t" + run));
+}
+
+// Short texts, long ones and those that meet the end of the printer's block take different ways.
+TEST(JSONEscape, QuoteAtAnyPlaceOfATextOfAnyLengthIsEscaped) {
+    for (const std::size_t length : {1, 7, 8, 15, 16, 17, 31, 32, 33, 255, 256, 257, 300}) {
+        for (std::size_t place = 0; place < length; ++place) {
+            std::string text(length, 'x');
+            text[place] = '"';
+            const std::string inside = std::string(place, 'x') + "\\\"" + std::string(length - place - 1, 'x');
+            EXPECT_EQ("\"" + inside + "\"", printed(*JSON::String(text), -1)) << length << " " << place;
+        }
+    }
+}
+
+TEST(JSONEscape, TextsOfAnyLengthInARowAreWhole) {
+    for (std::size_t length = 0; length <= 300; ++length) {
+        JSONArray array;
+        std::string expected;
+        for (int count = 0; count < 40; ++count) {
+            array.push(JSON::String(std::string(length, 'y')));
+            expected += (count == 0 ? "[ \"" : ", \"") + std::string(length, 'y') + "\"";
+        }
+        EXPECT_EQ(expected + " ]", printed(array, -1)) << length;
+    }
 }
 
 TEST(JSONEscape, EndsAtTheFirstNUL) {

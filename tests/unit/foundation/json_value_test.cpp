@@ -171,7 +171,7 @@ TEST(JSONShape, StringFactoryCopiesAlsoFromAnExpiringText) {
 
 // ---- Truth, number and text
 
-TEST(JSONTruth, EachClass) {
+TEST(JSONTruth, EachClassHasItsOwn) {
     EXPECT_FALSE(static_cast<bool>(*JSON::Null()));
     EXPECT_TRUE(static_cast<bool>(*JSON::Boolean(true)));
     EXPECT_FALSE(static_cast<bool>(*JSON::Boolean(false)));
@@ -198,7 +198,7 @@ TEST(JSONTruth, NumberIsTrueUnlessZeroOrNaN) {
         EXPECT_FALSE(static_cast<bool>(*JSON::Number(number))) << number;
 }
 
-TEST(JSONNumberOf, NullAndBooleans) {
+TEST(JSONNumberOf, NullIsZeroAndBooleansAreZeroAndOne) {
     EXPECT_EQ(bitsOf(0.0), bitsOf(static_cast<double>(*JSON::Null())));
     EXPECT_EQ(1.0, static_cast<double>(*JSON::Boolean(true)));
     EXPECT_EQ(bitsOf(0.0), bitsOf(static_cast<double>(*JSON::Boolean(false))));

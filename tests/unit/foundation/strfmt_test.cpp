@@ -110,7 +110,7 @@ constexpr rlim_t MEBIBYTE = 1 << 20;
 
 class StrfmtWithoutMemory : public testing::Test {
 protected:
-    // The death test starts the program anew, so that it reads the environment. GoogleTest restores the flag.
+    // The death test starts the program again, so that it reads the environment. GoogleTest restores the flag.
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
 private:

@@ -418,7 +418,7 @@ TEST(FromBase16, ReadsPairsOfDigits) {
         EXPECT_EQ(ByteVector(), fromBase16(bad)) << testing::PrintToString(bad);
 }
 
-TEST(FromBase16, EveryPairOfBytes) {
+TEST(FromBase16, EveryPairOfBytesIsJudgedByItsDigits) {
     const std::string lower = "0123456789abcdef", upper = "0123456789ABCDEF";
     auto digit = [&](int byte) {
         const size_t found = std::min(lower.find(static_cast<char>(byte)), upper.find(static_cast<char>(byte)));

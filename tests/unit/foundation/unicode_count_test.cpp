@@ -170,7 +170,7 @@ TEST(UnicodeCount, CountOfZeroOrLessGivesZero) {
     }
 }
 
-// randomOf gives up to 12 units, mostly from `edges`.
+// randomOf returns up to 12 units, mostly from `edges`.
 template <class Unit>
 std::basic_string<Unit> randomOf(std::mt19937& random, const std::basic_string<Unit>& edges, bool zeros) {
     std::basic_string<Unit> text(random() % 13, Unit('a'));

@@ -48,7 +48,7 @@ private:
     size_t m_nOffset;
 };
 
-// Output is a buffer for `room` units with marked units behind it, which nobody may touch.
+// Output is a buffer for `room` units with marked units after it, which nobody may touch.
 template <class Unit>
 class Output {
 public:

@@ -11,6 +11,7 @@
 
 #include "foundation/uri.h"
 #include "unit/exact_buffer.h"
+#include "unit/foundation/even_growth.h"
 
 namespace {
 
@@ -34,8 +35,7 @@ std::string hexEscape(int byte) {
     return "%"s + digits[byte / 16] + digits[byte % 16];
 }
 
-// parse parses a copy of `rest`, what follows "data:", that has nothing readable behind its terminator. Null on
-// failure.
+// parse parses a copy of `rest`, what follows "data:", that has nothing readable after its terminator. Null on failure.
 std::shared_ptr<const URI::Data> parse(const std::string& rest) {
     const ExactBuffer<char> buffer(rest, true);
     URI uri;
@@ -563,16 +563,22 @@ TEST(UriDataRandom, NoBytesBreakAnything) {
 }
 
 // A text that costs the square of its length would take hours here.
+size_t sizeOf(const std::shared_ptr<const URI::Data>& data) {
+    return data == nullptr ? 0 : data->mimeType.size() + data->bytes.size();
+}
+
 TEST(UriDataRandom, LongTextsAreReadInOneGo) {
     for (const std::string piece : {";", "/", "=", "\"", "%", "%41", "a", ";a=b", ";base64", ",", "[["}) {
-        std::string noise;
-        while (noise.size() < (1u << 20))
-            noise += piece;
         for (const std::string start : {"", "a/b", "a/b;c=\"", ";base64,", "a/b,"}) {
-            parse(start + noise);
-            parse(start + noise + "\",");
+            EXPECT_TRUE(growsEvenly(piece, [&](const std::string& noise) { return sizeOf(parse(start + noise)); }))
+                << start << piece;
+            EXPECT_TRUE(
+                growsEvenly(piece, [&](const std::string& noise) { return sizeOf(parse(start + noise + "\",")); }))
+                << start << piece;
         }
-        URI::fromData(noise, noise).toString();
+        EXPECT_TRUE(growsEvenly(piece, [](const std::string& noise) {
+            return URI::fromData(noise, noise).toString().size();
+        })) << piece;
     }
 }
 

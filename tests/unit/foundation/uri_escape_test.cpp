@@ -43,7 +43,7 @@ const std::vector<std::string> USER_KEEP_SETS = {NO_SET, USER_INFO_USER_KEEP, QU
 const std::vector<std::string> USER_ESCAPE_SETS = {NO_SET, PATH_USER_ESCAPE, "#%&/:=?@[]", " a~\x7f\x80\xff"};
 const std::vector<NormalSets> NORMAL_SETS = {USER_INFO_SETS, QUERY_SETS, FRAGMENT_SETS, CANONICAL_SETS};
 
-// ---- Models: every search begins anew, whatever it costs ----
+// ---- Models: every search begins again, whatever it costs ----
 
 bool holds(const std::string& set, char c) {
     return set.find(c) != NO_POSITION;
@@ -69,14 +69,14 @@ int digitValue(char c) {
     return position == NO_POSITION ? -1 : static_cast<int>(position < 16 ? position : position - 6);
 }
 
-// escapeAt gives the byte that the escape at `i` encodes, or -1 if there is no valid one.
+// escapeAt returns the byte that the escape at `i` encodes, or -1 if there is no valid one.
 int escapeAt(const std::string& text, size_t i) {
     if (text[i] != '%' || text.size() - i < 3 || digitValue(text[i + 1]) < 0 || digitValue(text[i + 2]) < 0)
         return -1;
     return digitValue(text[i + 1]) * 16 + digitValue(text[i + 2]);
 }
 
-// regionAt gives the length of the region that begins at `i`, 0 if none does.
+// regionAt returns the length of the region that begins at `i`, 0 if none does.
 size_t regionAt(const std::string& text, size_t i, bool skipPatterns) {
     if (!skipPatterns || text.compare(i, 2, "[[") != 0)
         return 0;
@@ -273,7 +273,7 @@ TEST(UriEscape, UnreservedIsExactlyLettersDigitsAndFourMore) {
     EXPECT_EQ(66, kept);
 }
 
-TEST(UriEscape, Table) {
+TEST(UriEscape, EscapesAllButTheKeepSetAndRegions) {
     const struct {
         std::string text, keepSet;
         bool skipPatterns;
@@ -346,7 +346,7 @@ TEST(UriUnescape, EveryPairThatIsNotHexadecimalIsCopied) {
         }
 }
 
-TEST(UriUnescape, Table) {
+TEST(UriUnescape, DecodesEscapesAndCopiesBadOnes) {
     const struct {
         std::string text;
         bool skipPatterns;
@@ -417,7 +417,7 @@ TEST(UriSmartEscape, DecidesOverControlsAndTenCharactersOnly) {
         }
 }
 
-TEST(UriSmartEscape, Table) {
+TEST(UriSmartEscape, EscapesControlsPercentAndTheSetOnly) {
     const struct {
         std::string text, escapeSet;
         bool skipPatterns;
@@ -467,7 +467,7 @@ TEST(UriSmartUnescape, CopiesEveryByteThatBeginsNoEscape) {
         EXPECT_EQ(oneByte(byte), URI::smartUnescapeURIComponent(oneByte(byte), USER_INFO_USER_KEEP)) << byte;
 }
 
-TEST(UriSmartUnescape, Table) {
+TEST(UriSmartUnescape, DecodesAllButWhatWouldReadAsSomethingElse) {
     const struct {
         std::string text, keepEscapedSet;
         bool skipPatterns;
@@ -537,7 +537,7 @@ TEST(UriNormalize, QueryEscapesDelimitersThatUrisWouldAllow) {
               URI::normalizeURIComponent("/?:@!$'()*,", QUERY_SETS.decode, QUERY_SETS.preserve));
 }
 
-TEST(UriNormalize, Table) {
+TEST(UriNormalize, BringsEveryWritingIntoOneForm) {
     const struct {
         std::string text;
         NormalSets sets;
@@ -587,7 +587,7 @@ TEST(UriNormalize, Table) {
 
 // ---- validateEscaping ----
 
-TEST(UriValidateEscaping, Table) {
+TEST(UriValidateEscaping, EveryPercentOutsideRegionsNeedsTwoDigits) {
     const struct {
         std::string text;
         bool plain, skipping;
@@ -623,7 +623,7 @@ TEST(UriValidateEscaping, Table) {
 
 // ---- findSkipPattern ----
 
-TEST(UriFindSkipPattern, Table) {
+TEST(UriFindSkipPattern, FindsTheFirstOutsideRegions) {
     const struct {
         std::string text;
         char character;
@@ -688,7 +688,7 @@ TEST(UriFindSkipPattern, TerminatedTextEndsAtTheNul) {
 
 // ---- splitQueryString ----
 
-TEST(UriSplitQuery, Table) {
+TEST(UriSplitQuery, EveryItemCountsAndTheLastDuplicateWins) {
     const struct {
         std::string text;
         bool skipPatterns;
@@ -734,7 +734,7 @@ TEST(UriSplitQuery, Table) {
 
 // ---- queryString and queryStringCanonical ----
 
-TEST(UriQueryString, Table) {
+TEST(UriQueryString, ItemsWithoutAKeyAreSkippedAndTheFirstDuplicateWins) {
     const struct {
         std::string query;
         URI::Query decoded, canonical;
@@ -784,7 +784,7 @@ TEST(UriQueryString, ItemWithoutKeyIsSkippedWhereTheTolerantSplitKeepsIt) {
 
 // ---- makeQueryString and setQuery ----
 
-TEST(UriMakeQuery, Table) {
+TEST(UriMakeQuery, WritesItemsInTheOrderOfTheirKeys) {
     const struct {
         URI::Query items;
         bool skipPatterns;
@@ -850,7 +850,7 @@ public:
     }
 
 private:
-    // addRun adds one piece many times, as results are gathered in blocks, and something behind it.
+    // addRun adds one piece many times, as results are gathered in blocks, and something after it.
     void addRun(std::string& text) {
         const std::string& piece = m_pieces[below(m_pieces.size())];
         for (size_t count = 200 + below(400); count > 0; --count)
@@ -1000,7 +1000,7 @@ TEST(UriEscapeProperty, QueryPutTogetherComesApartAgain) {
 
 // ---- The end of the text, in a block that ends with it ----
 
-TEST(UriEscapeBounds, NoTransformReadsBehindTheEnd) {
+TEST(UriEscapeBounds, NoTransformReadsAfterTheEnd) {
     const std::string front(24, 'x');
     for (const std::string end :
          {"%", "%4", "%%", "[", "[[", "[[]", "]", "]]", "[[a]", "[[%", "[[]]", "=", "&", "[[a]]%"}) {

@@ -1,8 +1,8 @@
 // uri_path_test.cpp: URI::Path of foundation/uri.h. Tables come first; then random paths are held against slow models
 // and against what the operations promise together.
 //
-// A path is written as its segments in angle brackets, "-" for none, behind "/" if absolute and ahead of "/" if it has
-// a trailing slash: "/<a><b c>/", "-/".
+// A path is written as its segments in angle brackets, "-" for none, after "/" if absolute and ahead of "/" if it has a
+// trailing slash: "/<a><b c>/", "-/".
 
 #include <gtest/gtest.h>
 
@@ -121,7 +121,7 @@ TEST(UriPath, ConstructorTakesSegmentsInOrder) {
 
 // ---- toString and toFileName ----
 
-TEST(UriPathText, Table) {
+TEST(UriPathText, FlagsDecideOnTheSlashesAtTheEnds) {
     const struct {
         const char* path;
         std::string expected;
@@ -213,7 +213,7 @@ TEST(UriPathParse, FlagsAreOnlySet) {
     EXPECT_EQ("/<a>/", show(path));
 }
 
-TEST(UriPathParse, Table) {
+TEST(UriPathParse, CutsAtSlashesAndEndsAtQueryOrFragment) {
     const struct {
         std::string text, expected;
         size_t end;
@@ -371,7 +371,7 @@ TEST(UriPathParse, BadSegmentWithoutRegionIsStoredAlsoWithRegionsOn) {
 
 // ---- fromFileName and fromString ----
 
-TEST(UriPathFileName, Table) {
+TEST(UriPathFileName, SlashesCollapseAndDotSegmentsGo) {
     const struct {
         std::string name, expected;
         const char* from;
@@ -437,7 +437,7 @@ TEST(UriPathQuery, ContainsComparesWholeSegments) {
     EXPECT_TRUE(Path("a\0b"s).contains("a\0b"s));
 }
 
-TEST(UriPathQuery, BeginsWith) {
+TEST(UriPathQuery, BeginsWithComparesWholeSegments) {
     const struct {
         const char *path, *prefix;
         bool expected;
@@ -503,7 +503,7 @@ TEST(UriPathQuery, CompareGivesTheseNumbers) {
     EXPECT_EQ(2, Path("a\0b"s).compare(Path("a")));
 }
 
-TEST(UriPathQuery, LastSegmentName) {
+TEST(UriPathQuery, LastSegmentNameIsEmptyWithoutSegments) {
     const Path path = P("/<a><b>/");
     EXPECT_EQ(&path.segments.back(), &path.lastSegmentName());
     const std::string* empty;
@@ -516,7 +516,7 @@ TEST(UriPathQuery, LastSegmentName) {
     EXPECT_EQ(empty, &Path().lastSegmentName());
 }
 
-TEST(UriPathQuery, Parts) {
+TEST(UriPathQuery, PartsFollowFromSegmentsAndFlags) {
     const struct {
         const char *path, *lastSegment, *resourceName, *resourceDir, *topDir, *afterTopDir;
     } rows[] = {
@@ -548,7 +548,7 @@ TEST(UriPathQuery, Parts) {
     }
 }
 
-TEST(UriPathQuery, SubPath) {
+TEST(UriPathQuery, SubPathKeepsTheFlagsOfTheEndsThatItKeeps) {
     const unsigned END = static_cast<unsigned>(-1);
     const struct {
         const char* path;
@@ -578,7 +578,7 @@ TEST(UriPathQuery, SubPath) {
             << row.path << " " << row.first << " " << row.last << ": " << row.from;
 }
 
-TEST(UriPathQuery, CommonBase) {
+TEST(UriPathQuery, CommonBaseIsTheSharedDirectory) {
     const struct {
         const char *a, *b, *expected, *from;
     } rows[] = {
@@ -674,7 +674,7 @@ TEST(UriPathChange, AppendAndSlashAddAPath) {
     }
 }
 
-TEST(UriPathChange, AddSuffix) {
+TEST(UriPathChange, AddSuffixExtendsTheLastSegment) {
     const struct {
         const char *path, *suffix, *expected, *from;
     } rows[] = {
@@ -696,7 +696,7 @@ TEST(UriPathChange, AddSuffix) {
     }
 }
 
-TEST(UriPathChange, RemoveRoot) {
+TEST(UriPathChange, RemoveRootTakesWholeSegments) {
     const struct {
         const char *path, *root;
         bool expected;
@@ -728,7 +728,7 @@ TEST(UriPathChange, RemoveRoot) {
     }
 }
 
-TEST(UriPathChange, RemoveDotSegments) {
+TEST(UriPathChange, RemoveDotSegmentsKeepsLeadingParentsUnlessRooted) {
     const struct {
         const char *path, *expected, *rooted, *from;
     } rows[] = {
@@ -780,7 +780,7 @@ TEST(UriPathChange, RemoveDotSegments) {
     }
 }
 
-TEST(UriPathChange, Resolve) {
+TEST(UriPathChange, ResolveMergesRelativePathsOnly) {
     const struct {
         const char *path, *base;
         bool rooted;
@@ -848,7 +848,7 @@ TEST(UriPathChange, ResolveFollowsTheExamplesOfRfc3986Section54) {
     }
 }
 
-TEST(UriPathChange, MakeRelative) {
+TEST(UriPathChange, MakeRelativeGoesUpToTheSharedDirectory) {
     const struct {
         const char *path, *base, *expected, *from;
     } rows[] = {
@@ -975,7 +975,7 @@ private:
     std::mt19937 m_random;
 };
 
-// isWhatParsingGives tells whether the path's text parses to this path: an empty segment must not look like the root
+// isWhatParsingGives returns whether the path's text parses to this path: an empty segment must not look like the root
 // or a trailing slash, and a path without segments is "" or "/".
 bool isWhatParsingGives(const Path& path) {
     if (path.segments.empty())
@@ -1296,7 +1296,7 @@ TEST(UriPathLongPath, ChangesTakeLinearTime) {
 
 // ---- The end of the text, in a block that ends with it ----
 
-TEST(UriPathBounds, ParserReadsNothingBehindTheTerminator) {
+TEST(UriPathBounds, ParserReadsNothingAfterTheTerminator) {
     for (const std::string front : {"", "a", "/", "[[x]]"})
         for (const std::string end : {"", "%", "%4", "[", "[[", "[[]", "]", "]]", "[[a]", "[[%", "[[]]", "/", "?",
                                       "[[?", "[[/", "[[?]", "[[?]]", "[[/]]", "[[#]]?"})

@@ -14,6 +14,7 @@
 
 #include "foundation/uri.h"
 #include "unit/exact_buffer.h"
+#include "unit/foundation/even_growth.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ using Path = URI::Path;
 
 constexpr int RANDOM_CASES = 100000;
 
-// parse parses a copy of `text` that has nothing readable behind its terminator.
+// parse parses a copy of `text` that has nothing readable after its terminator.
 URI parse(const std::string& text, bool skipPatterns = false) {
     const ExactBuffer<char> buffer(text, true);
     return URI::fromString(buffer.data(), skipPatterns);
@@ -202,7 +203,7 @@ void expectEmpty(const std::vector<std::pair<std::string, const char*>>& rows, b
         EXPECT_EQ(EMPTY, describe(parse(text, skipPatterns))) << testing::PrintToString(text) << ": " << why;
 }
 
-TEST(UriParse, WholeUris) {
+TEST(UriParse, WholeUrisAreTakenApart) {
     expectParsed({
         {"http://u:p@name:8080/a/b?k=v#f", "http|u:p|name|8080|A<a><b>|k=v|f", "http://u:p@name:8080/a/b?k=v#f",
          "every part"},
@@ -228,7 +229,7 @@ TEST(UriParse, WholeUris) {
     });
 }
 
-TEST(UriParse, RelativeReferences) {
+TEST(UriParse, RelativeReferencesHaveNoOrigin) {
     expectParsed({
         {"", EMPTY, "", "nothing"},
         {"a", "|||0|<a>||", "a", "one segment"},
@@ -267,7 +268,7 @@ TEST(UriParse, TextsThatBeginWithTwoSlashesAreFileUris) {
     expectEmpty({{"//a_b/x", "a bad host"}, {"//a:x/", "a bad port"}});
 }
 
-TEST(UriParse, UrisWithoutAuthority) {
+TEST(UriParse, UrisWithoutAuthorityHaveSchemeAndPath) {
     expectParsed({
         {"file:/a/b", "file|||0|A<a><b>||", "file:/a/b", "a file"},
         {"file:///a/b", "file|||0|A<a><b>||", "file:/a/b", "an empty host is not printed"},
@@ -549,7 +550,7 @@ TEST(UriPrint, TheTextForPeople) {
 
 // ---- Files ----
 
-TEST(UriFile, FromFileName) {
+TEST(UriFile, FromFileNameMakesALocalFileUri) {
     const struct {
         std::string name, fields, printed;
     } rows[] = {
@@ -577,7 +578,7 @@ TEST(UriFile, FromFileName) {
     }
 }
 
-TEST(UriFile, GetFileName) {
+TEST(UriFile, GetFileNameIsForLocalFilesOnly) {
     const std::pair<std::string, std::string> rows[] = {
         {"file:///a/b", "/a/b"},
         {"file:/a%20b/", "/a b/"},
@@ -613,7 +614,7 @@ TEST(UriFile, NamesComeBack) {
 
 // ---- Resources ----
 
-TEST(UriResource, NameAndDirectory) {
+TEST(UriResource, NameIsTheLastSegmentAndDirectoryTheRest) {
     const struct {
         std::string text, name, directory;
     } rows[] = {
@@ -641,7 +642,7 @@ struct ResolveRow {
 };
 
 TEST(UriResolve, ExamplesOfTheRfc) {
-    // RFC 3986, 5.4; the base is http://a/b/c/d;p?q. Behind the results that differ stands why.
+    // RFC 3986, 5.4; the base is http://a/b/c/d;p?q. A note says why a result differs.
     const std::vector<ResolveRow> rows = {
         {"g:h", "g:h", "5.4.1"},
         {"g", "http://a/b/c/g", "5.4.1"},
@@ -1039,7 +1040,7 @@ std::string randomText(std::mt19937& random, bool escapes) {
     return text;
 }
 
-// hasOwnText tells whether a parsed URI is what its own text is read as. What has no host is printed without an
+// hasOwnText returns whether a parsed URI is what its own text is read as. What has no host is printed without an
 // authority, multicast with one, and a relative path without a mark in front. So these are read as something else: user
 // information or a port without a host, a multicast URI that had no authority (relative, or with ".." in front), an
 // empty first segment, a first segment that looks like a scheme.
@@ -1153,7 +1154,7 @@ TEST(UriRandom, WhatParsesHasTheForm) {
     }
 }
 
-// isAboveBase tells whether `uri` names, without a slash, a directory in which the base lies: the one case in which a
+// isAboveBase returns whether `uri` names, without a slash, a directory in which the base lies: the one case in which a
 // relative form has no text of its own.
 bool isAboveBase(const Path& uri, const Path& base) {
     const size_t depth = base.segments.size() - (base.trailingSlash || base.segments.empty() ? 0 : 1);
@@ -1287,19 +1288,23 @@ TEST(UriRandom, LongTextsAreReadInOneGo) {
     const URI base = parse("http://name/a/b?q#f");
     for (const std::string piece : {"[[", "]]", "[[a]]", "[[a]]%41", "%", "%41", "a/", "../", "a/../", "/", "&", "=",
                                     "#", "?", "@", "a=b&", "]]["}) {
-        std::string noise;
-        while (noise.size() < (1u << 18))
-            noise += piece;
         for (const std::string start : {"", "?", "#", "http://name/", "data:,"}) {
             for (const bool skipPatterns : {false, true}) {
-                const URI uri = parse(start + noise, skipPatterns);
-                uri.toString(skipPatterns);
-                uri.toUserString(skipPatterns);
-                uri.queryString();
-                URI(uri).resolve(base).makeRelative(base);
+                EXPECT_TRUE(growsEvenly(piece,
+                                        [&](const std::string& noise) {
+                                            URI uri = parse(start + noise, skipPatterns);
+                                            const size_t printed = uri.toString(skipPatterns).size() +
+                                                                   uri.toUserString(skipPatterns).size();
+                                            const size_t items = uri.queryString().size();
+                                            return printed + items +
+                                                   uri.resolve(base).makeRelative(base).toString(skipPatterns).size();
+                                        }))
+                    << start << piece << skipPatterns;
             }
         }
-        URI::fromFileName(noise).toString(true);
+        EXPECT_TRUE(growsEvenly(piece, [](const std::string& noise) {
+            return URI::fromFileName(noise).toString(true).size();
+        })) << piece;
     }
 }
 
