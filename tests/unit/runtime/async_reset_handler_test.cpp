@@ -117,7 +117,7 @@ private:
     log4cxx::AppenderPtr m_pAppender = std::make_shared<ActivatedAppender>([this] { onReset(); });
 };
 
-// descriptors gives the open descriptors of this process.
+// descriptors returns the open descriptors of this process.
 std::set<int> descriptors() {
     std::set<int> result;
     DIR* const folder = opendir("/proc/self/fd");
@@ -131,7 +131,7 @@ std::set<int> descriptors() {
 
 const std::string KERNEL_NAME = "AsyncResetHandl";
 
-// statesOfHandlers gives the kernel's states of the threads that have the handler's name.
+// statesOfHandlers returns the kernel's states of the threads that have the handler's name.
 std::string statesOfHandlers() {
     std::string states;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -180,7 +180,7 @@ TEST(AsyncResetHandler, DestructionEndsAThreadThatWaitsForRequests) {
     EXPECT_TRUE(waitForStates(""));
 }
 
-TEST(AsyncResetHandler, DestructionRightBehindTheStartEnds) {
+TEST(AsyncResetHandler, DestructionRightAfterTheStartEnds) {
     for (int i = 0; i < 100; i++) {
         AsyncResetHandler handler;
         ASSERT_TRUE(handler.start());
@@ -224,7 +224,7 @@ TEST(AsyncResetHandler, SecondStartIsRefused) {
     EXPECT_TRUE(counter.waitFor(1));
 }
 
-TEST(AsyncResetHandler, ThreadThatCannotBeMadeIsToldAndCanBeTriedAgain) {
+TEST(AsyncResetHandler, ThreadThatCannotBeMadeIsReportedAndCanBeTriedAgain) {
     RecordCollector collector("orv.utils.thread");
     ResetCounter counter;
     AsyncResetHandler handler;
@@ -333,8 +333,8 @@ const Waiting WAITING[] = {
     {"one flush", {2}, 1},
     {"reset and flush", {1, 2}, 1},
     {"several", {2, 1, 1, 2, 2, 1}, 1},
-    {"behind wake-ups", {0, 0, 1, 0, 2, 0}, 1},
-    {"behind unknown ones", {3, 255, 2}, 1},
+    {"after wake-ups", {0, 0, 1, 0, 2, 0}, 1},
+    {"after unknown ones", {3, 255, 2}, 1},
     {"a whole read", std::vector<int>(16, 1), 1},
     {"one more than a read", std::vector<int>(17, 1), 2},
     {"two reads", std::vector<int>(32, 2), 2},
@@ -417,7 +417,7 @@ TEST(AsyncResetHandler, FullPipeHoldsNoDestructionUp) {
     EXPECT_EQ(counter.count(), 0);
 }
 
-TEST(AsyncResetHandler, FailedResetIsToldAndTheNextOneIsMade) {
+TEST(AsyncResetHandler, FailedResetIsReportedAndTheNextOneIsMade) {
     const Outcome outcome = inChild([] {
         ResetCounter counter;
         log4cxx::Logger::getRootLogger()->addAppender(
@@ -459,7 +459,7 @@ constexpr int LOGGERS = 8;
 constexpr int MOVES = 20;
 const char* const TAIL = "a tail long enough for a torn line to show, the same in each of them";
 
-// logUntil makes numbered records until `over` is set and gives their number.
+// logUntil makes numbered records until `over` is set and returns their number.
 int logUntil(const std::atomic<bool>& over, int thread) {
     const log4cxx::LoggerPtr logger = orvlog::getLogger("orv.test");
     int made = 0;
@@ -478,7 +478,7 @@ bool waitForFile(const std::string& path) {
     return true;
 }
 
-// moveFiles moves the log file away again and again, each time when it holds something, and has it made anew.
+// moveFiles moves the log file away again and again, each time when it holds something, and has it made again.
 bool moveFiles(AsyncResetHandler& handler) {
     for (int i = 0; i < MOVES; i++) {
         if (!waitForFile("log/player.log"))
