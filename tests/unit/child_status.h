@@ -6,8 +6,7 @@
 
 #include "unit/own_process.h"
 
-// childStatus gives how a child process ended that runs `body`; 0 if that returned. What it says on standard error is
-// lost.
+// childStatus runs `body` in a child process and returns how that ended: 0 if `body` returned. Standard error is lost.
 template <class Body>
 int childStatus(Body body) {
     const pid_t child = startedProcess(fork());

@@ -1,4 +1,4 @@
-// logging_child.h: logging set up in a child process, for tests to look at what it leaves behind.
+// logging_child.h: logging set up in a child process, for tests to look at what it leaves.
 //
 // This replaces libc's syslog for the test program that includes it, in its one source: what would go there is kept,
 // and nothing reaches the machine's own log.
@@ -39,7 +39,7 @@ extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
     va_end(arguments);
 }
 
-// Outcome is what a child process left behind.
+// Outcome is what a child process left.
 struct Outcome {
     int status = -1;
     std::string output;
@@ -53,7 +53,7 @@ inline void redirect(int fd, const std::string& path) {
     close(file);
 }
 
-// inChild runs `body` in a child process. An exception that gets out of it gives the status 99.
+// inChild runs `body` in a child process. An exception that leaves it makes the status 99.
 template <class Body>
 Outcome inChild(Body body) {
     const TempFolder result;

@@ -13,116 +13,9 @@
 #include <utility>
 
 #include "foundation/json.h"
+#include "unit/alloc_faults.h"
 
 namespace {
-
-// Faults decides which allocations of this thread fail and counts the living ones.
-struct Faults {
-    enum Mode { Off, One, AllFollowing };
-    Mode mode = Off;
-    std::size_t untilFault = 0;
-    bool hit = false;
-    std::ptrdiff_t living = 0;
-
-    bool fails() {
-        if (mode == Off || untilFault-- > 0)
-            return false;
-        hit = true;
-        if (mode == One)
-            mode = Off;
-        else
-            untilFault = 0;
-        return true;
-    }
-};
-
-thread_local Faults gs_oFaults;
-
-void* allocate(std::size_t size) {
-    if (gs_oFaults.fails())
-        return nullptr;
-    void* const block = std::malloc(size == 0 ? 1 : size);
-    if (block != nullptr)
-        ++gs_oFaults.living;
-    return block;
-}
-
-void release(void* block) {
-    if (block != nullptr)
-        --gs_oFaults.living;
-    std::free(block);
-}
-
-void* allocateOrThrow(std::size_t size) {
-    void* const block = allocate(size);
-    if (block == nullptr)
-        throw std::bad_alloc();
-    return block;
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return allocateOrThrow(size);
-}
-void* operator new[](std::size_t size) {
-    return allocateOrThrow(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
-}
-void operator delete(void* block) noexcept {
-    release(block);
-}
-void operator delete[](void* block) noexcept {
-    release(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-    release(block);
-}
-void operator delete[](void* block, std::size_t) noexcept {
-    release(block);
-}
-void operator delete(void* block, const std::nothrow_t&) noexcept {
-    release(block);
-}
-void operator delete[](void* block, const std::nothrow_t&) noexcept {
-    release(block);
-}
-
-namespace {
-
-// failingAt runs `body` with the nth allocation failing (and all after it, in that mode). It returns whether
-// std::bad_alloc came out.
-bool failingAt(std::size_t n, Faults::Mode mode, const std::function<void()>& body) {
-    gs_oFaults.hit = false;
-    gs_oFaults.untilFault = n;
-    gs_oFaults.mode = mode;
-    bool thrown = false;
-    try {
-        body();
-    } catch (const std::bad_alloc&) {
-        thrown = true;
-    }
-    gs_oFaults.mode = Faults::Off;
-    return thrown;
-}
-
-// throwsAtEveryAllocation runs `body` over and over and demands an exception for every fault and no leak. It gives the
-// number of faults that were hit.
-std::size_t throwsAtEveryAllocation(Faults::Mode mode, const std::function<void()>& body) {
-    for (std::size_t n = 0;; ++n) {
-        const std::ptrdiff_t before = gs_oFaults.living;
-        const bool thrown = failingAt(n, mode, body);
-        EXPECT_EQ(before, gs_oFaults.living) << "allocation " << n;
-        EXPECT_EQ(gs_oFaults.hit, thrown) << "allocation " << n;
-        if (!gs_oFaults.hit || testing::Test::HasFailure())
-            return n;
-    }
-}
 
 const char* const Document =
     "{\"a long key that does not fit into the string object\": [1, 2, {\"k\": [[], {}, null]}, true],"
@@ -135,10 +28,10 @@ std::string oneLine(const JSON& value) {
     return out;
 }
 
-class Exhausted : public testing::TestWithParam<Faults::Mode> {};
+class Exhausted : public testing::TestWithParam<AllocFaults::Mode> {};
 
-INSTANTIATE_TEST_SUITE_P(JSON, Exhausted, testing::Values(Faults::One, Faults::AllFollowing),
-                         [](const auto& test) { return test.param == Faults::One ? "OneFault" : "AllFromThere"; });
+INSTANTIATE_TEST_SUITE_P(JSON, Exhausted, testing::Values(AllocFaults::One, AllocFaults::AllFollowing),
+                         [](const auto& test) { return test.param == AllocFaults::One ? "OneFault" : "AllFromThere"; });
 
 }  // namespace
 
@@ -147,20 +40,20 @@ TEST(ExhaustedHarness, FailsTheAllocationThatIsDue) {
     const auto body = [&made] {
         made = 0;
         for (; made < 3; ++made)
-            delete new int;
+            ::operator delete(::operator new(sizeof(int)));  // the pair of expressions may be left out by a compiler
     };
-    EXPECT_TRUE(failingAt(1, Faults::One, body));
+    EXPECT_TRUE(failingAt(1, AllocFaults::One, body));
     EXPECT_EQ(1u, made);
-    EXPECT_FALSE(failingAt(3, Faults::One, body));
+    EXPECT_FALSE(failingAt(3, AllocFaults::One, body));
     EXPECT_EQ(3u, made);
 }
 
 TEST(ExhaustedHarness, CountsTheLivingBlocks) {
-    const std::ptrdiff_t before = gs_oFaults.living;
+    const std::ptrdiff_t before = gs_oAllocFaults.living;
     JSON::root value = JSON::Null();
-    EXPECT_EQ(before + 1, gs_oFaults.living);
+    EXPECT_EQ(before + 1, gs_oAllocFaults.living);
     value.reset();
-    EXPECT_EQ(before, gs_oFaults.living);
+    EXPECT_EQ(before, gs_oAllocFaults.living);
 }
 
 TEST_P(Exhausted, ParseThrowsAndReleasesWhatWasBuilt) {
@@ -248,7 +141,7 @@ TEST(ExhaustedStore, FailedPushLeavesTheElementsInPlace) {
     array->push(JSON::Number(1));
     array->values().shrink_to_fit();
     JSON::root value = JSON::Number(2);
-    EXPECT_TRUE(failingAt(0, Faults::One, [&] { array->push(std::move(value)); }));
+    EXPECT_TRUE(failingAt(0, AllocFaults::One, [&] { array->push(std::move(value)); }));
     EXPECT_EQ("[ 1 ]", oneLine(*array));
 }
 
@@ -257,7 +150,7 @@ TEST(ExhaustedStore, FailedSetLeavesTheMembersInPlace) {
     object->set("a", JSON::Number(1));
     const std::string key = "b";
     JSON::root value = JSON::Number(2);
-    EXPECT_TRUE(failingAt(0, Faults::One, [&] { object->set(key, std::move(value)); }));
+    EXPECT_TRUE(failingAt(0, AllocFaults::One, [&] { object->set(key, std::move(value)); }));
     EXPECT_EQ("{ \"a\": 1 }", oneLine(*object));
 }
 
@@ -267,11 +160,11 @@ TEST(ExhaustedDestruction, NeedsNoMemory) {
     const std::string texts[] = {Document, "[]", "{}", "[[[],[[]],{}],[{\"a\":[{}]}]]",
                                  "{\"a\":{\"b\":[{\"c\":{}}],\"d\":[[]]}}"};
     for (const std::string& text : texts) {
-        const std::ptrdiff_t before = gs_oFaults.living;
+        const std::ptrdiff_t before = gs_oAllocFaults.living;
         JSON::root document = JSON::parse(text);
         ASSERT_NE(nullptr, document);
-        EXPECT_FALSE(failingAt(0, Faults::AllFollowing, [&document] { document.reset(); })) << text;
-        EXPECT_EQ(before, gs_oFaults.living) << text;
+        EXPECT_FALSE(failingAt(0, AllocFaults::AllFollowing, [&document] { document.reset(); })) << text;
+        EXPECT_EQ(before, gs_oAllocFaults.living) << text;
     }
 }
 
@@ -280,7 +173,7 @@ TEST(ExhaustedDestruction, OfMembersAndElementsNeedsNoMemory) {
     ASSERT_NE(nullptr, object);
     const std::string a = "a";
     const std::string c = "c";
-    EXPECT_FALSE(failingAt(0, Faults::AllFollowing, [&] {
+    EXPECT_FALSE(failingAt(0, AllocFaults::AllFollowing, [&] {
         object->unset(a);
         object->move(c);
         object->get("e")->reverse();
@@ -306,8 +199,8 @@ void* destroyDeepDocuments(void*) {
             text += close;
         JSON::root document = JSON::parse(text);
         EXPECT_NE(nullptr, document) << open;
-        EXPECT_FALSE(failingAt(0, Faults::AllFollowing, [&document] { document.reset(); })) << open;
-        EXPECT_FALSE(gs_oFaults.hit) << open;
+        EXPECT_FALSE(failingAt(0, AllocFaults::AllFollowing, [&document] { document.reset(); })) << open;
+        EXPECT_FALSE(gs_oAllocFaults.hit) << open;
     }
     return nullptr;
 }

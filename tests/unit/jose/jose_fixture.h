@@ -35,7 +35,7 @@ struct PkeyDeleter {
 };
 using PkeyHolder = std::unique_ptr<EVP_PKEY, PkeyDeleter>;
 
-// newReference gives one more reference to what a key holds, for the caller to pass on.
+// newReference returns one more reference to what a key holds, for the caller to pass on.
 inline EVP_PKEY* newReference(const jwa::Key& key) {
     if (key.pkey())
         EVP_PKEY_up_ref(key.pkey());
@@ -56,7 +56,7 @@ inline bool isEC(jwa::Algo algo) {
     return algo >= jwa::ES256 && algo <= jwa::ES512;
 }
 
-// digestName gives the digest of an algorithm as the openssl command calls it.
+// digestName returns the digest of an algorithm as the openssl command calls it.
 inline std::string digestName(jwa::Algo algo) {
     return std::string("sha") + (jwa::name(algo) + 2);
 }
@@ -65,7 +65,7 @@ inline std::string digestName(jwa::Algo algo) {
 
 inline const std::string NO_FAILURE = "no failure";
 
-// failureOf calls `call` and gives the code and the text of the ORVError that it throws, as "CODE TEXT".
+// failureOf calls `call` and returns the code and the text of the ORVError that it throws, as "CODE TEXT".
 template <class Call>
 std::string failureOf(Call call) {
     try {
@@ -76,19 +76,19 @@ std::string failureOf(Call call) {
     return NO_FAILURE;
 }
 
-// failureText gives what `failureOf` gives for a code and a detail.
+// failureText returns what `failureOf` returns for a code and a detail.
 inline std::string failureText(ORVError::Errors code, const std::string& detail) {
     return std::to_string(static_cast<int>(code)) + " " + ORVError::toString(code, detail);
 }
 
-// opensslText gives OpenSSL's wording of an error; of 0 when a call failed without leaving an error.
+// opensslText returns OpenSSL's wording of an error; of 0 when a call failed without leaving an error.
 inline std::string opensslText(unsigned long error) {
     char text[256] = {};
     ERR_error_string_n(error, text, sizeof text);
     return text;
 }
 
-// opensslFailure does what fails in OpenSSL and gives the error that ours must throw for it: the call's name and
+// opensslFailure does what fails in OpenSSL and returns the error that ours must throw for it: the call's name and
 // OpenSSL's first error.
 template <class Call>
 std::string opensslFailure(ORVError::Errors code, const std::string& name, Call call) {
@@ -138,7 +138,7 @@ protected:
         return result.output;
     }
 
-    // privatePEM makes a private key of a kind once and gives the path of its file.
+    // privatePEM makes a private key of a kind once and returns the path of its file.
     std::string privatePEM(const std::string& kind) const {
         const std::string name = kind + ".pem";
         if (TempFolder::contentOf(m_oFolder / name).empty())
@@ -152,14 +152,14 @@ protected:
         return m_oFolder / (kind + ".pub");
     }
 
-    // converted gives the bytes that `openssl COMMAND -in KEY -out FILE` leaves.
+    // converted returns the bytes that `openssl COMMAND -in KEY -out FILE` leaves.
     std::string converted(const std::string& command, const std::string& kind) const {
         privatePEM(kind);
         openssl(command + " -in " + kind + ".pem -out converted");
         return content("converted");
     }
 
-    // privateKey and publicKey give a key without any test.
+    // privateKey and publicKey return a key without any test.
     jwa::Key privateKey(jwa::Algo algo, const std::string& kind) const {
         jwa::Key key;
         key.loadPrivateKey(jwa::None, privatePEM(kind));
@@ -183,7 +183,7 @@ protected:
         return jwa::Key(std::as_const(result));
     }
 
-    // kindOf gives the kind of key that an algorithm of EC or RSA takes.
+    // kindOf returns the kind of key that an algorithm of EC or RSA takes.
     static std::string kindOf(jwa::Algo algo) {
         switch (algo) {
         case jwa::ES256:
@@ -217,7 +217,7 @@ private:
 
 // --- ECDSA signatures: r and s side by side, and the DER form of RFC 3279, section 2.2.3 ---
 
-// derInteger gives an unsigned number as DER, with the fewest bytes.
+// derInteger returns an unsigned number as DER, with the fewest bytes.
 inline Bytes derInteger(Bytes number) {
     while (number.size() > 1 && number[0] == 0)
         number.erase(number.begin());

@@ -34,7 +34,7 @@ std::string vectorText(const std::string& name) {
 JSON::root vectorJSON(const std::string& name) {
     JSON::root value = JSON::parse(vectorText(name));
     if (!value)
-        throw std::runtime_error("vector " + name + " is no JSON");
+        throw std::runtime_error("vector " + name + " is not JSON");
     return value;
 }
 
@@ -352,7 +352,7 @@ TEST_F(JoseVectors, EveryTokenFailsUnderEveryOtherKey) {
     }
 }
 
-TEST_F(JoseVectors, ES256TokenIsSignedAnewWithItsKey) {
+TEST_F(JoseVectors, ES256TokenIsSignedAgainWithItsKey) {
     const Token token("rfc7515_a3");
     const jwa::Key key = loadedPrivate(jwa::ES256, keyOf(*token.jwk, true));
     const std::string text = jws::sign(JSON::parse(token.header()).get(), token.payload(), key);

@@ -55,7 +55,7 @@ const std::string BAD = "49 String not valid : ";
 
 class JwaKey : public Jose {
 protected:
-    // hmac gives an HMAC key, for tests that need a key to be there already.
+    // hmac returns an HMAC key, for tests that need a key to be there already.
     static jwa::Key hmac() { return hmacKey(jwa::HS256, "secret"); }
 
     // expectKept expects that `load` fails and leaves the key as it was.
@@ -171,7 +171,7 @@ TEST(OwnProcess, FailedForkIsAnErrorAndReachesNeitherKillNorWaitpid) {
 
 // --- Algorithms ---
 
-TEST(JwaAlgo, TableOfValuesNamesAndSizes) {
+TEST(JwaAlgo, ValuesNamesAndSizesAreThoseOfTheTable) {
     for (const AlgoRow& row : ALGOS) {
         EXPECT_EQ(static_cast<int>(row.algo), row.value);
         EXPECT_STREQ(jwa::name(row.algo), row.name);
@@ -204,7 +204,7 @@ TEST_F(JwaKey, NewKeyIsEmpty) {
     EXPECT_EQ(key.pkey(), nullptr);
 }
 
-TEST_F(JwaKey, ResetGivesBackTheReferenceOnce) {
+TEST_F(JwaKey, ResetReleasesTheReferenceOnce) {
     jwa::Key key = hmac();
     const OpensslWatch watch;
     key.reset();
@@ -216,7 +216,7 @@ TEST_F(JwaKey, ResetGivesBackTheReferenceOnce) {
     EXPECT_EQ(key.pkey(), nullptr);
 }
 
-TEST_F(JwaKey, DestructorGivesBackTheReference) {
+TEST_F(JwaKey, DestructorReleasesTheReference) {
     const jwa::Key key = hmac();
     const OpensslWatch watch;
     { const jwa::Key copy(key); }
@@ -254,7 +254,7 @@ TEST_F(JwaKey, CopySurvivesTheResetOfTheOriginal) {
     EXPECT_EQ(jwa::sign("abc", 3, assigned), expected);
 }
 
-TEST_F(JwaKey, AssignmentGivesUpWhatTheTargetHeld) {
+TEST_F(JwaKey, AssignmentReleasesWhatTheTargetHeld) {
     jwa::Key target = hmacKey(jwa::HS512, "other");
     const jwa::Key key = hmac();
     const OpensslWatch watch;
@@ -283,8 +283,8 @@ TEST_F(JwaKey, AssignmentBetweenHoldersOfOneKeyKeepsIt) {
     EXPECT_EQ(jwa::sign("abc", 3, copy), jwa::sign("abc", 3, hmac()));
 }
 
-// The reference that moving gives back is replaced by one taken here before.
-TEST_F(JwaKey, MoveTakesThePointerAndGivesItsReferenceBack) {
+// The reference that moving releases is replaced by one taken here before.
+TEST_F(JwaKey, MoveTakesThePointerAndReleasesItsReference) {
     jwa::Key source = hmac();
     EVP_PKEY* const held = newReference(source);
     const OpensslWatch watch;
@@ -297,7 +297,7 @@ TEST_F(JwaKey, MoveTakesThePointerAndGivesItsReferenceBack) {
     EXPECT_EQ(source.pkey(), nullptr);
 }
 
-TEST_F(JwaKey, MoveAssignmentTakesThePointerAndGivesItsReferenceBack) {
+TEST_F(JwaKey, MoveAssignmentTakesThePointerAndReleasesItsReference) {
     jwa::Key source = hmac();
     EVP_PKEY* const held = newReference(source);
     jwa::Key target;
@@ -311,7 +311,7 @@ TEST_F(JwaKey, MoveAssignmentTakesThePointerAndGivesItsReferenceBack) {
     EXPECT_EQ(source.pkey(), nullptr);
 }
 
-TEST_F(JwaKey, MoveAssignmentGivesUpWhatTheTargetHeld) {
+TEST_F(JwaKey, MoveAssignmentReleasesWhatTheTargetHeld) {
     jwa::Key source = hmac();
     newReference(source);
     jwa::Key target = hmacKey(jwa::HS512, "other");
@@ -321,7 +321,7 @@ TEST_F(JwaKey, MoveAssignmentGivesUpWhatTheTargetHeld) {
     EXPECT_EQ(target.algo(), jwa::HS256);
 }
 
-TEST_F(JwaKey, MoveOfAnEmptyKeyGivesAnEmptyKey) {
+TEST_F(JwaKey, MoveOfAnEmptyKeyIsAnEmptyKey) {
     jwa::Key source;
     const jwa::Key target(std::move(source));
     EXPECT_EQ(target.algo(), jwa::None);
@@ -516,7 +516,7 @@ TEST_F(JwaKey, CheckKeyHoldsEachKindAgainstEachAlgorithm) {
     }
 }
 
-TEST_F(JwaKey, CheckKeyOfAnHMACKey) {
+TEST_F(JwaKey, CheckKeyTakesAnHMACKeyForHMACOnly) {
     for (const std::string& secret : {std::string("secret"), std::string()}) {
         const jwa::Key key = hmacKey(jwa::HS256, secret);
         for (const AlgoRow& algo : ALGOS) {
@@ -528,7 +528,7 @@ TEST_F(JwaKey, CheckKeyOfAnHMACKey) {
     }
 }
 
-TEST_F(JwaKey, CheckKeyOfANullKey) {
+TEST_F(JwaKey, CheckKeyRefusesANullKeyUnlessForNone) {
     for (const AlgoRow& algo : ALGOS) {
         jwa::Key key;
         key.set(algo.algo, nullptr);

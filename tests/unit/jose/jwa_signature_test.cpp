@@ -39,7 +39,7 @@ bool verify(const std::string& message, const jwa::Key& key, const Bytes& signat
     return jwa::verify(buffer.data(), buffer.size(), key, signature);
 }
 
-// accepts tells whether OpenSSL itself takes a signature in its own form.
+// accepts returns whether OpenSSL itself takes a signature in its own form.
 bool accepts(EVP_PKEY* key, const EVP_MD* digest, const std::string& message, const Bytes& signature) {
     EVP_MD_CTX* const context = EVP_MD_CTX_new();
     const bool result = EVP_DigestVerifyInit(context, nullptr, digest, nullptr, key) == 1 &&
@@ -614,7 +614,7 @@ TEST_F(JwaSignature, EarlierFalseVerificationsDoNotReachTheText) {
 }
 
 // An object is not reset by an error: what was added before belongs to the message that is finished later.
-TEST_F(JwaSignature, MessageGoesOnBehindAnErrorOfTheSigner) {
+TEST_F(JwaSignature, MessageGoesOnAfterAnErrorOfTheSigner) {
     for (const FaultRow& row : SIGNING_FAULTS) {
         const std::string name = std::string(row.function) + " " + jwa::name(row.algo);
         const jwa::Key key = isHMAC(row.algo) ? hmacKey(row.algo, "secret") : usualKey(row.algo);
@@ -637,7 +637,7 @@ TEST_F(JwaSignature, MessageGoesOnBehindAnErrorOfTheSigner) {
     }
 }
 
-TEST_F(JwaSignature, MessageGoesOnBehindAnErrorOfTheVerifier) {
+TEST_F(JwaSignature, MessageGoesOnAfterAnErrorOfTheVerifier) {
     for (const FaultRow& row : VERIFYING_FAULTS) {
         const std::string name = std::string(row.function) + " " + jwa::name(row.algo);
         const jwa::Key key = usualKey(row.algo);
@@ -658,7 +658,7 @@ TEST_F(JwaSignature, MessageGoesOnBehindAnErrorOfTheVerifier) {
     }
 }
 
-TEST_F(JwaSignature, NoContextIsToldBeforeTheKeyIsLookedAt) {
+TEST_F(JwaSignature, MissingContextIsReportedBeforeTheKeyIsLookedAt) {
     const OpensslWatch watch("EVP_MD_CTX_new");
     EXPECT_THAT(failureOf([] { jwa::Signer(jwa::Key()).init(); }), StartsWith("19 No Memory : EVP_MD_CTX_new"));
 }

@@ -1,4 +1,4 @@
-// jws_test.cpp: tokens in compact form: making, verifying, looking into them, and what is none.
+// jws_test.cpp: tokens in compact form: making, verifying, looking into them, and what is not one.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ JSON::root parsed(const std::string& text) {
     return value;
 }
 
-// textOf gives the one-line text of a value, for comparing; "null pointer" if there is none.
+// textOf returns the one-line text of a value, for comparing, or "null pointer".
 std::string textOf(const JSON::root& value) {
     return value ? oneLine(*value) : "null pointer";
 }
@@ -97,7 +97,7 @@ protected:
         return result;
     }
 
-    // headerLeft gives what `verify` leaves in a header slot that held something before.
+    // headerLeft returns what `verify` leaves in a header slot that held something before.
     std::string headerLeft(const std::string& text) const {
         JSON::root header = JSON::String("before");
         std::string payload;
@@ -175,17 +175,17 @@ TEST_F(Jws, HeaderWithAnotherAlgThrows) {
     }
 }
 
-TEST_F(Jws, AlgThatIsNoStringIsComparedByItsText) {
+TEST_F(Jws, AlgThatIsNotAStringIsComparedByItsText) {
     for (const char* header :
          {R"({"alg":5})", R"({"alg":null})", R"({"alg":true})", R"({"alg":["ES256"]})", R"({"alg":{"ES256":1}})"}) {
         EXPECT_EQ(failureOf([&] { token("x", header); }), MISMATCH) << header;
     }
-    // the text of the number 5 is "5", which is no algorithm's name; that of null isn't "none" either
+    // the text of the number 5 is "5", which is not an algorithm's name; that of null isn't "none" either
     jwa::Key none;
     EXPECT_EQ(failureOf([&] { jws::sign(parsed(R"({"alg":null})").get(), std::string("x"), none); }), MISMATCH);
 }
 
-TEST_F(Jws, MismatchIsToldByEveryForm) {
+TEST_F(Jws, MismatchIsReportedByEveryForm) {
     const JSON::root header = parsed(R"({"alg":"RS256"})");
     const Bytes bytes = {1};
     EXPECT_EQ(failureOf([&] { jws::sign(header.get(), bytes.data(), 1, key()); }), MISMATCH);
@@ -200,7 +200,7 @@ TEST_F(Jws, HeaderWithoutAlgIsSignedAsItIs) {
 }
 
 // A value that has no members has no `alg`.
-TEST_F(Jws, HeaderThatIsNoObjectIsSignedButNeverVerifies) {
+TEST_F(Jws, HeaderThatIsNotAnObjectIsSignedButNeverVerifies) {
     for (const char* header : {"[1]", "5", "\"ES256\"", "null"}) {
         const std::string text = token("x", header);
         EXPECT_EQ(decoded(segments(text)[0]), oneLine(*parsed(header)));
@@ -356,7 +356,7 @@ TEST_F(Jws, AlgorithmIsNeverTakenFromTheText) {
     EXPECT_FALSE(verifies(text, publicKey(jwa::ES256, "P-256")));
 }
 
-TEST_F(Jws, HeaderThatIsNoObjectFails) {
+TEST_F(Jws, HeaderThatIsNotAnObjectFails) {
     for (const char* header : {"[1]", "5", "\"ES256\"", "null", "[{\"alg\":\"ES256\"}]"}) {
         const std::string text = handMade(encoded(header), encoded("{}"));
         EXPECT_FALSE(verifies(text)) << header;
@@ -442,7 +442,7 @@ TEST_F(Jws, LineFeedsThatWereSignedVerify) {
     EXPECT_TRUE(verifies(handMade(encoded(HEADER) + "\n", "\n" + encoded("{}") + "==")));
 }
 
-TEST_F(Jws, JSONPayloadThatIsNoObjectIsStoredButFalse) {
+TEST_F(Jws, JSONPayloadThatIsNotAnObjectIsStoredButFalse) {
     for (const char* payload : {"[1]", "5", "\"s\"", "null", "true"}) {
         JSON::root header;
         JSON::root value = JSON::String("before");
@@ -455,7 +455,7 @@ TEST_F(Jws, JSONPayloadThatIsNoObjectIsStoredButFalse) {
     ASSERT_NE(dynamic_cast<JSONArray*>(value.get()), nullptr);
 }
 
-TEST_F(Jws, PayloadThatIsNoJSONEmptiesTheSlot) {
+TEST_F(Jws, PayloadThatIsNotJSONEmptiesTheSlot) {
     for (const char* payload : {"", "no JSON", "{\"a\":1", "\xff"}) {
         JSON::root header;
         JSON::root value = JSON::String("before");

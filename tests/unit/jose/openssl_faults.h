@@ -1,5 +1,5 @@
-// openssl_faults.h: defines functions of OpenSSL anew in the one test program that includes this file, so that a test
-// can count their calls and let one fail. Without an OpensslWatch they behave as usual.
+// openssl_faults.h: replaces functions of OpenSSL in the one test program that includes this file, so that a test can
+// count their calls and let one fail. Without an OpensslWatch they behave as usual.
 #pragma once
 
 #include <dlfcn.h>
@@ -16,7 +16,7 @@
 // is its own affair.
 class OpensslWatch {
 public:
-    // OpensslWatch lets the `nth` call of `function` give `result` (a function that returns a pointer: null) without
+    // OpensslWatch makes the `nth` call of `function` return `result` (a function that returns a pointer: null) without
     // being done.
     explicit OpensslWatch(std::string function = "", int result = 0, int nth = 1)
         : m_strFailing(std::move(function)), m_nResult(result), m_nNth(nth) {
@@ -26,13 +26,13 @@ public:
     OpensslWatch& operator=(const OpensslWatch&) = delete;
     ~OpensslWatch() { ms_pCurrent = nullptr; }
 
-    // made tells how often `function` was called.
+    // made returns how often `function` was called.
     int made(const std::string& function) const {
         const auto found = m_aMade.find(function);
         return found == m_aMade.end() ? 0 : found->second;
     }
 
-    // failed tells whether the call that was to fail was made.
+    // failed returns whether the call that was to fail was made.
     bool failed() const { return m_bFailed; }
 
     template <class Result, class... Arguments>

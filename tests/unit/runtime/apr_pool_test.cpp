@@ -318,7 +318,7 @@ auto make(Arguments... arguments) {
     return [=] { return std::make_unique<APRPool>(arguments...); };
 }
 
-TEST(APRPool, FromAPool) {
+TEST(APRPool, OfAPoolBorrowsItUnlessANameIsGiven) {
     const RootPool root;
     expectBorrowed(make(root.pool, nullptr), root.pool);
     expectMade(make(root.pool, "child"), root.pool, "child");
@@ -327,7 +327,7 @@ TEST(APRPool, FromAPool) {
     expectMade(make(NO_POOL, nullptr), globalPool(), "<no name>");
 }
 
-TEST(APRPool, FromAName) {
+TEST(APRPool, OfANameIsANewRootPool) {
     expectMade(make("root"), globalPool(), "root");
     expectMade(make("%s %n 100%"), globalPool(), "%s %n 100%");
     expectMade(make(static_cast<const char*>(nullptr)), globalPool(), "<no name>");
@@ -335,7 +335,7 @@ TEST(APRPool, FromAName) {
     expectMade([&] { return std::make_unique<APRPool>(longName.c_str()); }, globalPool(), longName);
 }
 
-TEST(APRPool, FromAPointerToAParent) {
+TEST(APRPool, OfAParentPointerBorrowsUnlessItIsNullOrANameIsGiven) {
     const APRPool parent("parent");
     const APRPool* const pointer = &parent;
     expectBorrowed(make(pointer, nullptr), parent.get());
@@ -344,7 +344,7 @@ TEST(APRPool, FromAPointerToAParent) {
     expectMade(make(NO_PARENT, nullptr), globalPool(), "<no name>");
 }
 
-TEST(APRPool, FromAParent) {
+TEST(APRPool, OfAParentBorrowsUnlessANameIsGiven) {
     const APRPool parent("parent");
     expectBorrowed([&] { return std::make_unique<APRPool>(parent, nullptr); }, parent.get());
     expectBorrowed([&] { return std::make_unique<APRPool>(parent); }, parent.get());
@@ -372,7 +372,7 @@ TEST(APRPool, NameIsCopied) {
     EXPECT_EQ(pool.tag(), before);
 }
 
-TEST(APRPool, FailedCreationGivesNoPool) {
+TEST(APRPool, FailedCreationLeavesNoPool) {
     gs_oBooks.failCreate = true;
     {
         const APRPool pool("none");

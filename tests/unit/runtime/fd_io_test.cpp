@@ -50,7 +50,7 @@ struct Script {
 
 Script gs_oScript;
 
-// nextStep gives the result of the next call. A call too many fails.
+// nextStep returns the result of the next call. A call too many fails.
 ssize_t nextStep(size_t length) {
     gs_oScript.asked.push_back(length);
     const size_t index = gs_oScript.asked.size() - 1;
@@ -127,7 +127,7 @@ private:
     }
 };
 
-// pattern gives bytes in which a lost, doubled or swapped stretch shows.
+// pattern returns bytes in which a lost, doubled or swapped stretch shows.
 std::string pattern(size_t size) {
     std::string result(size, '\0');
     uint32_t state = 1;
@@ -138,7 +138,7 @@ std::string pattern(size_t size) {
     return result;
 }
 
-// Result is all that a call gives back.
+// Result is all that a call returns.
 struct Result {
     int value;
     unsigned long count;
@@ -187,7 +187,7 @@ const Row ROWS[] = {
     {"interrupted within", {{4}, {-1, EINTR}, {-1, EINTR}, {6}}, 0, 10, 0, {10, 6, 6, 6}},
     {"failing at first", {{-1, EIO}}, -1, 0, EIO, {10}},
     {"failing within", {{4}, {-1, EIO}}, -1, 4, EIO, {10, 6}},
-    {"failing behind an interrupt", {{4}, {-1, EINTR}, {-1, ENOSPC}}, -1, 4, ENOSPC, {10, 6, 6}},
+    {"failing after an interrupt", {{4}, {-1, EINTR}, {-1, ENOSPC}}, -1, 4, ENOSPC, {10, 6, 6}},
     {"would block", {{9}, {-1, EAGAIN}}, -1, 9, EAGAIN, {10, 1}},
 };
 
@@ -220,10 +220,10 @@ TEST(WriteFull, FollowsEveryScript) {
 const Row ENDS[] = {
     {"empty file", {{0}}, 0, 0, 0, {10}},
     {"end within", {{3}, {0}}, 0, 3, 0, {10, 7}},
-    {"end behind an interrupt", {{3}, {-1, EINTR}, {0}}, 0, 3, 0, {10, 7, 7}},
+    {"end after an interrupt", {{3}, {-1, EINTR}, {0}}, 0, 3, 0, {10, 7, 7}},
 };
 
-TEST(ReadFull, EndOfFileIsNoFailure) {
+TEST(ReadFull, EndOfFileIsNotAFailure) {
     for (const Row& row : ENDS) {
         SCOPED_TRACE(row.what);
         gs_oScript = {row.steps, TEN, "", {}, 0};
@@ -233,7 +233,7 @@ TEST(ReadFull, EndOfFileIsNoFailure) {
     }
 }
 
-TEST(WriteFull, GoesOnBehindACallThatWroteNothing) {
+TEST(WriteFull, GoesOnAfterACallThatWroteNothing) {
     gs_oScript = {{{0}, {4}, {0}, {6}}, "", "", {}, 0};
     const Result result = writeFull(SCRIPTED, TEN);
     EXPECT_EQ(result.value, 0);
@@ -266,7 +266,7 @@ TEST(FullTransfer, LengthOfZeroStillMakesOneCall) {
     EXPECT_EQ(gs_oScript.asked, std::vector<size_t>({0}));
 }
 
-TEST(FullTransfer, LengthOfZeroTellsABadDescriptor) {
+TEST(FullTransfer, LengthOfZeroReportsABadDescriptor) {
     const Result read = readFull(-1, 0);
     EXPECT_EQ(read.value, -1);
     EXPECT_EQ(read.count, 0U);
@@ -279,7 +279,7 @@ TEST(FullTransfer, LengthOfZeroTellsABadDescriptor) {
 
 // --- Real descriptors
 
-TEST(ReadFull, WriterThatClosesEarlyGivesAShortCount) {
+TEST(ReadFull, WriterThatClosesEarlyMakesTheCountShort) {
     Pipe pipe;
     ASSERT_EQ(write(pipe.writeEnd, "abc", 3), 3);
     pipe.closeWriteEnd();
@@ -303,7 +303,7 @@ TEST(ReadFull, WaitsForAllOfALateWriter) {
     EXPECT_EQ(result.bytes, TEN);
 }
 
-TEST(ReadFull, LeavesWhatIsBehindTheLength) {
+TEST(ReadFull, LeavesWhatIsAfterTheLength) {
     Pipe pipe;
     ASSERT_EQ(write(pipe.writeEnd, TEN.data(), 10), 10);
     EXPECT_EQ(readFull(pipe.readEnd, 4).bytes, "0123");

@@ -90,7 +90,7 @@ ORVError::Errors codeOf(int number) {
     return static_cast<ORVError::Errors>(number);
 }
 
-// repeated gives `count` times the bytes of one code point.
+// repeated returns `count` times the bytes of one code point.
 std::string repeated(std::string_view codePoint, size_t count) {
     std::string text;
     for (size_t i = 0; i < count; i++) {
@@ -197,7 +197,7 @@ TEST(ORVError, CodeOutsideTheTableIsKept) {
     expectError(ORVError(codeOf(1000), "x"), codeOf(1000), "Network Error : x");
 }
 
-TEST(ORVErrorDesc, RowsMayStandInAnyOrder) {
+TEST(ORVErrorDesc, RowsMayHaveAnyOrder) {
     const ORVError::ORVErrorDesc::Description rows[] = {{2, 7, "two"}, {0, 5, "zero"}, {1, 6, "one"}, {0, 0, nullptr}};
     const ORVError::ORVErrorDesc desc(rows);
     EXPECT_EQ(desc.desc(0), "zero");
@@ -249,7 +249,7 @@ TEST(ORVError, EmptyDetailCountsAsNone) {
     EXPECT_EQ(ORVError::toString(ORVError::StringNotValid, ""), "String not valid");
 }
 
-TEST(ORVError, DetailStandsBehindTheText) {
+TEST(ORVError, DetailFollowsTheText) {
     const struct {
         std::string detail;
         std::string text;
@@ -383,7 +383,7 @@ TEST(ORVErrorTruncateName, TakesNamesThatAreNotUtf8) {
         {"\xfc\xe4z.txt", 7, "\xfc\xe4z.txt", "Latin-1, short enough: the bytes are left as they are"},
         {"\xfc\xe4z.txt", 6, "??z...txt", "Latin-1: a question mark for each letter that is kept"},
         {"M\xfcller", 4, "M?...er", "Latin-1 in front"},
-        {"Spa\xdf", 2, "S...?", "Latin-1 behind"},
+        {"Spa\xdf", 2, "S...?", "Latin-1 at the end"},
         {"M\xfcller", 2, "M...r", "Latin-1 in the middle goes like any letter"},
         {repeated("\xe4", 101), 100, std::string(50, '?') + "..." + std::string(50, '?'), "lead bytes alone"},
         {"\xa7\xa7wxyz\xa7", 4, "\xa7\xa7wxyz\xa7", "stray continuation bytes don't count"},
@@ -479,7 +479,7 @@ TEST(ORVErrorConvertAPRError, LongNameIsShortenedTo100) {
 
 // --- convertPosixError ---
 
-TEST(ORVErrorConvertPosixError, NameStandsInFrontOfTheSystemsWording) {
+TEST(ORVErrorConvertPosixError, NamePrecedesTheSystemsWording) {
     expectError(ORVError::convertPosixError(ORVError::FileReadError, 2, "f"), ORVError::FileReadError,
                 "File read error : f: No such file or directory");
 }

@@ -1,4 +1,4 @@
-// orvlog_files_test.cpp: the set-ups of logging with files, and the reset that makes files anew.
+// orvlog_files_test.cpp: the set-ups of logging with files, and the reset that makes files again.
 //
 // Each set-up runs in a child process with a working directory of its own. This file replaces libc's syslog for its
 // test program: what would go there is kept, and nothing reaches the machine's own log.
@@ -263,7 +263,7 @@ TEST(ConfigureDefault, RootLoggerIsAtInfo) {
     }));
 }
 
-TEST(ConfigureDefault, FolderThatCannotBeMadeIsNoFailure) {
+TEST(ConfigureDefault, FolderThatCannotBeMadeIsNotAFailure) {
     const TempFolder folder;
     folder.write("log", "in the way");
     const Outcome outcome = inChild(folder, [] {
@@ -285,7 +285,7 @@ void attachUnclosable(const Failure& failure) {
         [](const Record& record) { printf("kept %s\n", record.text.c_str()); }, [=] { throw failure; }));
 }
 
-TEST(ConfigureDefault, FailureIsToldAndAttachedAppendersStay) {
+TEST(ConfigureDefault, FailureIsReportedAndAttachedAppendersStay) {
     const TempFolder folder;
     const Outcome outcome = inChild(folder, [] {
         attachUnclosable(Exception("cannot close"));
@@ -454,7 +454,7 @@ Outcome resetAndStay(bool (*configure)(const std::string&), const std::string& c
     });
 }
 
-TEST(ConfigureFromFile, ExceptionInXmlIsToldAndAttachedAppendersStay) {
+TEST(ConfigureFromFile, ExceptionInXmlIsReportedAndAttachedAppendersStay) {
     const Outcome outcome =
         resetAndStay(orvlog::configureFromXML,
                      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
@@ -465,8 +465,8 @@ TEST(ConfigureFromFile, ExceptionInXmlIsToldAndAttachedAppendersStay) {
     EXPECT_EQ(outcome.output, "kept record\n0\n");
 }
 
-// log4cxx tells this exception itself and counts the file as unreadable.
-TEST(ConfigureFromFile, ExceptionInIniIsToldAndAttachedAppendersStay) {
+// log4cxx reports this exception itself and counts the file as unreadable.
+TEST(ConfigureFromFile, ExceptionInIniIsReportedAndAttachedAppendersStay) {
     const Outcome outcome = resetAndStay(orvlog::configureFromINI, "log4j.reset=true\nlog4j.rootLogger=INFO\n");
     EXPECT_EQ(outcome.status, 0);
     EXPECT_THAT(outcome.error, MatchesRegex("(log4cxx: [^\n]*\n)+ERROR: orvlog::configureFromINI[(][)] failed with "
@@ -477,7 +477,7 @@ TEST(ConfigureFromFile, ExceptionInIniIsToldAndAttachedAppendersStay) {
 
 // --- reset
 
-TEST(Reset, FilesThatWereMovedAwayAreMadeAnew) {
+TEST(Reset, FilesThatWereMovedAwayAreMadeAgain) {
     const TempFolder folder;
     expectQuiet(inChild(folder, [] {
         requireDefault();
@@ -520,7 +520,7 @@ TEST(Reset, FilesInPlaceAreContinuedAndLevelsStay) {
     EXPECT_EQ(outcome.syslog, "<24>FATAL orv.test             - fatal\n");
 }
 
-TEST(Reset, RemovedFolderIsMadeAnew) {
+TEST(Reset, RemovedFolderIsMadeAgain) {
     const TempFolder folder;
     expectQuiet(inChild(folder, [] {
         requireDefault();
@@ -589,7 +589,7 @@ Outcome resetWith(const Failure& failure) {
 
 const char* const ALL_ACTIVATED = "activated\nactivated\nactivated\nactivated\nwent on\n";
 
-TEST(Reset, FailureOfOneLoggerIsToldAndTheOthersAreReset) {
+TEST(Reset, FailureOfOneLoggerIsReportedAndTheOthersAreReset) {
     const Outcome other = resetWith(std::runtime_error("disk 100%s gone"));
     EXPECT_EQ(other.status, 0);
     EXPECT_EQ(other.output, ALL_ACTIVATED);

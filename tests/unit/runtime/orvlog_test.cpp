@@ -30,6 +30,13 @@
 // Only with C linkage can this follow the header's declaration.
 extern "C" void orvlog_logger_log(void*, int, const char*, const char*, int, const char*, ...);
 
+// recordHere makes a record and returns its line. It is outside of the unnamed namespace, as log4cxx takes
+// clang's "(anonymous namespace)" for part of a function's name.
+static int recordHere() {
+    ORVLOG_WARN(testLogger(), "here");
+    return __LINE__ - 1;
+}
+
 namespace {
 
 using log4cxx::Level;
@@ -52,13 +59,13 @@ TEST(LogNames, AppendJoinsWithADot) {
     EXPECT_EQ(orvlog::append("", ""), ".");
 }
 
-TEST(LogNames, GetLoggerGivesOneLoggerPerName) {
+TEST(LogNames, GetLoggerReturnsOneLoggerPerName) {
     EXPECT_EQ(orvlog::getLogger("orv.tally")->getName(), "orv.tally");
     EXPECT_EQ(orvlog::getLogger("orv.tally"), orvlog::getLogger("orv.tally"));
     EXPECT_NE(orvlog::getLogger("orv.tally"), orvlog::getLogger("orv.other"));
 }
 
-TEST(LogNames, LoggersStandBelowTheTopLogger) {
+TEST(LogNames, LoggersAreBelowTheTopLogger) {
     RecordCollector collector;
     const LoggerPtr top = orvlog::getLogger(orvlog::TOP_LOGGER_NAME);
     const LoggerPtr below = orvlog::getLogger("orv.below");
@@ -168,7 +175,7 @@ TEST(ConfigureBasic, RootLoggerIsAtInfo) {
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(ConfigureBasic, FailureIsToldAndAttachedAppendersStay) {
+TEST(ConfigureBasic, FailureIsReportedAndAttachedAppendersStay) {
     const Outcome outcome = inChild([] {
         RecordCollector::useAlone(
             std::make_shared<TestAppender>([](const Record& record) { printf("kept %s\n", record.text.c_str()); },
@@ -200,12 +207,12 @@ TEST(Fini, EndsLogging) {
         orvlog::configureBasic(true, true);
         ORVLOG_FATAL(testLogger(), "before");
         orvlog::fini();
-        ORVLOG_FATAL(testLogger(), "behind");
+        ORVLOG_FATAL(testLogger(), "after");
     });
     EXPECT_EQ(outcome.status, 0);
     EXPECT_THAT(outcome.error, testing::StartsWith("FATAL: before\n"));
-    EXPECT_THAT(outcome.error, testing::Not(testing::HasSubstr("behind")));
-    EXPECT_THAT(outcome.syslog, testing::Not(testing::HasSubstr("behind")));
+    EXPECT_THAT(outcome.error, testing::Not(testing::HasSubstr("after")));
+    EXPECT_THAT(outcome.syslog, testing::Not(testing::HasSubstr("after")));
 }
 
 // --- Nothing but configureBasic configures
@@ -266,7 +273,7 @@ const Trap TRAPS[] = {
     {"other.xml", XML, true},
 };
 
-// runFresh starts this program anew in `folder`, to run the test called `filter`.
+// runFresh starts this program again in `folder`, to run the test called `filter`.
 int runFresh(const TempFolder& folder, const Trap& trap, const char* filter) {
     const pid_t child = startedProcess(fork());
     if (child == 0) {
@@ -281,7 +288,7 @@ int runFresh(const TempFolder& folder, const Trap& trap, const char* filter) {
     return awaitChild(child);
 }
 
-// isCaught tells whether a fresh process that runs the test called `test` takes its configuration from the trap.
+// isCaught returns whether a fresh process that runs the test called `test` takes its configuration from the trap.
 bool isCaught(const Trap& trap, const std::string& test) {
     SCOPED_TRACE(trap.name + (" " + test));
     const TempFolder folder;
@@ -316,7 +323,7 @@ TEST(SafeForcedLog, TakesWideMessages) {
     EXPECT_THAT(collector.lines(), ElementsAre("WARN gr\xC3\xBCn \xE2\x82\xAC"));
 }
 
-TEST(SafeForcedLog, HandsTheLocationOn) {
+TEST(SafeForcedLog, PassesTheLocationOn) {
     RecordCollector collector("orv.test");
     const log4cxx::spi::LocationInfo location("folder/origin.cpp", "origin.cpp", "void someFunction()", 4711);
     orvlog::safeForcedLog(testLogger(), Level::getInfo(), std::string("narrow"), location);
@@ -336,7 +343,7 @@ void useThrowingAppender(const Exception& exception) {
     }))->setLevel(Level::getDebug());
 }
 
-// tellOnStandardError gives what `body` writes there.
+// tellOnStandardError returns what `body` writes there.
 template <class Body>
 std::string tellOnStandardError(Body body) {
     const Outcome outcome = inChild([&] {
@@ -348,7 +355,7 @@ std::string tellOnStandardError(Body body) {
     return outcome.error;
 }
 
-TEST(SafeForcedLog, FailingAppenderIsToldOnStandardError) {
+TEST(SafeForcedLog, FailingAppenderIsReportedOnStandardError) {
     useThrowingAppender(log4cxx::helpers::Exception("disk 100%s full"));
     const auto narrow = [] {
         orvlog::safeForcedLog(testLogger(), Level::getError(), std::string("x"), LOG4CXX_LOCATION);
@@ -377,7 +384,7 @@ TEST(SafeForcedLog, OtherExceptionTypesPass) {
     EXPECT_THROW(orvlog::safeForcedLog(testLogger(), Level::getError(), std::string("x"), LOG4CXX_LOCATION), int);
 }
 
-TEST(SafeForcedLog, LoggingWorksAgainBehindAFailure) {
+TEST(SafeForcedLog, LoggingWorksAgainAfterAFailure) {
     useThrowingAppender(log4cxx::helpers::Exception("once"));
     EXPECT_EQ(tellOnStandardError([] {
                   ORVLOG_ERROR(testLogger(), "lost");
@@ -404,7 +411,7 @@ TEST(SafeForcedLog, AnyThreadMayLog) {
 
 // --- Macros
 
-// LevelRow tells what a logger at a level lets through.
+// LevelRow is what a logger at a level lets through.
 struct LevelRow {
     LevelPtr level;
     Lines lines;
@@ -445,12 +452,11 @@ TEST(Macros, FormatTheirArguments) {
 
 TEST(Macros, NameTheirOwnPlace) {
     RecordCollector collector;
-    const int line = __LINE__ + 1;
-    ORVLOG_WARN(testLogger(), "here");
+    const int line = recordHere();
     ASSERT_THAT(collector.records(), SizeIs(1));
     EXPECT_EQ(collector.records()[0].file, __FILE__);
     EXPECT_EQ(collector.records()[0].line, line);
-    EXPECT_THAT(collector.records()[0].function, testing::HasSubstr("TestBody"));
+    EXPECT_THAT(collector.records()[0].function, testing::HasSubstr("recordHere"));
 }
 
 TEST(Macros, AreOneStatement) {
@@ -506,7 +512,7 @@ TEST(PlainLog, NamesThePlaceItWasGiven) {
     EXPECT_EQ(collector.records()[0].line, 12);
 }
 
-TEST(PlainLog, CutsBehind511Bytes) {
+TEST(PlainLog, CutsAfter511Bytes) {
     for (const size_t length : {0U, 1U, 510U, 511U, 512U, 513U, 100000U}) {
         RecordCollector collector("orv.test");
         logPlain(Level::INFO_INT, "%s", std::string(length, 'a').c_str());
@@ -537,7 +543,7 @@ TEST(PlainLog, KeepsNoReferenceToTheLogger) {
     EXPECT_EQ(logger.use_count(), before);
 }
 
-TEST(PlainLog, FailingAppenderIsToldOnStandardError) {
+TEST(PlainLog, FailingAppenderIsReportedOnStandardError) {
     useThrowingAppender(log4cxx::helpers::Exception("disk 100%s full"));
     EXPECT_EQ(tellOnStandardError([] { logPlain(Level::ERROR_INT, "x"); }),
               "ERROR: orvlog_logger_log() failed with exception 'disk 100%s full'\n");

@@ -66,7 +66,7 @@ struct Creation {
 
 Creation gs_oCreation;
 
-// Scheduler stands for the system's scheduling of all threads, when it is in use.
+// Scheduler takes the place of the system's scheduling of all threads while it is in use.
 struct Scheduler {
     bool inUse = false;
     int policy = SCHED_OTHER;
@@ -172,8 +172,8 @@ extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
 
 namespace {
 
-// wasToldOf waits on a condition and tells whether a notification found `predicate` true. What the last look finds when
-// the time has run out doesn't count: nobody told of it.
+// wasToldOf waits on a condition and returns whether a notification found `predicate` true. What the last look finds
+// when the time has run out doesn't count, as no notification came with it.
 template <class Predicate>
 bool wasToldOf(std::condition_variable& condition, std::unique_lock<std::mutex>& lock, Predicate predicate) {
     const auto deadline = std::chrono::steady_clock::now() + LIMIT;
@@ -255,7 +255,7 @@ struct UseClock {
     ~UseClock() { gs_nClockShift = 0; }
 };
 
-// UseScheduler puts a scheduler in place of the system's, until its end. Threads are started before and joined behind
+// UseScheduler puts a scheduler in place of the system's, until its end. Threads are started before and joined after
 // it, or see it only under their mutex.
 struct UseScheduler {
     explicit UseScheduler(const Scheduler& scheduler) {
@@ -296,14 +296,14 @@ void expectAbort(Body body) {
     EXPECT_EQ(WTERMSIG(status), SIGABRT);
 }
 
-// isAsleep tells whether the kernel has the thread `tid` wait for something.
+// isAsleep returns whether the kernel has the thread `tid` wait for something.
 bool isAsleep(pid_t tid) {
     const std::string stat = TempFolder::contentOf(strfmt("/proc/self/task/%d/stat", tid));
     const size_t end = stat.rfind(") ");
     return end != std::string::npos && stat.compare(end, 3, ") S") == 0;
 }
 
-// Attempt makes a call on a thread of its own and tells whether it has come back.
+// Attempt makes a call on a thread of its own and returns whether it has come back.
 class Attempt {
 public:
     explicit Attempt(std::function<void()> call)
@@ -330,7 +330,7 @@ public:
         return true;
     }
 
-    // waits tells whether the call came to a wait in place of coming back.
+    // waits returns whether the call came to a wait in place of coming back.
     bool waits() {
         const auto deadline = std::chrono::steady_clock::now() + LIMIT;
         while (m_nTid == 0 || !isAsleep(m_nTid)) {
@@ -352,7 +352,7 @@ private:
 
 // --- Names and values
 
-TEST(ORVThreadValues, AreFixed) {
+TEST(ORVThreadValues, OfStatesAndPrioritiesAreFixed) {
     EXPECT_EQ(ORVThread::Starting, 0);
     EXPECT_EQ(ORVThread::Running, 1);
     EXPECT_EQ(ORVThread::Stopping, 2);
@@ -401,7 +401,7 @@ TEST(ThreadName, CutGoesThroughACharacter) {
     EXPECT_EQ(seen, "14 bytes long \xC3");
 }
 
-TEST(ThreadName, IsGivenToAnyRunningThread) {
+TEST(ThreadName, IsSetForAnyRunningThread) {
     Gate named;
     std::string seen;
     std::thread thread([&] {
@@ -532,7 +532,7 @@ TEST(ORVThreadLife, StopThatOvertakesTheStartWins) {
     EXPECT_EQ(collector.lines().size(), 2U);
 }
 
-TEST(ORVThreadLife, StopRightBehindStartNeverHangs) {
+TEST(ORVThreadLife, StopRightAfterStartNeverHangs) {
     for (int i = 0; i < 100; i++) {
         Worker worker("quick");
         worker.start();
@@ -541,7 +541,7 @@ TEST(ORVThreadLife, StopRightBehindStartNeverHangs) {
     }
 }
 
-TEST(ORVThreadLife, JoinedThreadStartsAnew) {
+TEST(ORVThreadLife, JoinedThreadStartsAgain) {
     RecordCollector collector("orv.utils.thread");
     std::vector<std::string> ids;
     Worker worker("again", [&](Worker& self) {
@@ -624,7 +624,7 @@ TEST(ORVThreadStart, WakesWaitersBeforeTheThreadRuns) {
 
 // --- Start that fails
 
-TEST(ORVThreadStart, FailureIsToldAndThrownOn) {
+TEST(ORVThreadStart, FailureIsReportedAndRethrown) {
     RecordCollector collector("orv.utils.thread");
     Worker worker("a thread with a long name");
     {
@@ -645,7 +645,7 @@ TEST(ORVThreadStart, FailureIsToldAndThrownOn) {
     EXPECT_EQ(worker.state(), ORVThread::Idle);
 }
 
-TEST(ORVThreadStart, WorksBehindAFailure) {
+TEST(ORVThreadStart, WorksAfterAFailure) {
     Worker worker("second try");
     {
         const UseCreation creation({EAGAIN, nullptr});
@@ -675,7 +675,7 @@ TEST(ORVThreadStart, FailureWakesWaiters) {
     }
 }
 
-TEST(ORVThreadStart, FailureIsToldWhileStartingAndBehindThatWakesWaiters) {
+TEST(ORVThreadStart, FailureIsReportedWhileStartingAndThenWakesWaiters) {
     Worker worker("awaited");
     std::optional<Attempt> waiter;
     const auto onRecord = [&](const Record& record) {
@@ -999,7 +999,7 @@ const Request REQUESTS[] = {
     {"FIFO, no maximum", scheduler(SCHED_OTHER, 0, 10, -1), ORVThread::Fifo, false, {}, {}},
 };
 
-// limitsAsked gives the policies whose limits were asked for, changes what the scheduler was told to change.
+// limitsAsked returns the policies whose limits were asked for, and changes the requests for a change.
 Lines limitsAsked() {
     Lines result;
     for (const std::string& call : gs_oScheduler.calls)
@@ -1016,7 +1016,7 @@ Lines changes() {
     return result;
 }
 
-TEST(Priority, OfALiveThread) {
+TEST(Priority, OfALiveThreadIsAppliedWithinItsPolicy) {
     for (const Request& request : REQUESTS) {
         SCOPED_TRACE(request.what);
         Worker worker("live");
@@ -1224,7 +1224,7 @@ void dropSchedulingRight() {
     syscall(SYS_capset, &header, data);
 }
 
-// mayUse tells whether the system lets this process use SCHED_FIFO at a priority. It tries on a thread of its own.
+// mayUse returns whether the system lets this process use SCHED_FIFO at a priority. It tries on a thread of its own.
 bool mayUse(int priority) {
     bool may = false;
     std::thread([&] {
@@ -1295,7 +1295,7 @@ TEST(ReadWriteLock, AdmitsOneReaderMoreThanItsLimit) {
     }
 }
 
-TEST(ReadWriteLock, LimitOfZeroAndLessIsNone) {
+TEST(ReadWriteLock, LimitOfZeroAndLessMeansNoBound) {
     for (const int limit : {0, -1, INT_MIN}) {
         ORVReadWriteLock lock(limit);
         for (int i = 0; i < 1000; i++)

@@ -14,7 +14,7 @@
 
 namespace {
 
-// Usage is what getrusage tells, in seconds and microseconds, when it is in use.
+// Usage is what getrusage returns, in seconds and microseconds, when it is in use.
 struct Usage {
     bool inUse = false;
     bool fails = false;
@@ -140,7 +140,7 @@ TEST_F(ProcessTimerTest, StartKeepsOrClearsTheTime) {
     EXPECT_EQ(timer.elapsedMicroseconds(), 0);
 }
 
-TEST_F(ProcessTimerTest, RestartReplacesTheTimeAndStartsAnew) {
+TEST_F(ProcessTimerTest, RestartReplacesTheTimeAndStartsAgain) {
     ProcessTimer timer;
     timer.start(true);
     setTimes({0, 5}, {0, 0});

@@ -273,7 +273,7 @@ TEST(ProtocolErrorsHTTP, Status418IsNamedInTheDetail) {
 
 // --- Texts, letter by letter ---
 
-TEST(ProtocolErrorsText, IsExact) {
+TEST(ProtocolErrorsText, HasProtocolVerbURIAndReason) {
     const URI uri = URI::fromString("ftp://user@name:2121/a%20b;x?q=%41#f");
     EXPECT_EQ("Server or proxy hostname lookup failed : FTP LIST ftp://user@name:2121/a b;x?q=A#f -> no such host",
               textOf([&] { ORVError::throwFTPError(6, "LIST", uri, "no such host"); }));
@@ -384,7 +384,7 @@ TEST(ProtocolErrorsText, DetailLosesItsLastLineBreaks) {
         {"x\t", "x\t", "no tab"},
         {"a\r\nb\r\n", "a\r\nb", "line breaks inside stay"},
         {"\r\nx", "\r\nx", "line breaks in front stay"},
-        {"\n", "", "not empty before, so nothing stands for it"},
+        {"\n", "", "not empty before, so nothing replaces it"},
         {"\r\n\r\n", "", "nor for more of them"},
         {"100 %s %n", "100 %s %n", "no format"},
         {"\xff\xc3", "\xff\xc3", "bytes are handed on"},
@@ -396,7 +396,7 @@ TEST(ProtocolErrorsText, DetailLosesItsLastLineBreaks) {
     }
 }
 
-TEST(ProtocolErrorsText, ReasonStandsBehindTheStatusUnlessEmpty) {
+TEST(ProtocolErrorsText, ReasonFollowsTheStatusUnlessEmpty) {
     const struct {
         const char* reason;
         const char* text;
@@ -415,7 +415,7 @@ TEST(ProtocolErrorsText, ReasonStandsBehindTheStatusUnlessEmpty) {
         EXPECT_EQ(fullText(29, "HTTP GET http://name/a -> "s + row.text), httpText(sampleURI(), row.reason)) << row.why;
 }
 
-TEST(ProtocolErrorsText, VerbAndURIAreNoFormat) {
+TEST(ProtocolErrorsText, VerbAndURIAreNotAFormat) {
     const URI uri = URI::fromString("http://name/%25s%25n");
     EXPECT_EQ(fullText(1, "FTP %s%n http://name/%25s%25n -> x"),
               textOf([&] { ORVError::throwFTPError(0, "%s%n", uri, "x"); }));

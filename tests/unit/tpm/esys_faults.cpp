@@ -1,4 +1,4 @@
-// esys_faults.cpp: the functions of the TSS library that the TPM layer calls, defined anew so that the fault injector
+// esys_faults.cpp: the functions of the TSS library that the TPM layer calls, replaced so that the fault injector
 // sees them.
 
 #include "unit/tpm/esys_faults.h"

@@ -7,5 +7,5 @@
 
 using NvCertify = std::function<TSS2_RC(TPM2B_ATTEST** certifyInfo, TPMT_SIGNATURE** signature)>;
 
-// g_fNvCertify stands for Esys_NV_Certify when it is set.
+// g_fNvCertify replaces Esys_NV_Certify when it is set.
 extern NvCertify g_fNvCertify;

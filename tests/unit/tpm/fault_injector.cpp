@@ -10,7 +10,7 @@ FaultInjector g_oFaults;
 
 namespace {
 
-// gs_bTssQuiet: the library would tell each refusal of the TPM on standard error.
+// gs_bTssQuiet: the library would report each refusal of the TPM on standard error.
 [[maybe_unused]] const bool gs_bTssQuiet = setenv("TSS2_LOG", "all+NONE", 0) == 0;
 
 // The range from which ESYS takes the handles of what it knows in a TPM, beginning anywhere in it.

@@ -1,6 +1,6 @@
 // fault_injector.h: lists the library calls that the code under test makes, and lets chosen ones fail.
 //
-// esys_faults.cpp and openssl_faults.cpp define the library's functions anew in the test program; each definition goes
+// esys_faults.cpp and openssl_faults.cpp replace the library's functions in the test program; each definition goes
 // through `intercept`, which lists the call, asks the injector whether it is to fail, and else passes it on to the
 // library. Calls that a library makes while it works on an intercepted call are its own affair: they are passed on
 // unseen.
@@ -23,14 +23,14 @@ public:
     // INJECTED is the code of a fault that names none; no command of the tests ends with it by itself.
     static constexpr uint32_t INJECTED = 0x902;
 
-    // LEFT_HANDLE is a handle of ESYS that stands for nothing: its counter begins far below and never gets there.
+    // LEFT_HANDLE is a handle of ESYS that refers to nothing: its counter begins far below and never gets there.
     static constexpr ESYS_TR LEFT_HANDLE = 0x4fffffff;
 
     // reset forgets all faults, actions and listed calls.
     void reset() { *this = FaultInjector(); }
 
-    // fail makes the call number `first` of `function`, counted from now, and the `count` - 1 calls after it give
-    // `code`; a function that returns a pointer gives null, and one of OpenSSL gives 0 for `INJECTED`.
+    // fail makes the call number `first` of `function`, counted from now, and the `count` - 1 calls after it return
+    // `code`; a function that returns a pointer returns null, and one of OpenSSL 0 for `INJECTED`.
     void fail(const std::string& function, uint32_t code = INJECTED, int first = 1, int count = 1) {
         m_aFaults.push_back({function, first, first + count - 1, code, 0});
     }
@@ -55,17 +55,17 @@ public:
         m_aAlter[function] = [change](void* output) { change(*static_cast<Output*>(output)); };
     }
 
-    // calls gives all calls made since `reset` or `clearCalls`, each as the function's name and its arguments, without
-    // the context. Esys_Free is left out, as it has no meaning for a TPM.
+    // calls returns all calls made since `reset` or `clearCalls`, each as the function's name and its arguments,
+    // without the context. Esys_Free is left out, as it has no meaning for a TPM.
     const std::vector<std::string>& calls() const { return m_aCalls; }
 
-    // calls gives those of one function.
+    // calls returns those of one function.
     std::vector<std::string> calls(const std::string& function) const;
 
-    // commands gives those calls that reach the TPM, by their names.
+    // commands returns those calls that reach the TPM, by their names.
     std::vector<std::string> commands() const;
 
-    // made tells how often `function` was called.
+    // made returns how often `function` was called.
     size_t made(const std::string& function) const { return calls(function).size(); }
 
     void clearCalls() { m_aCalls.clear(); }
@@ -75,7 +75,7 @@ public:
     // enter begins a call that the program itself makes.
     void enter(const std::string& call, const std::string& function);
 
-    // fault gives the code with which the call just begun is to fail.
+    // fault returns the code with which the call just begun is to fail.
     std::optional<uint32_t> fault(const std::string& function);
 
     void alterOutput(const std::string& function, void* output) const;
@@ -116,7 +116,7 @@ private:
 // Unseen has the calls of a test's own preparations passed on without a look.
 using Unseen = LibraryCall;
 
-// hex gives bytes as lower case digits.
+// hex returns bytes as lower case digits.
 std::string hex(const unsigned char* bytes, size_t size);
 
 // CallText makes the text of a call's arguments: numbers as 0x..., ESYS handles as the TPM's own handle or the word
@@ -198,7 +198,7 @@ void allocated(Argument argument, Use use) {
     }
 }
 
-// leaveHandle leaves a handle to nothing where a call would give one.
+// leaveHandle leaves a handle to nothing where a call would return one.
 template <class Argument>
 void leaveHandle([[maybe_unused]] Argument argument) {
     if constexpr (std::is_same_v<Argument, ESYS_TR*>) {
@@ -206,7 +206,7 @@ void leaveHandle([[maybe_unused]] Argument argument) {
     }
 }
 
-// leaveLitter gives outputs although the call failed, as the library may: the caller has to free those that were
+// leaveLitter returns outputs although the call failed, as the library may: the caller has to free those that were
 // allocated, and must not use a handle.
 template <class... Arguments>
 void leaveLitter(Arguments... arguments) {
@@ -220,7 +220,7 @@ void leaveLitter(Arguments... arguments) {
     }
 }
 
-// realFunction gives the library's own function.
+// realFunction returns the library's own function.
 template <class Function>
 Function* realFunction(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));

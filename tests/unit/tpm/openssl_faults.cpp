@@ -1,4 +1,4 @@
-// openssl_faults.cpp: the functions of OpenSSL that the TPM layer calls, defined anew so that the fault injector sees
+// openssl_faults.cpp: the functions of OpenSSL that the TPM layer calls, replaced so that the fault injector sees
 // them.
 
 #include <openssl/bio.h>

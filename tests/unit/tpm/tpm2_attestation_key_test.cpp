@@ -97,7 +97,7 @@ protected:
         const Bytes file = read("challenge");
         EXPECT_GT(file.size(), 8U);
         clear();
-        return {file.begin() + 8, file.end()};  // behind the file's own head
+        return {file.begin() + 8, file.end()};  // after the file's own head
     }
 
     // idObjectSize is the size of the first part of a challenge.
@@ -106,7 +106,7 @@ protected:
     // expectPolicySessionGone: the instance's own session is the only one.
     static void expectPolicySessionGone() { EXPECT_EQ(loadedSessions(), "- 0x2000000\n"); }
 
-    // expectLoaded tells that the AK in use is the one with these areas.
+    // expectLoaded expects that the AK in use is the one with these areas.
     void expectLoaded(const Areas& areas) {
         g_oFaults.reset();
         const Bytes secret = {1, 2, 3};
@@ -123,7 +123,7 @@ protected:
     }
 };
 
-TEST_F(AttestationKey, TemplateByteByByte) {
+TEST_F(AttestationKey, TemplateIsExactByteByByte) {
     const TPM2B_PUBLIC& publicArea = TPM2Attestor::ms_sEcc256AKTemplate;
     unsigned char buffer[sizeof(TPM2B_PUBLIC)];
     size_t size = 0;
@@ -195,7 +195,7 @@ TEST_F(AttestationKey, FailedCreationChangesNothing) {
 
 // --- loadAK, loadAttestationKey
 
-TEST_F(AttestationKey, Load) {
+TEST_F(AttestationKey, LoadTakesAPolicySessionAndKeepsTheAreas) {
     const Areas areas = created();
     EXPECT_TRUE(attestor().loadAttestationKey(areas.first, areas.second));
     EXPECT_EQ(lines(), LOADED);
@@ -211,7 +211,7 @@ TEST_F(AttestationKey, Load) {
     expectLoaded(areas);
 }
 
-TEST_F(AttestationKey, KeyOfAnEarlierRunIsGivenBackByteForByte) {
+TEST_F(AttestationKey, KeyOfAnEarlierRunIsReturnedByteForByte) {
     const Areas areas = created();
     openAgain();
     EXPECT_TRUE(attestor().loadAttestationKey(areas.first, areas.second));
@@ -220,7 +220,7 @@ TEST_F(AttestationKey, KeyOfAnEarlierRunIsGivenBackByteForByte) {
     expectLoaded(areas);
 }
 
-TEST_F(AttestationKey, BytesBehindThePublicAreaAreIgnored) {
+TEST_F(AttestationKey, BytesAfterThePublicAreaAreIgnored) {
     const Areas areas = created();
     Bytes longer = areas.first;
     longer.push_back(0x55);
@@ -317,7 +317,7 @@ TEST_F(AttestationKey, SameKeyMayBeLoadedAgain) {
     expectLoaded(areas);
 }
 
-TEST_F(AttestationKey, PublicAreaThatIsNone) {
+TEST_F(AttestationKey, MalformedPublicAreaIsRefused) {
     const Areas areas = loaded();
     for (const size_t size : {1U, 2U, 3U, 10U, 89U}) {
         clear();
@@ -334,7 +334,7 @@ TEST_F(AttestationKey, PublicAreaThatIsNone) {
     expectLoaded(areas);
 }
 
-TEST_F(AttestationKey, PrivateAreaThatIsNoneFailsInTheTPM) {
+TEST_F(AttestationKey, MalformedPrivateAreaFailsInTheTPM) {
     const Areas areas = created();
     const Bytes& good = areas.second;
     Bytes tampered = good;
@@ -409,7 +409,7 @@ TEST_F(AttestationKey, TPMsOwnToolsLoadIt) {
                       HasSubstr("value: NIST p256"), HasSubstr("value: ecdsa")));
 }
 
-TEST_F(AttestationKey, FailedCreationGivesNoAreas) {
+TEST_F(AttestationKey, FailedCreationReturnsNoAreas) {
     g_oFaults.fail("Esys_Create");
     EXPECT_EQ(attestor().getAttestationKeyTPMPubPriv(), NO_AREAS);
     EXPECT_THAT(problems(),
@@ -417,7 +417,7 @@ TEST_F(AttestationKey, FailedCreationGivesNoAreas) {
     EXPECT_NE(attestor().getAttestationKeyTPMPubPriv(), NO_AREAS);
 }
 
-TEST_F(AttestationKey, FailedMarshallingGivesNoAreas) {
+TEST_F(AttestationKey, FailedMarshallingReturnsNoAreas) {
     const Areas areas = created();
     for (const char* const function : {"Tss2_MU_TPM2B_PUBLIC_Marshal", "Tss2_MU_TPM2B_PRIVATE_Marshal"}) {
         clear();
@@ -450,7 +450,7 @@ TEST_F(AttestationKey, ChallengeIsAnswered) {
                                                "Esys_FlushContext 0x3000001"));
 }
 
-TEST_F(AttestationKey, BytesBehindTheChallengeAreIgnored) {
+TEST_F(AttestationKey, BytesAfterTheChallengeAreIgnored) {
     const Areas areas = loaded();
     const Bytes secret = {1, 2, 3, 4};
     Bytes blob = challenge(nameOf(areas.first), secret);
@@ -469,7 +469,7 @@ TEST_F(AttestationKey, OnlyALoadedKeyIsActivated) {
     EXPECT_THAT(g_oFaults.calls(), IsEmpty());
 }
 
-TEST_F(AttestationKey, ChallengeThatIsNone) {
+TEST_F(AttestationKey, MalformedChallengeIsRefused) {
     const Areas areas = loaded();
     const Bytes blob = challenge(nameOf(areas.first), {1, 2, 3});
     const size_t first = idObjectSize(blob);
@@ -538,7 +538,7 @@ TEST_F(AttestationKey, FailedActivationChangesNothing) {
     }
 }
 
-TEST_F(AttestationKey, DigestOfSize0GivesTheEmptyVector) {
+TEST_F(AttestationKey, DigestOfSize0ReturnsTheEmptyVector) {
     const Areas areas = loaded();
     const Bytes blob = challenge(nameOf(areas.first), {1, 2, 3});
     g_oFaults.alter<TPM2B_DIGEST>("Esys_ActivateCredential", [](TPM2B_DIGEST& digest) { digest.size = 0; });
@@ -584,7 +584,7 @@ TEST_F(AttestationKey, EndOfTheInstanceLeavesNothing) {
 TEST_F(AttestationKey, ConstantsBelongToTheClass) {
     TPM2B_PUBLIC copy = TPM2Attestor::ms_sEcc256AKTemplate;
     auto privateArea = std::make_unique<TPM2B_PRIVATE>();
-    // the template alone is no key: the TPM says so, and the constant stays as it is
+    // the template alone is not a key: the TPM says so, and the constant stays as it is
     EXPECT_FALSE(attestor().loadAK(&TPM2Attestor::ms_sEcc256AKTemplate, privateArea.get()));
     EXPECT_EQ(std::memcmp(&copy, &TPM2Attestor::ms_sEcc256AKTemplate, sizeof(copy)), 0);
 }

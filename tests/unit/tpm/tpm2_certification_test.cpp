@@ -40,7 +40,7 @@ struct Sleeps {
 
 Sleeps gs_oSleeps;
 
-// Randomness is what the replaced random device was asked, and the value that it gives.
+// Randomness is what the replaced random device was asked, and the value that it returns.
 struct Randomness {
     enum Failure { NONE, OPENING, READING };
 
@@ -203,7 +203,7 @@ protected:
         TPMS_ATTEST statement{};
         size_t size = 0;
         ASSERT_EQ(Tss2_MU_TPMS_ATTEST_Unmarshal(attest.data(), attest.size(), &size, &statement), TSS2_RC_SUCCESS);
-        EXPECT_EQ(size, attest.size()) << "nothing stands behind it";
+        EXPECT_EQ(size, attest.size()) << "nothing follows it";
         EXPECT_EQ(statement.magic, TPM2_GENERATED_VALUE);
         EXPECT_EQ(statement.type, TPM2_ST_ATTEST_SESSION_AUDIT);
         EXPECT_EQ(hex(statement.extraData.buffer, statement.extraData.size), hex(qualifyingData));
@@ -227,7 +227,7 @@ protected:
         return std::stoull(hex(read("value")), nullptr, 16);
     }
 
-    // milliseconds gives the sleeps, which must be whole milliseconds.
+    // milliseconds returns the sleeps, which must be whole milliseconds.
     static std::vector<long> milliseconds() {
         std::vector<long> result;
         for (const timespec& sleep : gs_oSleeps.asked) {
@@ -238,7 +238,7 @@ protected:
         return result;
     }
 
-    // delaysWith gives the nine delays when the random device gives `value`.
+    // delaysWith returns the nine delays when the random device returns `value`.
     std::vector<long> delaysWith(unsigned value) {
         gs_oSleeps.asked.clear();
         gs_oRandomness.value = value;
@@ -253,7 +253,7 @@ protected:
 
 // --- certifyCounterWithAudit
 
-TEST_F(Certification, AuditSequence) {
+TEST_F(Certification, AuditTakesItsStepsInOrder) {
     prepare();
     const Certificate certificate = certify({0xab, 0xcd});
     EXPECT_FALSE(certificate.first.empty());
@@ -278,7 +278,7 @@ TEST_F(Certification, SignatureAndStatementVerify) {
     expectVerified(certificate, areas.first, nonce);
 }
 
-TEST_F(Certification, CounterGoesOn) {
+TEST_F(Certification, CoversThePresentValueOfTheCounter) {
     const Areas areas = prepare();
     ASSERT_TRUE(attestor().incrementCounter());
     ASSERT_TRUE(attestor().incrementCounter());
@@ -296,7 +296,7 @@ TEST_F(Certification, EachCertificationStartsTheDigestAfresh) {
     expectVerified(second, areas.first, {2});
 }
 
-TEST_F(Certification, QualifyingDataOfAllSizes) {
+TEST_F(Certification, QualifyingDataOfAllSizesAreSigned) {
     const Areas areas = prepare();
     for (const size_t size : {0U, 1U, 32U, 63U, 64U}) {
         SCOPED_TRACE(size);
@@ -336,7 +336,7 @@ TEST_F(Certification, MissingCounterAndKeyAreMade) {
 
     clear();
     const Areas areas = attestor().getAttestationKeyTPMPubPriv();
-    EXPECT_EQ(g_oFaults.made("Esys_Create"), 0U) << "the key that certified is the one that is told";
+    EXPECT_EQ(g_oFaults.made("Esys_Create"), 0U) << "the key that certified is the one that is returned";
     expectVerified(certificate, areas.first, {5});
 }
 
@@ -359,7 +359,7 @@ TEST_F(Certification, LoadedKeyIsUsedAsItIs) {
     EXPECT_EQ(g_oFaults.commands(), Lines({"NV_Read", "GetSessionAuditDigest", "NV_Read", "GetSessionAuditDigest"}));
 }
 
-TEST_F(Certification, FailedPreparation) {
+TEST_F(Certification, FailedPreparationReturnsNothing) {
     const struct {
         const char* function;
         std::string record;
@@ -391,7 +391,7 @@ TEST_F(Certification, NineRefusalsAreTriedAgain) {
     const Certificate certificate = certify({7});
     EXPECT_THAT(lines(), ElementsAre(CERTIFYING, success(10)));
     EXPECT_EQ(g_oFaults.made(DIGEST_CALL), 10U);
-    EXPECT_EQ(g_oFaults.calls("Esys_NV_Read"), Lines(10, READ)) << "each attempt reads anew";
+    EXPECT_EQ(g_oFaults.calls("Esys_NV_Read"), Lines(10, READ)) << "each attempt reads again";
     EXPECT_EQ(gs_oSleeps.asked.size(), 9U);
     expectVerified(certificate, areas.first, {7});
 }
@@ -586,7 +586,7 @@ TEST_F(Certification, SleepThatFailsOtherwiseIsNotRepeated) {
 
 // --- restoring the attributes, and what follows
 
-TEST_F(Certification, FailedRestoringIsAWarningAndTheResultStands) {
+TEST_F(Certification, FailedRestoringIsAWarningAndTheResultIsReturned) {
     const Areas areas = prepare();
     g_oFaults.fail("Esys_TRSess_SetAttributes", INJECTED, 3);
     const Certificate certificate = certify({9});
@@ -616,7 +616,7 @@ TEST_F(Certification, SessionIsUsableAfterEachFailure) {
     }
 }
 
-TEST_F(Certification, ShortDataAreToldUnderTheNameOfTheDigest) {
+TEST_F(Certification, ShortDataAreReportedUnderTheNameOfTheDigest) {
     constexpr uint32_t TOO_SHORT = 0x90006;
     prepare();
     g_oFaults.alter<TPM2B_MAX_NV_BUFFER>("Esys_NV_Read", [](TPM2B_MAX_NV_BUFFER& data) { data.size = 7; });
@@ -630,7 +630,7 @@ TEST_F(Certification, ShortDataAreToldUnderTheNameOfTheDigest) {
     EXPECT_THAT(lines(), ElementsAre(CERTIFYING, failedStep(STEP_DIGEST, 3, TOO_SHORT)));
 }
 
-TEST_F(Certification, FailedSignatureConversion) {
+TEST_F(Certification, FailedSignatureConversionReturnsNothing) {
     const struct {
         const char* function;
         uint32_t code;
@@ -680,7 +680,7 @@ TEST_F(Certification, NthCallFails) {
         const Certificate certificate = certify({1, 2, 3});
         const std::string failed = g_oFaults.failed();
         hit = !failed.empty();
-        // What cannot be taken off or given back is told, and the result stands.
+        // What cannot be taken off or released is reported, and the result is returned.
         bool warning = failed == "Esys_FlushContext";
         if (failed == "Esys_TRSess_SetAttributes") {
             const Lines calls = g_oFaults.calls("Esys_TRSess_SetAttributes");
@@ -707,7 +707,7 @@ TEST_F(Certification, NthCallFails) {
 
 const char* const CMD_FAILED = "failed to certify tally counter NV index";
 
-// The command wants two authorisations and gets one, so a TPM that insists says so.
+// The command needs two authorisations and gets one, so a strict TPM refuses it.
 TEST_F(Certification, CmdIsRefusedByThisTPM) {
     prepare();
     EXPECT_EQ(attestor().certifyCounterWithCmd({0xab}), NO_CERTIFICATE);
@@ -719,7 +719,7 @@ TEST_F(Certification, CmdIsRefusedByThisTPM) {
     EXPECT_TRUE(attestor().isOpen());
 }
 
-TEST_F(Certification, CmdFailureIsToldWithItsCode) {
+TEST_F(Certification, CmdFailureIsReportedWithItsCode) {
     prepare();
     g_oFaults.fail("Esys_NV_Certify");
     EXPECT_EQ(attestor().certifyCounterWithCmd({}), NO_CERTIFICATE);
@@ -758,7 +758,7 @@ TSS2_RC certified(TPMI_ALG_SIG_SCHEME scheme, TPM2B_ATTEST** certifyInfo, TPMT_S
     return TSS2_RC_SUCCESS;
 }
 
-TEST_F(Certification, CmdOnATPMThatTakesIt) {
+TEST_F(Certification, CmdCertifiesOnATPMThatTakesIt) {
     prepare();
     g_fNvCertify = [](TPM2B_ATTEST** certifyInfo, TPMT_SIGNATURE** signature) {
         return certified(TPM2_ALG_ECDSA, certifyInfo, signature);
@@ -769,7 +769,7 @@ TEST_F(Certification, CmdOnATPMThatTakesIt) {
     EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(Certification, CmdWithASignatureOfAnotherScheme) {
+TEST_F(Certification, CmdRefusesASignatureOfAnotherScheme) {
     prepare();
     g_fNvCertify = [](TPM2B_ATTEST** certifyInfo, TPMT_SIGNATURE** signature) {
         return certified(TPM2_ALG_RSASSA, certifyInfo, signature);

@@ -47,7 +47,7 @@ protected:
 
     ESYS_CONTEXT* context() { return m_oClient.context; }
 
-    // newSession gives a session in the TPM.
+    // newSession returns a session in the TPM.
     ESYS_TR newSession() {
         const Unseen unseen;
         const TPMT_SYM_DEF none = {TPM2_ALG_NULL, {}, {}};
@@ -58,7 +58,7 @@ protected:
         return session;
     }
 
-    // newIndex gives the stack's record of an NV index.
+    // newIndex returns the stack's record of an NV index.
     ESYS_TR newIndex(TPM2_HANDLE handle = 0x18c8130) {
         const Unseen unseen;
         ESYS_TR index = ESYS_TR_NONE;
@@ -83,7 +83,7 @@ private:
     SecondClient m_oClient;
 };
 
-TEST_F(Holders, EmptyByDefault) {
+TEST_F(Holders, AreEmptyByDefault) {
     const ESysTransient transient;
     const ESysClosable closable;
     EXPECT_EQ(transient.ctx, nullptr);
@@ -117,7 +117,7 @@ TEST_F(Holders, CloseKeepsTheObjectInTheTPM) {
     EXPECT_THAT(nvIndices(), HasSubstr("0x18C8130"));
 }
 
-TEST_F(Holders, FailedFlushIsToldOnStandardErrorAndEmptiesTheHolder) {
+TEST_F(Holders, FailedFlushIsReportedOnStandardErrorAndEmptiesTheHolder) {
     const ESYS_TR session = newSession();
     ESysTransient holder = holding<ESysTransient>(session);
     g_oFaults.fail("Esys_FlushContext");
@@ -128,7 +128,7 @@ TEST_F(Holders, FailedFlushIsToldOnStandardErrorAndEmptiesTheHolder) {
     EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(Holders, FailedCloseIsToldOnStandardErrorAndEmptiesTheHolder) {
+TEST_F(Holders, FailedCloseIsReportedOnStandardErrorAndEmptiesTheHolder) {
     const ESYS_TR index = newIndex();
     ESysClosable holder = holding<ESysClosable>(index);
     g_oFaults.fail("Esys_TR_Close");
@@ -139,7 +139,7 @@ TEST_F(Holders, FailedCloseIsToldOnStandardErrorAndEmptiesTheHolder) {
     EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(Holders, RefusalOfTheLibraryIsToldWithItsCode) {
+TEST_F(Holders, RefusalOfTheLibraryIsReportedWithItsCode) {
     ESysClosable holder = holding<ESysClosable>(0x40ffffff);
     StderrText text;
     EXPECT_FALSE(holder.close());
@@ -199,7 +199,7 @@ TEST_F(Holders, AssignmentBringsTheContextAlong) {
 
 // --- open
 
-TEST(TPM2AttestorWithoutTPM, IsEnabled) {
+TEST(TPM2AttestorWithoutTPM, IsEnabledInEveryBuild) {
     EXPECT_TRUE(TPM2Attestor::isEnabled());
 }
 
@@ -277,7 +277,7 @@ TEST_F(Open, SecondOpenOnAnOpenInstanceLeavesItWorking) {
     EXPECT_TRUE(attestor().loadAttestationKey(ak.first, ak.second));
 }
 
-TEST_F(Open, NoTPMReachable) {
+TEST_F(Open, FailsWhenNoTPMIsReachable) {
     m_oTPM->stop();
     clear();
     ESYS_CONTEXT* context = nullptr;
@@ -353,7 +353,7 @@ TEST_F(Open, FailedSessionFlushesTheTransientEK) {
 
 // Out of memory the library fails and yet leaves a handle, to nothing. It must not be flushed: when the holder of the
 // session ends, the context is gone.
-TEST_F(Open, HandleOfAFailedSessionIsGivenUp) {
+TEST_F(Open, HandleOfAFailedSessionIsDropped) {
     makeEK();
     g_oFaults.leaveHandles();
     g_oFaults.fail("Esys_StartAuthSession", TSS2_ESYS_RC_MEMORY);
@@ -466,7 +466,7 @@ TEST_F(Close, TransientEKIsFlushed) {
     EXPECT_EQ(g_oFaults.made("Esys_TR_Close"), 0U);
 }
 
-TEST_F(Close, FailedReleaseOfThePersistentEKIsTold) {
+TEST_F(Close, FailedReleaseOfThePersistentEKIsReported) {
     open();
     g_oFaults.fail("Esys_TR_Close");
     StderrText text;
@@ -476,7 +476,7 @@ TEST_F(Close, FailedReleaseOfThePersistentEKIsTold) {
     EXPECT_FALSE(attestor().isOpen());
 }
 
-TEST_F(Close, FailedReleaseOfTheTransientEKIsTold) {
+TEST_F(Close, FailedReleaseOfTheTransientEKIsReported) {
     g_oFaults.fail("Esys_EvictControl");
     open();
     g_oFaults.fail("Esys_FlushContext");
@@ -487,7 +487,7 @@ TEST_F(Close, FailedReleaseOfTheTransientEKIsTold) {
     EXPECT_EQ(loadedSessions(), "");
 }
 
-TEST_F(Close, EachFailedReleaseIsToldAndTheOthersGoOn) {
+TEST_F(Close, EachFailedReleaseIsReportedAndTheOthersGoOn) {
     open();
     uint64_t value = 0;
     ASSERT_FALSE(attestor().certifyCounterWithAudit(&value, {}).first.empty());
@@ -524,7 +524,7 @@ TEST_F(Close, InstanceMayBeOpenedAgain) {
 }
 
 TEST_F(Close, FieldsOfTheEKKeepTheirValues) {
-    // So an `open` that fails before it has a new EK tries to release the old one's handle, which is told.
+    // So an `open` that fails before it has a new EK tries to release the old one's handle, which is reported.
     makeEK();
     open();
     attestor().close();
@@ -583,23 +583,23 @@ void expectGuarded(TPM2Attestor& attestor, RecordCollector& records) {
 
 using Guard = TPMTest;
 
-TEST_F(Guard, BeforeOpen) {
+TEST_F(Guard, EveryOperationFailsBeforeOpen) {
     expectGuarded(attestor(), m_oRecords);
 }
 
-TEST_F(Guard, AfterClose) {
+TEST_F(Guard, EveryOperationFailsAfterClose) {
     open();
     attestor().close();
     expectGuarded(attestor(), m_oRecords);
 }
 
-TEST_F(Guard, AfterFailedOpen) {
+TEST_F(Guard, EveryOperationFailsAfterAFailedOpen) {
     g_oFaults.fail("Esys_StartAuthSession");
     EXPECT_FALSE(attestor().open());
     expectGuarded(attestor(), m_oRecords);
 }
 
-TEST_F(Guard, StandsBeforeAnyOtherTest) {
+TEST_F(Guard, ComesBeforeAnyOtherCheck) {
     uint64_t value = 0;
     attestor().certifyCounterWithAudit(&value, Bytes(65));
     attestor().certifyCounterWithCmd(Bytes(65));
@@ -615,7 +615,7 @@ protected:
     GetTPMObject() { tool("tpm2_nvdefine -Q -C o 0x18c8130 -s 8 -a 'authread|authwrite'"); }
 };
 
-TEST_F(GetTPMObject, ThatExists) {
+TEST_F(GetTPMObject, FindsAnIndexThatExists) {
     open();
     ESYS_TR handle = ESYS_TR_NONE;
     EXPECT_TRUE(attestor().getTPMObject(0x18c8130, &handle));
@@ -628,7 +628,7 @@ TEST_F(GetTPMObject, ThatExists) {
     EXPECT_THAT(lines(), ElementsAre(HasSubstr("failed reading data from NV-index: ")));
 }
 
-TEST_F(GetTPMObject, PersistentObjectThatExists) {
+TEST_F(GetTPMObject, FindsAPersistentObject) {
     open();
     ESYS_TR handle = ESYS_TR_NONE;
     EXPECT_TRUE(attestor().getTPMObject(0x8101000a, &handle));
@@ -654,7 +654,7 @@ TEST_F(GetTPMObject, AboveAllOthersIsAbsent) {
     EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(GetTPMObject, FailedQuestion) {
+TEST_F(GetTPMObject, FailedQuestionIsAnError) {
     open();
     g_oFaults.fail("Esys_GetCapability");
     ESYS_TR handle = ESYS_TR_NONE;
@@ -664,7 +664,7 @@ TEST_F(GetTPMObject, FailedQuestion) {
                 ElementsAre("ERROR " + failedWith("failed to check existence of TPM object with handle 0x18c8130")));
 }
 
-TEST_F(GetTPMObject, FailedLoading) {
+TEST_F(GetTPMObject, FailedLoadingIsAnError) {
     open();
     g_oFaults.fail("Esys_TR_FromTPMPublic");
     ESYS_TR handle = ESYS_TR_NONE;
@@ -677,7 +677,7 @@ TEST_F(GetTPMObject, FailedLoading) {
 
 using Misfortune = TPMTest;
 
-TEST_F(Misfortune, TPMGoesAway) {
+TEST_F(Misfortune, EveryOperationFailsOnceTheTPMIsGone) {
     open();
     uint64_t value = 7;
     ASSERT_TRUE(attestor().readCounter(&value));
@@ -696,7 +696,7 @@ TEST_F(Misfortune, TPMGoesAway) {
     EXPECT_THAT(text.take(), HasSubstr("failed flush of resource"));
 }
 
-TEST_F(Misfortune, ExhaustedMemoryGivesTheSessionBack) {
+TEST_F(Misfortune, ExhaustedMemoryReleasesTheSession) {
     makeEK();
     open();
     g_oFaults.before("Esys_Create", [] { throw std::bad_alloc(); });
@@ -707,7 +707,7 @@ TEST_F(Misfortune, ExhaustedMemoryGivesTheSessionBack) {
     expectNothingLeft();
 }
 
-TEST_F(Misfortune, ExhaustedMemoryInOpenGivesTheKeyBack) {
+TEST_F(Misfortune, ExhaustedMemoryInOpenReleasesTheKey) {
     g_oFaults.before("Esys_EvictControl", [] { throw std::bad_alloc(); });
     EXPECT_THROW(attestor().open(), std::bad_alloc);
     g_oFaults.reset();

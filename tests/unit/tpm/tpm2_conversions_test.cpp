@@ -39,7 +39,7 @@ TPM2B_ECC_PARAMETER parameter(const std::string& digits) {
     TPM2B_ECC_PARAMETER result{};
     result.size = static_cast<UINT16>(bytes.size());
     std::copy(bytes.begin(), bytes.end(), result.buffer);
-    // what lies behind the size must not matter
+    // what lies after the size must not matter
     std::fill(result.buffer + bytes.size(), std::end(result.buffer), static_cast<BYTE>(0xee));
     return result;
 }
@@ -74,7 +74,7 @@ class Conversions : public testing::Test {
 protected:
     Conversions() { ERR_clear_error(); }
 
-    // fail makes a call fail as OpenSSL would, and gives the text of the error that lies deepest.
+    // fail makes a call fail as OpenSSL would, and returns the text of the innermost error.
     static std::string fail(const std::string& function, int code = 0, int call = 1) {
         g_oFaults.fail(function, static_cast<uint32_t>(code), call);
         g_oFaults.before(function, [call, seen = 0]() mutable {
@@ -189,7 +189,7 @@ TEST_F(Conversions, CoordinatesHaveTheirOwnSizes) {
     EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(Conversions, EccKeyFailuresOfOpenssl) {
+TEST_F(Conversions, EachFailedOpensslCallOfAKeyIsRecorded) {
     const struct {
         const char* function;
         int call;
@@ -212,13 +212,13 @@ TEST_F(Conversions, EccKeyFailuresOfOpenssl) {
 
 // --- toPEM, toDER of a key
 
-TEST_F(Conversions, KeyAsPem) {
+TEST_F(Conversions, KeyBecomesAPemBlock) {
     const TPMT_PUBLIC publicArea = eccKey();
     EXPECT_EQ(TPM2Attestor::toPEM(TPM2Attestor::eccPubkeyToOssl(&publicArea)), BASE_PEM);
     EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(Conversions, KeyAsDer) {
+TEST_F(Conversions, KeyBecomesDer) {
     const TPMT_PUBLIC publicArea = eccKey();
     EXPECT_EQ(hex(TPM2Attestor::toDER(TPM2Attestor::eccPubkeyToOssl(&publicArea))), SPKI_HEAD + BASE_X + BASE_Y);
     EXPECT_THAT(lines(), IsEmpty());
@@ -246,7 +246,7 @@ TEST_F(Conversions, NullKeyAsDerIsEmptyWithoutRecord) {
     EXPECT_THAT(g_oFaults.calls(), IsEmpty());
 }
 
-TEST_F(Conversions, PemFailuresOfOpenssl) {
+TEST_F(Conversions, EachFailedOpensslCallOfPemIsRecorded) {
     const struct {
         const char* function;
         int code;
@@ -267,7 +267,7 @@ TEST_F(Conversions, PemFailuresOfOpenssl) {
     }
 }
 
-TEST_F(Conversions, KeyDerFailureOfOpenssl) {
+TEST_F(Conversions, FailedOpensslCallOfKeyDerIsRecorded) {
     const TPMT_PUBLIC publicArea = eccKey();
     const EC_KEY_UPtr key = TPM2Attestor::eccPubkeyToOssl(&publicArea);
     const std::string reason = fail("i2d_EC_PUBKEY", -1);
@@ -277,7 +277,7 @@ TEST_F(Conversions, KeyDerFailureOfOpenssl) {
 
 // --- ecdsaToOssl, toDER of a signature
 
-TEST_F(Conversions, SignatureAsDer) {
+TEST_F(Conversions, SignatureBecomesDer) {
     const std::string large(64, 'f');
     const struct {
         const char* what;
@@ -289,7 +289,7 @@ TEST_F(Conversions, SignatureAsDer) {
         {"a top bit gets a zero byte in front", "80", "7f", "300702020080" + std::string("02017f")},
         {"leading zero bytes go", "00000001", "0002", "3006020101020102"},
         {"empty is the number 0", "", "", "3006020100020100"},
-        {"as the TPM gives them", large, BASE_X, "3045022100" + large + "0220" + BASE_X},
+        {"as the TPM returns them", large, BASE_X, "3045022100" + large + "0220" + BASE_X},
     };
     for (const auto& row : ROWS) {
         const TPMT_SIGNATURE signature = ecdsa(row.r, row.s);
@@ -323,7 +323,7 @@ TEST_F(Conversions, SignatureOfAnotherSchemeIsRefused) {
     EXPECT_THAT(g_oFaults.calls(), IsEmpty());
 }
 
-TEST_F(Conversions, SignatureFailuresOfOpenssl) {
+TEST_F(Conversions, EachFailedOpensslCallOfASignatureIsRecorded) {
     const struct {
         const char* function;
         int call;
@@ -350,7 +350,7 @@ TEST_F(Conversions, NullSignatureAsDerIsEmptyWithoutRecord) {
     EXPECT_THAT(g_oFaults.calls(), IsEmpty());
 }
 
-TEST_F(Conversions, SignatureDerFailuresOfOpenssl) {
+TEST_F(Conversions, EachFailedOpensslCallOfSignatureDerIsRecorded) {
     const TPMT_SIGNATURE signature = ecdsa("01", "02");
     const ECDSA_SIG_UPtr converted = TPM2Attestor::ecdsaToOssl(&signature);
     for (const int call : {1, 2}) {
@@ -401,7 +401,7 @@ TEST_F(Conversions, ErrorThatOtherCodeLeftIsNotReported) {
 
 // --- holders
 
-TEST(OpensslHolders, MoveOnlyAndNullWhenEmpty) {
+TEST(OpensslHolders, AreMoveOnlyAndNullWhenEmpty) {
     static_assert(!std::is_copy_constructible_v<EC_KEY_UPtr> && std::is_nothrow_move_constructible_v<EC_KEY_UPtr>);
     static_assert(!std::is_copy_constructible_v<ECDSA_SIG_UPtr> &&
                   std::is_nothrow_move_constructible_v<ECDSA_SIG_UPtr>);

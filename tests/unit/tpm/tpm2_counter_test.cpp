@@ -103,7 +103,7 @@ protected:
         return nvIndices().find("0x" + std::string(index == COUNTER ? "18C811F" : "18C8120")) != std::string::npos;
     }
 
-    // expectNotHeld: the next operation opens the counter anew.
+    // expectNotHeld: the next operation opens the counter again.
     void expectNotHeld() {
         g_oFaults.reset();
         uint64_t value = 0;
@@ -114,7 +114,7 @@ protected:
 
 // --- constants
 
-TEST_F(Counter, TemplateByteByByte) {
+TEST_F(Counter, TemplateIsExactByteByByte) {
     const TPM2B_NV_PUBLIC& publicArea = TPM2Attestor::ms_sCounterPublicTemplate;
     unsigned char buffer[sizeof(TPM2B_NV_PUBLIC)];
     size_t size = 0;
@@ -172,7 +172,7 @@ TEST_F(Counter, FirstReadingMakesTheCounterAndIncrementsOnce) {
     EXPECT_EQ(text.take(), "");
 }
 
-TEST_F(Counter, IndexInTheTPM) {
+TEST_F(Counter, IndexInTheTPMHasNameTypeAndSizeOfTheTemplate) {
     holdCounter();
     const std::string area = tool(strfmt("tpm2_nvreadpublic %s", COUNTER));
     EXPECT_THAT(area, HasSubstr("name: 000b2154e1c69f9cc07749a88f9835ad835426aedb46aa9d6c41d6764ac380734878"));
@@ -290,7 +290,7 @@ TEST_F(Counter, OpeningAgainClosesTheHandle) {
     EXPECT_EQ(text.take(), "");
 }
 
-TEST_F(Counter, FailedLookForTheCounter) {
+TEST_F(Counter, FailedLookForTheCounterIsAnError) {
     const std::string failed = "ERROR failed loading tally counter NV index with handle 0x18c811f";
     g_oFaults.fail("Esys_GetCapability");
     EXPECT_FALSE(attestor().openCounter());
@@ -306,7 +306,7 @@ TEST_F(Counter, FailedLookForTheCounter) {
     expectNotHeld();
 }
 
-TEST_F(Counter, FailedDefinition) {
+TEST_F(Counter, FailedDefinitionLeavesNoHandle) {
     g_oFaults.fail("Esys_NV_DefineSpace");
     EXPECT_FALSE(attestor().openCounter());
     EXPECT_THAT(lines(), ElementsAre("INFO tally counter NV index does not exist, creating",
@@ -427,7 +427,7 @@ TEST_F(Counter, CheckTakesTheAuditAttributeOffAgain) {
     EXPECT_THAT(g_oFaults.calls(), ElementsAre(AUDIT_ON, READ_COUNTER_AREA, AUDIT_OFF, NAME_OF_COUNTER));
 }
 
-TEST_F(Counter, FailedAttributeInTheCheck) {
+TEST_F(Counter, FailedAttributeFailsTheCheck) {
     holdCounter();
     g_oFaults.fail("Esys_TRSess_SetAttributes");
     EXPECT_FALSE(attestor().openCounter());
@@ -437,7 +437,7 @@ TEST_F(Counter, FailedAttributeInTheCheck) {
     expectNotHeld();
 }
 
-TEST_F(Counter, FailedPublicAreaInTheCheck) {
+TEST_F(Counter, FailedPublicAreaFailsTheCheck) {
     holdCounter();
     g_oFaults.fail("Esys_NV_ReadPublic");
     EXPECT_FALSE(attestor().openCounter());
@@ -462,7 +462,7 @@ TEST_F(Counter, FailedRestoringIsAWarningWithTheCodeOfTheStepsBefore) {
                             "ERROR " + failedWith("failed loading tally counter NV index public info", 0x123)));
 }
 
-TEST_F(Counter, FailedName) {
+TEST_F(Counter, FailedNameFailsTheCheck) {
     holdCounter();
     g_oFaults.fail("Esys_TR_GetName");
     EXPECT_FALSE(attestor().openCounter());
@@ -470,7 +470,7 @@ TEST_F(Counter, FailedName) {
     expectNotHeld();
 }
 
-TEST_F(Counter, FailedInitialValue) {
+TEST_F(Counter, FailedInitialValueFailsTheCheck) {
     const char* const initial = "ERROR failed setting an initial value for tally counter NV index";
     define(COUNTER, OWN_ATTRIBUTES);
     clear();
@@ -599,7 +599,7 @@ TEST_F(Counter, LeftOverWithAPasswordStopsTheIncrement) {
 }
 
 // Each step that fails stops the increment; the next run mends what it left.
-TEST_F(Counter, FailedStepOfTheCycle) {
+TEST_F(Counter, EachFailedStepOfTheCycleStopsTheIncrement) {
     enum LeftOver { NONE, UNWRITTEN, WRITTEN };
     const char* const found = "DEBUG found left-over temporary workaround NV index";
     const char* const deleting = "DEBUG deleting written left-over temporary workaround NV index";

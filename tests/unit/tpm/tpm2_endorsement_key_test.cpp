@@ -126,7 +126,7 @@ protected:
 
 // --- template L-2
 
-TEST_F(EndorsementKey, TemplateByteByByte) {
+TEST_F(EndorsementKey, TemplateIsExactByteByByte) {
     EXPECT_EQ(TPM2Attestor::ms_sEcc256EKTemplateL2.size, 0);
     EXPECT_EQ(marshalledTemplate(TPM2Attestor::ms_sEcc256EKTemplateL2), TEMPLATE_L2 + UNIQUE_0);
 }
@@ -181,7 +181,7 @@ TEST_F(EndorsementKey, KeyThatDiffersInUniqueAloneIsAccepted) {
     EXPECT_NE(key, defaultEK());
 }
 
-// An occupied slot: the key in it is used, whatever it is, and the key that is told is the one freshly made.
+// An occupied slot: the key in it is used, whatever it is, and the key that is returned is the one just made.
 TEST_F(EndorsementKey, KeyInTheSlotThatDoesNotMatchStaysAndIsUsed) {
     const struct {
         const char* what;
@@ -339,7 +339,7 @@ TEST_F(EndorsementKey, FailureLeavesTheFieldsAsTheyWere) {
     expectNothingLeft();
 }
 
-// A transient EK is known while the slot is occupied; the next attempt fails behind the look into the slot.
+// A transient EK is known while the slot is occupied; the next attempt fails after the look into the slot.
 TEST_F(EndorsementKey, FailedPrimaryBesideAnOccupiedSlotLeavesTheFieldsAsTheyWere) {
     const char* const OTHER = "DEBUG persistent EK does not match requirements, creating transient one";
     const std::string UNREADABLE =
@@ -413,7 +413,7 @@ TEST_F(EndorsementKey, TemplateCannotBeReadDuringOpen) {
     expectNothingLeft();
 }
 
-TEST_F(EndorsementKey, TemplateIsUsedAsItStands) {
+TEST_F(EndorsementKey, TemplateIsUsedUnchanged) {
     openWithoutSlot();
     const std::string unique = "0003"
                                "aabbcc"
@@ -478,7 +478,7 @@ TEST_F(EndorsementKey, NonceFillsUniqueOfTheTemplate) {
     }
 }
 
-TEST_F(EndorsementKey, NonceGivesUniqueItsSizes) {
+TEST_F(EndorsementKey, NonceSetsTheSizesOfUnique) {
     openWithoutSlot();
     storeTemplate(fromHex("003a" + TEMPLATE_L2.substr(4) + "00000000"));
     storeNonce({0x77});
@@ -549,7 +549,7 @@ TEST_F(EndorsementKey, TemplateOfAnotherKeyTypeIsUsedWithoutANonce) {
                                      StartsWith("ERROR failed to write ECC public key to PEM memory buffer: ")));
 }
 
-TEST_F(EndorsementKey, TemplateThatIsNoneFails) {
+TEST_F(EndorsementKey, MalformedTemplateFails) {
     const struct {
         const char* what;
         std::string content;
@@ -568,7 +568,7 @@ TEST_F(EndorsementKey, TemplateThatIsNoneFails) {
     }
 }
 
-TEST_F(EndorsementKey, FailedParsingIsToldWithItsCode) {
+TEST_F(EndorsementKey, FailedParsingIsReportedWithItsCode) {
     openWithoutSlot();
     storeTemplate(fromHex(TEMPLATE_L2 + UNIQUE_0));
     clear();
@@ -600,7 +600,7 @@ TEST_F(EndorsementKey, FailedReadingOfTemplateOrNonceFails) {
 
 class ReadNVIndex : public EndorsementKey {
 protected:
-    // openIndex opens, and gives the handle of an index with this content.
+    // openIndex opens, and returns the handle of an index with this content.
     ESYS_TR openIndex(const Bytes& content) {
         makeEK();
         open();
@@ -635,7 +635,7 @@ private:
     ESysClosable m_oHandle;
 };
 
-TEST_F(ReadNVIndex, IndexOf1300BytesInThreeChunks) {
+TEST_F(ReadNVIndex, IndexOf1300BytesIsReadInThreeChunks) {
     const Bytes content = pattern(1300);
     const ESYS_TR index = openIndex(content);
     Bytes out = {1, 2, 3};
@@ -648,7 +648,7 @@ TEST_F(ReadNVIndex, IndexOf1300BytesInThreeChunks) {
     EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(ReadNVIndex, SizesAroundAChunk) {
+TEST_F(ReadNVIndex, SizesAroundAChunkAreReadWhole) {
     for (const size_t size : {1U, 511U, 512U, 513U, 1024U, 1025U}) {
         renewTPM();
         const Bytes content = pattern(size);
@@ -660,7 +660,7 @@ TEST_F(ReadNVIndex, SizesAroundAChunk) {
     }
 }
 
-TEST_F(ReadNVIndex, IndexOfSize0GivesAnEmptyVector) {
+TEST_F(ReadNVIndex, IndexOfSize0ReturnsAnEmptyVector) {
     const ESYS_TR index = openIndex({});
     Bytes out = {1, 2, 3};
     EXPECT_TRUE(attestor().readNVIndex(index, &out));
@@ -669,7 +669,7 @@ TEST_F(ReadNVIndex, IndexOfSize0GivesAnEmptyVector) {
     EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(ReadNVIndex, FailedAttribute) {
+TEST_F(ReadNVIndex, FailedAttributeIsAnError) {
     const ESYS_TR index = openIndex({1});
     g_oFaults.fail("Esys_TRSess_SetAttributes");
     Bytes out = {1, 2, 3};
@@ -678,7 +678,7 @@ TEST_F(ReadNVIndex, FailedAttribute) {
     EXPECT_EQ(g_oFaults.calls(), AUDIT_ON_AND_OFF) << "it is taken off all the same";
 }
 
-TEST_F(ReadNVIndex, FailedPublicArea) {
+TEST_F(ReadNVIndex, FailedPublicAreaIsAnError) {
     const ESYS_TR index = openIndex({1});
     g_oFaults.fail("Esys_NV_ReadPublic");
     Bytes out;
@@ -751,7 +751,7 @@ TEST_F(ReadNVIndex, NoDataAtAllDoNotHangIt) {
     EXPECT_THAT(out, IsEmpty());
 }
 
-TEST_F(ReadNVIndex, MoreDataThanAskedAreRefused) {
+TEST_F(ReadNVIndex, MoreDataThanRequestedAreRefused) {
     const ESYS_TR index = openIndex(pattern(600));
     g_oFaults.alter<TPM2B_MAX_NV_BUFFER>("Esys_NV_Read", [](TPM2B_MAX_NV_BUFFER& data) { data.size = 700; });
     g_oFaults.before("Esys_NV_Read", refuseAfter(100));
@@ -764,7 +764,7 @@ TEST_F(ReadNVIndex, MoreDataThanAskedAreRefused) {
 
 // --- createEHPolSession
 
-TEST_F(EndorsementKey, PolicySession) {
+TEST_F(EndorsementKey, PolicySessionBelongsToTheCaller) {
     makeEK();
     open();
     {
@@ -781,7 +781,7 @@ TEST_F(EndorsementKey, PolicySession) {
     EXPECT_THAT(loadedSessions(), testing::Not(HasSubstr("0x3000001"))) << "the caller owns it";
 }
 
-TEST_F(EndorsementKey, PolicySessionFailures) {
+TEST_F(EndorsementKey, FailedPolicySessionLeavesNothingInTheTPM) {
     makeEK();
     open();
     const Lines before = {loadedSessions()};
@@ -813,7 +813,7 @@ TEST_F(EndorsementKey, PolicySessionFailures) {
 
 // --- the ways out
 
-TEST_F(EndorsementKey, PublicKeyInAllForms) {
+TEST_F(EndorsementKey, PublicKeyIsTheSameInAllForms) {
     makeEK();
     open();
     const Bytes marshalled = attestor().getEndorsementKeyTPMPub();
@@ -840,7 +840,7 @@ TEST_F(EndorsementKey, KnownKeyIsNotLookedForAgain) {
     EXPECT_THAT(g_oFaults.commands(), IsEmpty());
 }
 
-TEST_F(EndorsementKey, FailedMarshalling) {
+TEST_F(EndorsementKey, FailedMarshallingReturnsNothing) {
     makeEK();
     open();
     g_oFaults.fail("Tss2_MU_TPM2B_PUBLIC_Marshal");
@@ -848,7 +848,7 @@ TEST_F(EndorsementKey, FailedMarshalling) {
     EXPECT_THAT(lines(), ElementsAre("ERROR " + failedWith("failed serializing EK public area")));
 }
 
-TEST_F(EndorsementKey, FailedConversion) {
+TEST_F(EndorsementKey, FailedConversionReturnsNothing) {
     makeEK();
     open();
     g_oFaults.fail("EC_KEY_new_by_curve_name", 0, 1, 3);

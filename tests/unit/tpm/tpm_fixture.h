@@ -54,7 +54,7 @@ inline Bytes asBytes(const std::string& text) {
     return {text.begin(), text.end()};
 }
 
-// failedWith gives a record's text for a failed call of the TSS library.
+// failedWith returns a record's text for a failed call of the TSS library.
 inline std::string failedWith(const std::string& text, uint32_t code = INJECTED) {
     return text + strfmt(": %s (0x%x)", Tss2_RC_Decode(code), code);
 }
@@ -79,7 +79,7 @@ inline ToolResult runTool(const std::string& command) {
     return result;
 }
 
-// tool runs a command that has to succeed, and gives what it printed.
+// tool runs a command that has to succeed, and returns what it printed.
 inline std::string tool(const std::string& command) {
     const ToolResult result = runTool(command);
     EXPECT_EQ(result.status, 0) << command << "\n" << result.output;
@@ -246,7 +246,7 @@ protected:
         EXPECT_EQ(loadedSessions(), "");
     }
 
-    // hasProblem tells whether there is a record at WARN or ERROR.
+    // hasProblem returns whether there is a record at WARN or ERROR.
     bool hasProblem() const {
         for (const Record& record : m_oRecords.records()) {
             if (record.level == "WARN" || record.level == "ERROR") {
@@ -256,7 +256,7 @@ protected:
         return false;
     }
 
-    // problems gives the records at WARN and ERROR.
+    // problems returns the records at WARN and ERROR.
     Lines problems() const {
         Lines result;
         for (const std::string& line : lines()) {
