@@ -89,6 +89,12 @@ def make_tracer():
     subprocess.run(["cc", *flags, "-o", TRACER, source], check=True)
 
 
+def traced_environment():
+    """What the agent gets. A sanitizer that looks for leaks cannot do so in a traced process."""
+    settings = agent_environment().get("ASAN_OPTIONS")
+    return agent_environment(ASAN_OPTIONS=":".join(filter(None, [settings, "detect_leaks=0"])))
+
+
 class Traced:
     """Traced is one run of the agent with the tracer, from its start until its last process has ended."""
 
@@ -100,7 +106,7 @@ class Traced:
         self.fault = fault
         self.process = subprocess.Popen(
             [TRACER, self._log.name, fault.argument() if fault else "-", agent_path(), *arguments],
-            env=agent_environment(),
+            env=traced_environment(),
             stdin=subprocess.DEVNULL,
             stdout=self._output,
             stderr=self._errors,
