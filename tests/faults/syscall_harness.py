@@ -13,6 +13,7 @@ The cases
 import contextlib
 import errno
 import os
+import resource
 import subprocess
 import tempfile
 from dataclasses import dataclass
@@ -49,6 +50,9 @@ ERRORS = {
     "wait4": errno.ECHILD,
     "write": errno.ENOSPC,
 }
+
+
+MOST_FILES = 256  # a daemon that cannot list its descriptors closes every number up to here, each with two traced stops
 
 
 @dataclass(frozen=True)
@@ -101,6 +105,7 @@ class Traced:
         self.process = subprocess.Popen(
             [TRACER, self._log.name, fault.argument() if fault else "-", agent_path(), *arguments],
             env=agent_environment(),
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (MOST_FILES, MOST_FILES)),
             stdin=subprocess.DEVNULL,
             stdout=self._output,
             stderr=self._errors,

@@ -48,6 +48,13 @@ NOTICED_BY_A_LOOK = 5.0
 ENDS_BY_ITSELF = 3.0
 
 
+def check_hits(hits, faults):
+    """Few calls may depend on the moment; a number then names none, and the run is one without a fault."""
+    print(f"{hits} of {faults} faults happened", flush=True)
+    if hits < 0.7 * faults:
+        raise AssertionError("too many of the faults never happened")
+
+
 class DaemonTest(WatchTest):
     """DaemonTest leads a daemon's life: a start with the feature "old", an event, a stop, and a life after that."""
 
@@ -59,7 +66,7 @@ class DaemonTest(WatchTest):
         for fault in found:
             with self.subTest(str(fault)):
                 hits += self.live(fault)
-        self.assertGreaterEqual(hits, 0.7 * len(found), "most of the faults never happened")
+        check_hits(hits, len(found))
 
     def live(self, fault=None):
         """One life. Returns the calls of each phase; with a fault, whether it happened."""
@@ -253,7 +260,7 @@ class ReportTest(FaultTest):
             with self.subTest(str(fault)):
                 hits += self.report(fault)
                 self.report()
-        self.assertGreaterEqual(hits, 0.7 * len(found), "most of the faults never happened")
+        check_hits(hits, len(found))
 
 
 class TracerTest(SandboxTest):
