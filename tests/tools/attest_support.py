@@ -9,6 +9,7 @@ tools/attest.
 import base64
 import hashlib
 import importlib.machinery
+import importlib.util
 import json
 import os
 import secrets
@@ -16,15 +17,17 @@ import shutil
 import subprocess
 import sys
 import tempfile
-import types
 import unittest
 from unittest import mock
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
-ATTEST = os.path.normpath(os.path.join(ROOT, "tools", "attest"))
-sys.path.insert(0, os.path.join(ROOT, "tests", "system"))
+TOOLS = os.path.normpath(os.path.join(ROOT, "tools"))
+ATTEST = os.path.join(TOOLS, "attest")
+sys.path[:0] = [os.path.join(ROOT, "tests", "system"), TOOLS]
 
-from harness import document_text  # noqa: E402, found through the line above
+from featurewatch_tools import documents, files  # noqa: E402, found through the line above
+from featurewatch_tools.fault import Fault  # noqa: E402
+from harness import document_text  # noqa: E402
 
 COUNTER_NAME = bytes.fromhex("000B2154E1C69F9CC07749A88F9835AD835426AEDB46AA9D6C41D6764AC380734878")
 EK_HEAD = bytes.fromhex(
@@ -35,8 +38,9 @@ MAGIC, SESSION_AUDIT = 0xFF544347, 0x8016
 
 
 def load_attest():
-    module = types.ModuleType("attest")
-    importlib.machinery.SourceFileLoader("attest", ATTEST).exec_module(module)
+    loader = importlib.machinery.SourceFileLoader("attest", ATTEST)
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("attest", loader))
+    loader.exec_module(module)
     return module
 
 
@@ -168,6 +172,11 @@ def report_text(report):
     return document_text(report) + "\n"
 
 
+def parsed_report(report):
+    """The report as the program reads it."""
+    return documents.parse_report(documents.parse_json(file_bytes(report), "test"), "test")
+
+
 def file_bytes(content):
     """Bytes as they are, text as UTF-8, a dictionary as the agent would print it."""
     if isinstance(content, dict):
@@ -218,36 +227,19 @@ class AttestTest(unittest.TestCase):
         return failed
 
 
-def remembering(ask):
-    known = {}
-
-    def asked_once(key, data, signature):
-        question = key.whole, data, signature
-        if question not in known:
-            known[question] = ask(key, data, signature)
-        return known[question]
-
-    return asked_once
-
-
 class QuickVerify:
     """QuickVerify verifies an exchange thousands of times: in this process, with the files in memory.
 
     It goes through the program's own `verify`, with a Fault as status 2, as `main` has it; any other exception is an
-    error of the test. It remembers what openssl said on a key, a text and a signature, so that openssl is only asked
-    again when one of them has changed. `changed` counts what was tried.
+    error of the test. `changed` counts what was tried.
     """
 
     def __init__(self, test):
         self.test, self.changed = test, 0
         self.arguments = attest.make_parser().parse_args(test.verify_arguments("--json"))
         self.files = {test.path(name): test.content(name) for name in ("attested.json", "context.json", "secret.bin")}
-        for name, replacement in {
-            "read_file": self.files.__getitem__,
-            "put": lambda output: None,
-            "signature_holds": remembering(attest.signature_holds),
-        }.items():
-            test.enterContext(mock.patch.object(attest, name, replacement))
+        test.enterContext(mock.patch.object(files, "read_file", self.files.__getitem__))
+        test.enterContext(mock.patch.object(files, "put", lambda output: None))
 
     def status(self, name, content):
         """The exit status with this content in the file of that name."""
@@ -256,7 +248,7 @@ class QuickVerify:
         before, self.files[path] = self.files[path], file_bytes(content)
         try:
             return attest.verify(self.arguments)
-        except attest.Fault:
+        except Fault:
             return 2
         finally:
             self.files[path] = before
