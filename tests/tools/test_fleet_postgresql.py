@@ -1,0 +1,58 @@
+"""tools/fleet on a real PostgreSQL server: all that it does on SQLite, and a server that goes away."""
+
+import os
+import unittest
+
+import test_fleet_devices
+import test_fleet_verdicts
+from fleet_support import FleetDevice, FleetTest
+from postgresql_support import Server
+
+
+class OnServer(FleetTest):
+    """OnServer has a server of its own, and a registry on it."""
+
+    def setUp(self):
+        self.server = Server()
+        self.addCleanup(self.server.remove)
+        os.environ["FLEET_TEST_SERVER"] = self.server.url("NAME")
+        self.addCleanup(os.environ.pop, "FLEET_TEST_SERVER")
+        super().setUp()
+
+    def run_all(self, module, floor):
+        """Runs the tests of a module here; at least `floor` must succeed."""
+        suite = unittest.defaultTestLoader.loadTestsFromModule(module)
+        result = unittest.TestResult()
+        suite.run(result)
+        self.assertEqual([text for _, text in result.errors + result.failures], [])
+        self.assertGreaterEqual(result.testsRun - len(result.skipped), floor)
+
+    def test_devices(self):
+        "Enrolment, import, retirement and views are as on SQLite."
+        self.run_all(test_fleet_devices, 20)
+
+    def test_verdicts(self):
+        "Challenges, verdicts and workers are as on SQLite."
+        self.run_all(test_fleet_verdicts, 20)
+
+    def test_server_gone_and_back(self):
+        "Without a server each command says so with status 2, and with it again all is as before."
+        device = self.enrolled("1")
+        answer = self.write("answer.json", device.answer_to(self.challenge("1")))
+        for mode in ("fast", "immediate"):
+            self.server.stop(mode)
+            self.fails("verify", answer, part="connection to server on socket")
+            self.fails("list", part="connection to server on socket")
+            self.server.start()
+        self.fleet("verify", answer)
+        self.assertEqual(len(self.history("1")), 1)
+
+    def test_registry_beside_other_tables(self):
+        "A registry is made beside tables of others; where one of its own names is taken it is not."
+        self.change("CREATE TABLE theirs (x int)")
+        self.enrolled("1")
+        self.url = self.make_database(self.server.url("NAME"))
+        self.change("CREATE TABLE devices (x int)")
+        report = self.write("report.json", FleetDevice("1").report())
+        self.fails("enrol", "--report", report, "--first-contact", part="already exists")
+        self.assertEqual(self.rows("SELECT count(*) FROM pg_tables WHERE schemaname = 'public'"), [(1,)])
