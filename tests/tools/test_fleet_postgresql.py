@@ -1,11 +1,15 @@
 """tools/fleet on a real PostgreSQL server: all that it does on SQLite, and a server that goes away."""
 
+import json
 import os
+import subprocess
+import sys
 import unittest
 
 import test_fleet_devices
+import test_fleet_faults
 import test_fleet_verdicts
-from fleet_support import FleetDevice, FleetTest
+from fleet_support import FLEET, FleetDevice, FleetTest, lines_of
 from postgresql_support import Server
 
 
@@ -20,8 +24,9 @@ class OnServer(FleetTest):
         super().setUp()
 
     def run_all(self, module, floor):
-        """Runs the tests of a module here; at least `floor` must succeed."""
-        suite = unittest.defaultTestLoader.loadTestsFromModule(module)
+        """Runs the tests of a module or class here; at least `floor` must succeed."""
+        load = unittest.defaultTestLoader
+        suite = (load.loadTestsFromTestCase if isinstance(module, type) else load.loadTestsFromModule)(module)
         result = unittest.TestResult()
         suite.run(result)
         self.assertEqual([text for _, text in result.errors + result.failures], [])
@@ -46,6 +51,31 @@ class OnServer(FleetTest):
             self.server.start()
         self.fleet("verify", answer)
         self.assertEqual(len(self.history("1")), 1)
+
+    def test_locks_and_versions(self):
+        "Locks and registries of other versions are told as on SQLite."
+        for name in ("LockTest", "VersionTest"):
+            self.run_all(getattr(test_fleet_faults, name), 1)
+
+    def test_server_gone_under_a_worker(self):
+        "A worker that loses its server ends with status 2; another one goes on where it was."
+        made = {device.serial: device for device in self.enrol_many(40)}
+        answers = [made[serial].answer_to(context) for serial, context in self.challenge_all().items()]
+        command = [sys.executable, FLEET, "--registry", self.url, "verify", "-"]
+        pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
+        with subprocess.Popen(command, **pipes) as worker:
+            worker.stdin.write(lines_of(answers[:20]))
+            worker.stdin.flush()
+            told = [json.loads(worker.stdout.readline()) for _ in range(20)]
+            self.server.stop("immediate")
+            output, errors = worker.communicate(lines_of(answers[20:]), timeout=60)
+        self.assertEqual((worker.returncode, output), (2, b""))
+        self.assertRegex(errors, rb"\Afleet: .*(terminat|closed|connection).*\n\Z")
+        self.server.start()
+        again = self.verify_lines(answers)
+        self.assertEqual(again[:20], [{**verdict, "repeated": True} for verdict in told])
+        self.assertEqual([it["ok"] for it in again], [True] * 40)
+        self.assertEqual([it["repeated"] for it in again[20:]], [False] * 20)
 
     def test_registry_beside_other_tables(self):
         "A registry is made beside tables of others; where one of its own names is taken it is not."
