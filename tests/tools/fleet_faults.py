@@ -76,7 +76,7 @@ class Kills(FleetTest):
     """Kills lets workers die and feeds what they had to others."""
 
     def kill_workers(self, count, seed):
-        """Rounds with workers that die at each point in turn, every fourth at a random moment; returns how many died."""
+        """Rounds with workers that die at each point in turn, some at a random moment. Returns how many died."""
         self.generator = random.Random(seed)
         self.made = {device.serial: device for device in self.enrol_many(DEVICES)}
         self.floors = {}

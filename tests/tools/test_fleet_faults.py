@@ -1,4 +1,4 @@
-"""tools/fleet when something goes wrong: killed workers, changed answers, disks, locks, and registries of other versions."""
+"""tools/fleet when something goes wrong: dead workers, changed answers, disks, locks, registries of other versions."""
 
 import contextlib
 import json
@@ -109,7 +109,7 @@ LOCK = {
     is_sqlite: [
         sys.executable,
         "-c",
-        f"import {module}, sys; connection = {module}.connect(sys.argv[1]); connection.cursor().execute({statement!r}); "
+        f"import {module}, sys; lock = {module}.connect(sys.argv[1]); lock.cursor().execute({statement!r}); "
         "print('locked', flush=True); sys.stdin.read()",
     ]
     for is_sqlite, module, statement in (

@@ -3,6 +3,7 @@
 import json
 import os
 import select
+from json.encoder import encode_basestring_ascii as quoted
 
 from .documents import Number
 from .fault import Fault
@@ -20,11 +21,13 @@ def as_written(value, sort=False):
     """A JSON text in ASCII on one line; `sort` makes it the same for objects that differ in their members' order."""
     if isinstance(value, Number):
         return str(value)
+    if isinstance(value, str):
+        return quoted(value)
     if isinstance(value, dict):
         pairs = sorted(value.items()) if sort else value.items()
-        return "{" + ",".join(f"{json.dumps(name)}:{as_written(item, sort)}" for name, item in pairs) + "}"
+        return "{" + ",".join([f"{quoted(name)}:{as_written(item, sort)}" for name, item in pairs]) + "}"
     if isinstance(value, (list, tuple)):
-        return "[" + ",".join(as_written(item, sort) for item in value) + "]"
+        return "[" + ",".join([as_written(item, sort) for item in value]) + "]"
     return json.dumps(value)
 
 
