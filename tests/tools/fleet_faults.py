@@ -18,7 +18,7 @@ import time
 
 from fleet_support import FleetDevice, FleetTest, lines_of, run_fleet
 from featurewatch_tools import files, json_lines
-from postgresql_support import Server
+from postgresql_support import ServerTest
 from sqlalchemy import event
 from sqlalchemy.engine import Engine, default
 
@@ -153,15 +153,8 @@ class Kills(FleetTest):
     server = None
 
 
-class KillsOnServer(Kills):
-    """KillsOnServer has a PostgreSQL server; the server itself lives on."""
-
-    def setUp(self):
-        self.server = Server()
-        self.addCleanup(self.server.remove)
-        os.environ["FLEET_TEST_SERVER"] = self.server.url("NAME")
-        self.addCleanup(os.environ.pop, "FLEET_TEST_SERVER")
-        super().setUp()
+class KillsOnServer(ServerTest, Kills):
+    """KillsOnServer lets workers die; the server lives on."""
 
 
 # --- mutants ----------------------------------------------------------------------------------------------------------

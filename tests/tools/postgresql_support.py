@@ -6,6 +6,8 @@ import shutil
 import subprocess
 import tempfile
 
+from fleet_support import FleetTest
+
 
 class Server:
     """A Server runs from its making to `remove`, unless it is stopped in between."""
@@ -45,3 +47,14 @@ class Server:
 
     def url(self, database):
         return f"postgresql://tester@/{database}?host={self.folder}"
+
+
+class ServerTest(FleetTest):
+    """A ServerTest has a server of its own, and its registry there."""
+
+    def setUp(self):
+        self.server = Server()
+        self.addCleanup(self.server.remove)
+        os.environ["FLEET_TEST_SERVER"] = self.server.url("NAME")
+        self.addCleanup(os.environ.pop, "FLEET_TEST_SERVER")
+        super().setUp()

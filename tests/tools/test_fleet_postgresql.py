@@ -1,7 +1,6 @@
 """tools/fleet on a real PostgreSQL server: all that it does on SQLite, and a server that goes away."""
 
 import json
-import os
 import subprocess
 import sys
 import unittest
@@ -9,20 +8,11 @@ import unittest
 import test_fleet_devices
 import test_fleet_faults
 import test_fleet_verdicts
-from fleet_support import FLEET, FleetDevice, FleetTest, lines_of
-from postgresql_support import Server
+from fleet_support import FLEET, FleetDevice, lines_of
+from postgresql_support import ServerTest
 
 
-class OnServer(FleetTest):
-    """OnServer has a server of its own, and a registry on it."""
-
-    def setUp(self):
-        self.server = Server()
-        self.addCleanup(self.server.remove)
-        os.environ["FLEET_TEST_SERVER"] = self.server.url("NAME")
-        self.addCleanup(os.environ.pop, "FLEET_TEST_SERVER")
-        super().setUp()
-
+class OnServerTest(ServerTest):
     def run_all(self, module, floor):
         """Runs the tests of a module or class here; at least `floor` must succeed."""
         load = unittest.defaultTestLoader
