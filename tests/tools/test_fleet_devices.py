@@ -184,9 +184,7 @@ class ImportTest(FleetTest):
         self.import_text(f"serial,ekDigest,label\n1,{device.ek_digest},lobby\n")
         self.refused("challenge", "--serial", "1", part="before it is enrolled")
         result = self.fleet("challenge", "--all")
-        self.assertEqual(
-            (result.output, result.errors), (b"", b"fleet: 1 devices are imported only and were left out\n")
-        )
+        self.assertEqual((result.output, result.errors), (b"", b"fleet: left out, as they are only imported: 1\n"))
         for ground in (["--first-contact"], ["--ek-digest", other.ek_digest], []):
             report = self.write("other.json", other.report())
             self.refused("enrol", "--report", report, *ground, part="imported with another EK")
@@ -197,13 +195,13 @@ class ImportTest(FleetTest):
     def test_same_file_again(self):
         "The same file again changes nothing, whatever came since."
         text = "".join(f"{number},{number:064x},label {number}\n" for number in range(1200))
-        self.assertEqual(self.import_text(text).output, b"1200 devices imported, 0 known before\n")
+        self.assertEqual(self.import_text(text).output, b"imported: 1200, known before: 0\n")
         device = FleetDevice("x")
         self.import_text(more := f"{text}x,{device.ek_digest},\n")
         self.enrol(device, "--first-contact", "--label", "new")
         self.fleet("retire", "7")
         before = self.devices()
-        self.assertEqual(self.import_text(more).output, b"0 devices imported, 1201 known before\n")
+        self.assertEqual(self.import_text(more).output, b"imported: 0, known before: 1201\n")
         self.assertEqual(self.devices(), before)
 
     def test_bad_lines(self):

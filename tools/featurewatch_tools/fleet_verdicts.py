@@ -105,7 +105,9 @@ def _form_opinion(answer, asked):
     verdict = judge(answer.report, context, asked.secret or secrets.token_bytes(SECRET_SIZE), asked.ek_digest)
     changed = {"ek-identity": f"the EK ({answer.ek_digest}) is that of the registry"}
     if asked.secret is None:
-        changed["credential"] = "actResp is the secret: it is gone, as the challenge was used, is too late or withdrawn"
+        changed[
+            "credential"
+        ] = "actResp can't be compared: the secret went when the challenge was used, expired or withdrawn"
     checks = [check._replace(detail=changed.get(check.name, check.detail)) for check in verdict.checks]
     return _Opinion(asked.id, checks, verdict.counter if verdict.ok else exact_counter(answer.report))
 
