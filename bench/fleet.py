@@ -16,7 +16,6 @@ programs for `workers`.
 
 import json
 import os
-import resource
 import secrets
 import statistics
 import subprocess
@@ -42,13 +41,44 @@ SIZES = 1_000, 1_000_000
 GROUP = 10_000
 
 
+class Worker:
+    """A Worker is one run of the program, from file to file."""
+
+    peaks = []  # kB of memory that each run took
+
+    def __init__(self, url, *words, content=b""):
+        self._output = tempfile.TemporaryFile()
+        with tempfile.TemporaryFile() as given:
+            given.write(content)
+            given.seek(0)
+            command = [sys.executable, FLEET, "--registry", url, *words]
+            self._process = subprocess.Popen(command, stdin=given, stdout=self._output)
+
+    def finish(self):
+        """Waits for the end and returns the output and the seconds of processor time."""
+        peak = 0
+        while os.waitid(os.P_PID, self._process.pid, os.WEXITED | os.WNOWAIT | os.WNOHANG) is None:
+            peak = max(peak, self._memory())
+            time.sleep(0.02)
+        self.peaks.append(peak)
+        _, status, usage = os.wait4(self._process.pid, 0)
+        self._process.returncode = os.waitstatus_to_exitcode(status)
+        if status != 0:
+            sys.exit("fleet: an answer was not accepted")
+        self._output.seek(0)
+        with self._output:
+            return self._output.read(), usage.ru_utime + usage.ru_stime
+
+    def _memory(self):
+        """The most kB so far that were resident."""
+        with open(f"/proc/{self._process.pid}/status", encoding="ascii") as stream:
+            return next((int(line.split()[1]) for line in stream if line.startswith("VmHWM")), 0)
+
+
 def run(url, *words, content=b""):
     """The program's output, the seconds it took, and the seconds of processor time among them."""
-    before, begin = os.times(), time.monotonic()
-    command = [sys.executable, FLEET, "--registry", url, *words]
-    output = subprocess.run(command, input=content, stdout=subprocess.PIPE, check=True).stdout
-    after = os.times()
-    used = after.children_user + after.children_system - before.children_user - before.children_system
+    begin = time.monotonic()
+    output, used = Worker(url, *words, content=content).finish()
     return output, time.monotonic() - begin, used
 
 
@@ -79,13 +109,12 @@ def measure_lines():
         assert_accepted(output, LINES)
         note(rates, per_core, "verify -", seconds, used)
         rates["attest verify"].append(attest_rate(fleet))
-    peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss / 1024
     print(f"Lines, {LINES} a run, {ROUNDS} runs\n{'':18}{'a second':>12}{'a second of processor':>24}")
     for name, values in rates.items():
         core = f"{statistics.median(per_core[name]):24.0f}" if name in per_core else ""
         print(f"{name:18}{statistics.median(values):12.1f}{core}")
     ratio = statistics.median(a / b for a, b in zip(rates["verify -"], rates["attest verify"]))
-    print(f"verify - to attest verify: {ratio:.0f} times\nmemory at most: {peak:.0f} MB\n")
+    print(f"verify - to attest verify: {ratio:.0f} times\nmemory at most: {max(Worker.peaks) / 1024:.0f} MB\n")
     fleet.test.doCleanups()
 
 
@@ -144,21 +173,14 @@ def measure_workers():
 
 
 def judge_by(fleet, workers, answers):
-    """The seconds that so many workers take, each with a share of the answers in a file."""
-    with tempfile.TemporaryDirectory() as folder:
-        for number in range(workers):
-            write(os.path.join(folder, f"{number}"), lines_of(answers[number::workers]).decode())
-        command = [sys.executable, FLEET, "--registry", fleet.url, "verify", "-"]
-        begin = time.monotonic()
-        running = []
-        for number in range(workers):
-            with open(os.path.join(folder, f"{number}"), "rb") as given, open(f"{folder}/{number}.out", "wb") as told:
-                running.append(subprocess.Popen(command, stdin=given, stdout=told))
-        statuses = [process.wait() for process in running]
-        seconds = time.monotonic() - begin
-        if any(statuses):
-            sys.exit("fleet: an answer was not accepted")
-        return seconds
+    """The seconds that so many workers take, each with a share of the answers."""
+    shares = [lines_of(answers[number::workers]) for number in range(workers)]
+    begin = time.monotonic()
+    running = [Worker(fleet.url, "verify", "-", content=share) for share in shares]
+    outputs = [worker.finish()[0] for worker in running]
+    seconds = time.monotonic() - begin
+    assert_accepted(b"".join(outputs), len(answers))
+    return seconds
 
 
 # --- size -------------------------------------------------------------------------------------------------------------

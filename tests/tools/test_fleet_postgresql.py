@@ -7,28 +7,46 @@ import unittest
 
 import test_fleet_devices
 import test_fleet_faults
+import test_fleet_page
 import test_fleet_verdicts
 from fleet_support import FLEET, FleetDevice, lines_of
 from postgresql_support import ServerTest
 
 
 class OnServerTest(ServerTest):
-    def run_all(self, module, floor):
-        """Runs the tests of a module or class here; at least `floor` must succeed."""
-        load = unittest.defaultTestLoader
-        suite = (load.loadTestsFromTestCase if isinstance(module, type) else load.loadTestsFromModule)(module)
+    def run_all(self, test_class, floor):
+        """Runs the tests of a class here; at least `floor` must succeed."""
+        suite = unittest.defaultTestLoader.loadTestsFromTestCase(test_class)
         result = unittest.TestResult()
         suite.run(result)
         self.assertEqual([text for _, text in result.errors + result.failures], [])
         self.assertGreaterEqual(result.testsRun - len(result.skipped), floor)
 
-    def test_devices(self):
-        "Enrolment, import, retirement and views are as on SQLite."
-        self.run_all(test_fleet_devices, 20)
+    def test_enrolment(self):
+        "Enrolment and import are as on SQLite."
+        self.run_all(test_fleet_devices.EnrolmentTest, 7)
+        self.run_all(test_fleet_devices.ImportTest, 4)
+
+    def test_views(self):
+        "Retirement and views are as on SQLite."
+        self.run_all(test_fleet_devices.RetirementTest, 2)
+        self.run_all(test_fleet_devices.ViewTest, 4)
 
     def test_verdicts(self):
-        "Challenges, verdicts and workers are as on SQLite."
-        self.run_all(test_fleet_verdicts, 20)
+        "Challenges and verdicts are as on SQLite."
+        self.run_all(test_fleet_verdicts.VerdictTest, 9)
+
+    def test_lines(self):
+        "JSON Lines are as on SQLite."
+        self.run_all(test_fleet_verdicts.LinesTest, 7)
+
+    def test_workers(self):
+        "Many workers at once are as on SQLite."
+        self.run_all(test_fleet_verdicts.WorkersTest, 3)
+
+    def test_page(self):
+        "The page is as on SQLite."
+        self.run_all(test_fleet_page.WrittenPageTest, 3)
 
     def test_server_gone_and_back(self):
         "Without a server each command says so with status 2, and with it again all is as before."
@@ -44,8 +62,8 @@ class OnServerTest(ServerTest):
 
     def test_locks_and_versions(self):
         "Locks and registries of other versions are told as on SQLite."
-        for name in ("LockTest", "VersionTest"):
-            self.run_all(getattr(test_fleet_faults, name), 1)
+        self.run_all(test_fleet_faults.LockTest, 1)
+        self.run_all(test_fleet_faults.VersionTest, 4)
 
     def test_server_gone_under_a_worker(self):
         "A worker that loses its server ends with status 2; another one goes on where it was."

@@ -14,7 +14,7 @@ class BadLines(Fault):
     """BadLines names every line that keeps a file from being imported."""
 
     def __init__(self, path, reasons):
-        super().__init__(f"{path}: nothing is imported, as of its lines {len(reasons)} can't be")
+        super().__init__(f"{path}: nothing is imported, as {len(reasons)} of its lines can't be")
         self.lines = [f"{path}:{number}: {reason}" for number, reason in reasons]
 
 
