@@ -17,6 +17,7 @@ from .registry import ENROLLED, challenges, devices, milliseconds, verdicts
 from .verdict import Check, Verdict
 from .verification import exact_counter, judge
 
+NO_SECRET = "actResp can't be compared: the secret went when the challenge was used, expired or withdrawn"
 NO_CHALLENGE = "no challenge of this registry has the nonce of this answer"
 
 
@@ -71,7 +72,8 @@ class Judgement(NamedTuple):
 def judge_answers(registry, answers):
     """Judges and records answers, in their order and in one transaction. Returns a Judgement for each, durable."""
     with registry.read() as connection:
-        opinions = _form_opinions(connection, answers)
+        asked = _read_asked(connection, answers)
+    opinions = {digest: _form_opinion(answer, row) for digest, (answer, row) in asked.items()}
     return registry.write(lambda connection: _Record(connection, answers, opinions).judgements())
 
 
@@ -86,18 +88,14 @@ class _Opinion(NamedTuple):
     counter: int | None
 
 
-def _form_opinions(connection, answers):
-    """Opinions by the answers' digests, for those that have a challenge and no verdict yet."""
+def _read_asked(connection, answers):
+    """Answers with the challenges that they answer, by the answers' digests, as far as there is no verdict yet."""
     recorded = _select_in(connection, select(verdicts.c.answer), verdicts.c.answer, [it.digest for it in answers])
-    recorded = {row.answer for row in recorded}
+    digests = {row.answer for row in recorded}
     statement = select(challenges, devices.c.ek_digest).join(devices)
     rows = _select_in(connection, statement, challenges.c.nonce, [it.nonce for it in answers])
     asked = {row.nonce: row for row in rows}
-    return {
-        answer.digest: _form_opinion(answer, asked[answer.nonce])
-        for answer in answers
-        if answer.digest not in recorded and answer.nonce in asked
-    }
+    return {it.digest: (it, asked[it.nonce]) for it in answers if it.digest not in digests and it.nonce in asked}
 
 
 def _form_opinion(answer, asked):
@@ -105,9 +103,7 @@ def _form_opinion(answer, asked):
     verdict = judge(answer.report, context, asked.secret or secrets.token_bytes(SECRET_SIZE), asked.ek_digest)
     changed = {"ek-identity": f"the EK ({answer.ek_digest}) is that of the registry"}
     if asked.secret is None:
-        changed[
-            "credential"
-        ] = "actResp can't be compared: the secret went when the challenge was used, expired or withdrawn"
+        changed["credential"] = NO_SECRET
     checks = [check._replace(detail=changed.get(check.name, check.detail)) for check in verdict.checks]
     return _Opinion(asked.id, checks, verdict.counter if verdict.ok else exact_counter(answer.report))
 
