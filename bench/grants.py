@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""What ten thousand granted features cost: the plain mode, the daemon's answer to a new grant, and memory.
+"""What ten thousand granted features cost: the plain mode, the daemon's answer to a new grant, and memory; and how fast
+ten thousand grants are signed.
 
     scripts/sandbox bench/grants.py FEATUREWATCH [OPTION ...]
 
@@ -13,9 +14,10 @@ that the difference is what the features cost.
   turns, which differ in one name.
 - Memory: of the plain mode while it hands the document out, which doesn't fit into the pipe; of the daemon after its
   start and again after all reloads. It grows with the first reloads, as two lists are there for a moment, and no more.
+- Signing: ten thousand grants with a key file, in one run of tools/grant, and as a loop of runs with one grant each.
 
 Each document is checked: all features must be there, from that input. Exit status 1 if one isn't, or if anything did not
-happen in time. Needed: openssl and tools/grant.
+happen in time. Needed: tools/grant.
 """
 
 import json
@@ -32,6 +34,8 @@ from latency import DOCUMENT, LIMIT_S, PID_FILE, Failure, Observer
 COUNT = 10000
 PLAIN_ROUNDS = 40
 RELOAD_ROUNDS = 40
+SIGNED = 10000
+SINGLE_RUNS = 20
 
 FILE_LIMIT = 1 << 20
 SERIAL = "0000abcd"  # the sandbox's
@@ -205,6 +209,47 @@ def measure_daemon(command, observer, inputs, source):
                                                           started[2], after[2]))
 
 
+# Signing
+
+
+def sign_batch(folder, algorithm):
+    """Returns how many grants a second are signed in one run."""
+    private, public, output = (os.path.join(folder, f"{algorithm}-{name}") for name in ("private", "public", "grants"))
+    subprocess.run([GRANT, "keys", "--algorithm", algorithm, "--private", private, "--public", public], check=True)
+    serials = os.path.join(folder, "serials")
+    with open(serials, "w") as file:
+        file.writelines(f"{number:08x}\n" for number in range(SIGNED))
+    os.mkdir(output)
+    command = [GRANT, "sign", "--key", private, "--feature", "video-wall,until=2099-01-01T00:00:00Z"]
+    start = time.monotonic()
+    subprocess.run([*command, "--serials", serials, "--output-folder", output], check=True)
+    batch = SIGNED / (time.monotonic() - start)
+    start = time.monotonic()
+    for number in range(SINGLE_RUNS):
+        subprocess.run([*command, "--serial", f"{number:08x}"], check=True, stdout=subprocess.DEVNULL)
+    single = SINGLE_RUNS / (time.monotonic() - start)
+    check_grants(output, public)
+    return batch, single
+
+
+def check_grants(folder, public):
+    """All must be there, and each thousandth good."""
+    names = sorted(os.listdir(folder))
+    if len(names) != SIGNED:
+        raise Failure(f"{len(names)} grants, not {SIGNED}")
+    for name in names[::1000]:
+        subprocess.run([GRANT, "show", "--public", public, os.path.join(folder, name)],
+                       check=True, stdout=subprocess.DEVNULL)
+
+
+def measure_signing(folder):
+    print(f"\nSigning, {SIGNED} grants with a key file\n%-10s %14s %18s %8s" %
+          ("", "one run, 1/s", "a run each, 1/s", "ratio"))
+    for algorithm in ("ES256", "ES384", "RS256"):
+        batch, single = sign_batch(folder, algorithm)
+        print("%-10s %14.0f %18.1f %8.1f" % (algorithm, batch, single, batch / single))
+
+
 def measure_all(command):
     with tempfile.TemporaryDirectory() as folder:
         inputs = Inputs(folder)
@@ -217,6 +262,7 @@ def measure_all(command):
             measure_daemon(command, observer, inputs, source)
         print("\n%d features: %s" % (COUNT, ", ".join(
             f"{os.path.getsize(inputs.make(source, 'first'))} bytes {source}" for source in INPUTS)))
+        measure_signing(folder)
 
 
 def main():

@@ -37,14 +37,15 @@ AK_HEAD = bytes.fromhex("0023000B00050072000000100018000B00030010")
 MAGIC, SESSION_AUDIT = 0xFF544347, 0x8016
 
 
-def load_attest():
-    loader = importlib.machinery.SourceFileLoader("attest", ATTEST)
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("attest", loader))
+def load_command(name):
+    """One of the commands as a module."""
+    loader = importlib.machinery.SourceFileLoader(name, os.path.join(TOOLS, name))
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(name, loader))
     loader.exec_module(module)
     return module
 
 
-attest = load_attest()
+attest = load_command("attest")
 
 
 def run_attest(*arguments, **keywords):

@@ -340,6 +340,14 @@ class VerdictTest(DeviceTest):
             printed = "".join(call.args[0] for call in put.call_args_list)
             self.assertIn(output, json.loads(printed)["error"] if output else printed)
 
+    def test_interrupted(self):
+        "Interrupted, the command ends with the status of SIGINT and without a word."
+        self.write_exchange(self.answer(), self.context, self.secret)
+        with mock.patch.object(verification, "judge", side_effect=KeyboardInterrupt):
+            with contextlib.redirect_stderr(io.StringIO()) as stderr:
+                self.assertEqual(attest.main(self.verify_arguments()), 130)
+        self.assertEqual(stderr.getvalue(), "")
+
     def test_output_fails(self):
         "A verdict that can't be written is no success."
         self.write_exchange(self.answer(), self.context, self.secret)

@@ -107,8 +107,22 @@ class CommandLineTest(GrantToolTest):
         for words, wanted in (
             (["--help"], ["keys", "sign", "show", "docs/grants.md"]),
             (["keys", "--help"], ["--private", "--public", "--algorithm", "exit status"]),
-            (["sign", "--help"], ["--key", "--serial", "--feature", "--features", "exit status"]),
-            (["show", "--help"], ["--public", "exit status"]),
+            (
+                ["sign", "--help"],
+                [
+                    "--key",
+                    "--signer",
+                    "--public",
+                    "--serial",
+                    "--serials",
+                    "--output-folder",
+                    "--replace",
+                    "--feature",
+                    "--features",
+                    "exit status",
+                ],
+            ),
+            (["show", "--help"], ["--public", "--json", "exit status"]),
         ):
             for columns in ("20", "80", "200"):
                 text = self.succeed(*words, env={**os.environ, "COLUMNS": columns}).decode()
@@ -387,6 +401,157 @@ class SignTest(GrantToolTest):
         write_file(self.work_path("rsa.pub"), openssl("pkey", "-in", "rsa.pem", "-pubout"))
         for key in ("old", "rsa"):
             self.assertEqual(len(self.features_on_device(self.sign("--feature", "a", key=key), key)), 1)
+
+
+class SerialsTest(GrantToolTest):
+    """SerialsTest signs for many devices; `batch` runs the command with a list of serial numbers."""
+
+    def setUp(self):
+        super().setUp()
+        os.mkdir("out")
+
+    def batch(self, serials, *options, folder="out", feature="a"):
+        words = ("sign", "--key", "maker.pem", "--serials", self.write("serials", serials), "--output-folder", folder)
+        return run_grant(*words, "--feature", feature, *options)
+
+    def names_in(self, path):
+        """Serial number and features' names of a good grant."""
+        result = json.loads(self.succeed("show", "--json", "--public", "maker.pub", path))
+        return result["serial"], [feature["name"] for feature in result["features"]]
+
+    def test_each_device_gets_its_own(self):
+        "Each serial number gets a file with a grant of its own, which the agent takes; nothing else is left there."
+        serials = ["1", DEFAULT_SERIAL, 'Ä "7"', " 8", "../9", ".", "..", "a/b", "%2F", "CON"]
+        result = self.batch("\n".join(serials[:3]) + "\r\n\n\n" + "\n".join(serials[3:]))
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
+        files = {"1.jws", f"{DEFAULT_SERIAL}.jws", "%C3%84%20%227%22.jws", "%208.jws", "%2E.%2F9.jws", "%2E.jws"}
+        files |= {"%2E..jws", "a%2Fb.jws", "%252F.jws", "CON.jws"}
+        self.assertEqual(set(os.listdir("out")), files)
+        self.assertEqual({self.names_in(f"out/{name}")[0] for name in files}, set(serials))
+        self.assertEqual(
+            self.features_on_device(read_file(f"out/{DEFAULT_SERIAL}.jws")), [{"name": "a", "source": "granted"}]
+        )
+        self.assertEqual({stat.S_IMODE(os.stat(f"out/{name}").st_mode) for name in files}, {0o644})
+
+    def test_existing_files_stay(self):
+        "A grant that is there stays, whatever it is, and is told, until --replace is given."
+        self.batch("1\n2\n")
+        before = read_file("out/1.jws"), read_file("out/2.jws")
+        os.symlink("nowhere", "out/4.jws")
+        result = self.batch("1\n2\n3\n4\n", feature="b")
+        self.assertEqual((result.returncode, result.stdout), (0, b""))
+        self.assertEqual(result.stderr, b"grant: out: 3 of 4 were there and stay (no --replace)\n")
+        self.assertEqual((read_file("out/1.jws"), read_file("out/2.jws")), before)
+        self.assertEqual(self.names_in("out/3.jws"), ("3", ["b"]))
+        result = self.batch("1\n2\n3\n", "--replace", feature="c")
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        self.assertEqual([self.names_in(f"out/{name}.jws")[1] for name in "123"], [["c"]] * 3)
+        result = self.batch("4\n", "--replace")
+        self.assertEqual((result.returncode, result.stderr), (2, b"grant: out/4.jws: not a plain file\n"))
+        self.assertEqual(os.readlink("out/4.jws"), "nowhere")
+
+    def test_wrong_lists_make_nothing(self):
+        "A line that is no serial number, or repeats one, is named, and no grant is made at all."
+        for content, part in (
+            ("1\n2\n1\n", "line 3 repeats line 1"),
+            ("1\n \t\n", "line 2 has nothing but blanks"),
+            ("1\na\0b\n", "line 2 is no serial number"),
+            ("1\n" + "x" * 252, "line 2 is no serial number"),
+            (b"1\n\xff", "not UTF-8"),
+            ("\n\r\n", "no serial number"),
+        ):
+            result = self.batch(content)
+            self.assertEqual((result.returncode, result.stdout), (2, b""))
+            self.assertIn(f"serials: {part}".encode(), result.stderr)
+        self.assertEqual(self.batch("1\n" + "x" * 251).returncode, 0)
+        self.assertEqual(sorted(os.listdir("out")), ["1.jws", "x" * 251 + ".jws"])
+
+    def test_wrong_usage(self):
+        "Serial numbers need a folder and exclude a single one; only they take a folder and --replace."
+        self.write("serials", "1")
+        sign, feature = ("sign", "--key", "maker.pem"), ("--feature", "a")
+        many, folder = ("--serials", "serials"), ("--output-folder", "out")
+        for words in (
+            many,
+            ("--serial", "1", *many, *folder),
+            ("--serial", "1", *folder),
+            ("--serial", "1", "--replace"),
+            folder,
+        ):
+            self.assert_fault(*sign, *feature, *words, part="--help")
+        self.assert_fault(*sign, *feature, *many, "--output-folder", "gone", part="gone: No such file")
+        self.assert_fault(*sign, *feature, *many, "--output-folder", "maker.pem", part="maker.pem: Not a directory")
+        self.assert_fault(*sign, *feature, "--serials", "gone", *folder, part="gone: No such file")
+        self.assertEqual(os.listdir("out"), [])
+
+    def test_full_disk(self):
+        "Where the disk is full the file is named, and no half of a grant is left."
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "none", "out"], check=True)
+        self.addCleanup(subprocess.run, ["umount", self.work_path("out")], check=True)
+        result = self.batch("\n".join(map(str, range(100))))
+        self.assertEqual(result.returncode, 2)
+        self.assertRegex(result.stderr, rb"^grant: out/[0-9]+\.jws: No space left on device\n$")
+        self.assertGreater(len(os.listdir("out")), 3)
+        for name in os.listdir("out"):
+            self.assertEqual(self.names_in(f"out/{name}"), (name.removesuffix(".jws"), ["a"]))
+
+    def test_signer(self):
+        "A command signs for many devices as well."
+        words = ("sign", "--signer", "openssl dgst -sha256 -sign maker.pem", "--public", "maker.pub")
+        self.write("serials", "1\n2\n")
+        self.succeed(*words, "--serials", "serials", "--output-folder", "out", "--feature", "a")
+        self.assertEqual([self.names_in(f"out/{name}.jws") for name in "12"], [("1", ["a"]), ("2", ["a"])])
+
+
+class ShowJsonTest(GrantToolTest):
+    def json(self, *words, status):
+        """The object; the exit status must be this one, and that without --json too."""
+        results = [run_grant("show", *words, *option) for option in ((), ("--json",))]
+        self.assertEqual([result.returncode for result in results], [status] * 2, results)
+        self.assertEqual(results[0].stderr, results[1].stderr)
+        content = json.loads(results[1].stdout, parse_constant=self.fail, parse_float=str)
+        self.assertEqual(list(content), ["ok", "alg", "serial", "features", "error"])
+        return content
+
+    def test_verdicts(self):
+        "With a key ok is true or false, without one null; error has the reason."
+        features = [{"name": "a", "params": {"x": [1, None, "ü\x1b"]}}]
+        self.write("list.json", features)
+        self.write("a.jws", self.sign("--features", "list.json"))
+        said = {"alg": "ES256", "serial": DEFAULT_SERIAL, "features": features}
+        self.assertEqual(self.json("a.jws", status=0), {"ok": None, **said, "error": None})
+        good = self.json("--public", "maker.pub", "a.jws", status=0)
+        self.assertEqual(good, {"ok": True, **said, "error": None})
+        self.make_keys("other")
+        bad = self.json("--public", "other.pub", "a.jws", status=1)
+        self.assertEqual(bad, {"ok": False, **said, "error": "the key did not sign this"})
+
+    def test_what_cannot_be_judged(self):
+        "A file or a key that can't be used, and wrong usage, give an object with the error, and status 2."
+        nothing = {"ok": False, "alg": None, "serial": None, "features": None}
+        self.write("a.jws", self.sign("--feature", "a"))
+        for words in (["gone"], ["maker.pem"], ["--public", "gone", "a.jws"], ["a.jws", "b"], []):
+            content = self.json(*words, status=2)
+            self.assertTrue(content.pop("error"))
+            self.assertEqual(content, nothing)
+
+    def test_foreign_content(self):
+        "What has not the type that a device expects is null, and numbers of any size come out as they were written."
+        for header, payload, said in (
+            ({"alg": 5}, b"5", (None, None, None)),
+            ({}, b"[]", (None, None, None)),
+            ({"alg": None}, b'{"serial":5,"features":{}}', (None, None, None)),
+            ({"alg": "x"}, b'{"serial":"","features":[]}', ("x", "", [])),
+            ({"alg": "ES256"}, b'{"features":[1e999,-0.10,1E5]}', ("ES256", None, ["1e999", "-0.10", "1E5"])),
+        ):
+            path = self.write("a.jws", f"{segment(header)}.{segment(payload)}.AA")
+            content = self.json(path, status=0)
+            self.assertEqual((content["alg"], content["serial"], content["features"]), said)
+            self.json("--public", "maker.pub", path, status=1)
+        for depth in (100, 300, 900):
+            payload = f'{{"features":{"[" * depth + "]" * depth}}}'.encode()
+            path = self.write("a.jws", f"{segment({})}.{segment(payload)}.AA")
+            self.assertIn(run_grant("show", "--json", path).returncode, (0, 2))
 
 
 class ShowTest(GrantToolTest):

@@ -5,6 +5,7 @@ Exit status 2 means that the work was not done; what the other statuses mean is 
 
 import argparse
 import contextlib
+import signal
 import sys
 
 from . import files
@@ -26,11 +27,11 @@ def utf8_text(value):
     return value
 
 
-def run(parser, words, fault_object=None):
+def run(parser, words, fault_object):
     """Runs the command that these words ask for and returns its exit status.
 
     A Fault, a missing package and whatever else nobody foresaw end with one line and status 2, never with a traceback;
-    with --json, `fault_object` makes the object that goes to standard output as well.
+    with --json, `fault_object` makes the object that goes to standard output as well. A user who interrupts it knows why.
     """
     try:
         arguments = parser.parse_args(words)
@@ -39,10 +40,12 @@ def run(parser, words, fault_object=None):
         reason = str(fault)
     except ModuleNotFoundError as error:
         reason = f"a Python package is missing: {error.name}"
-    except Exception as error:  # pylint: disable=broad-except
+    except Exception as error:
         reason = f"internal error, please report it: {error!r}"
+    except KeyboardInterrupt:
+        return 128 + signal.SIGINT
     print(f"{parser.prog}: {reason}", file=sys.stderr)
-    if fault_object and "--json" in words:
+    if "--json" in words:
         with contextlib.suppress(Fault):  # the fault may be that nothing can be put there
             files.put(fault_object(reason))
     return 2

@@ -9,14 +9,14 @@ from .fault import Fault
 FILE_LIMIT = 1 << 20
 
 
-def read_file(path):
+def read_file(path, limit=FILE_LIMIT):
     try:
         with open(path, "rb") as stream:
-            data = stream.read(FILE_LIMIT + 1)
+            data = stream.read(limit + 1)
     except OSError as error:
         raise Fault(f"{path}: {error.strerror}") from None
-    if len(data) > FILE_LIMIT:
-        raise Fault(f"{path}: longer than {FILE_LIMIT} bytes")
+    if len(data) > limit:
+        raise Fault(f"{path}: longer than {limit} bytes")
     return data
 
 
@@ -36,16 +36,32 @@ def create(path, data, mode):
 
 def replace(path, data, mode):
     """Replaces a plain file in one step, so that nobody has the new one open already; anything else stays."""
-    if os.path.islink(path) or os.path.exists(path) and not os.path.isfile(path):
-        raise Fault(f"{path}: not a plain file")
+    folder, name = os.path.split(path)
     try:
-        with tempfile.TemporaryDirectory(dir=os.path.dirname(path) or ".", prefix=".new-") as folder:
-            temporary = os.path.join(folder, "file")
-            with open(os.open(temporary, os.O_WRONLY | os.O_CREAT | os.O_EXCL, mode), "wb") as stream:
-                stream.write(data)
-            os.replace(temporary, path)
+        with replacing(folder) as replace_one:
+            replace_one(name, data, mode)
     except OSError as error:
         raise Fault(f"{path}: {error.strerror}") from None
+
+
+@contextlib.contextmanager
+def replacing(folder):
+    """Yields the same for files in one folder, by their names. New files are written aside, in a folder of their own."""
+    with tempfile.TemporaryDirectory(dir=folder or ".", prefix=".new-") as aside:
+        temporary = os.path.join(aside, "file")
+
+        def replace_one(name, data, mode):
+            path = os.path.join(folder, name)
+            if os.path.islink(path) or os.path.exists(path) and not os.path.isfile(path):
+                raise Fault(f"{path}: not a plain file")
+            try:
+                with open(os.open(temporary, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, mode), "wb") as stream:
+                    stream.write(data)
+                os.replace(temporary, path)
+            except OSError as error:
+                raise Fault(f"{path}: {error.strerror}") from None
+
+        yield replace_one
 
 
 def remove(path):

@@ -1,7 +1,10 @@
 """Grants, the keys that they are signed with, and the verdict on them."""
 
 import base64
+import math
 import re
+import subprocess
+import tempfile
 from typing import NamedTuple
 
 from cryptography.exceptions import InvalidSignature, UnsupportedAlgorithm
@@ -30,6 +33,8 @@ ALGORITHMS = {
     "RS256": Algorithm(hashes.SHA256(), None, 256),
 }
 RSA_BITS = 2048
+KEY_FILE_LIMIT = 1 << 16  # a device reads no larger key file
+SIGNATURE_LIMIT = 4096  # of what a signer prints; no signature in any form is nearly as long
 
 # RFC 8017, appendix C: the identifier of keys for RSASSA-PSS alone, in DER. `cryptography` takes such a key for one of
 # plain RSA.
@@ -39,10 +44,21 @@ PSS_ONLY = bytes.fromhex("06092A864886F70D01010A")
 def algorithm_of(key, pem):
     """Returns the name of the one algorithm that a device takes for this public key, None if there is no such."""
     if isinstance(key, rsa.RSAPublicKey):
-        return "RS256" if key.key_size == RSA_BITS and not is_pss_only(pem) else None
+        fits = key.key_size == RSA_BITS and is_sound(key.public_numbers()) and not is_pss_only(pem)
+        return "RS256" if fits else None
     curve = key.curve.name if isinstance(key, ec.EllipticCurvePublicKey) else None
     names = (name for name, algorithm in ALGORITHMS.items() if algorithm.curve and algorithm.curve.name == curve)
     return next(names, None)
+
+
+def is_sound(numbers):
+    """The partial validation of RSA keys in SP 800-56B, 6.4.2.2: a device's OpenSSL refuses what fails it.
+
+    With an exponent of 1 anybody could sign. The last term is true neither for a prime nor for a power of one.
+    """
+    e, n = numbers.e, numbers.n
+    no_small_factor = all(n % divisor for divisor in range(2, 752))
+    return e >= 3 and e % 2 == 1 and no_small_factor and math.gcd(pow(2, n, n) - 2, n) == 1
 
 
 def is_pss_only(pem):
@@ -59,8 +75,16 @@ def load_key(load, pem, what, fault):
     except (ValueError, TypeError, UnsupportedAlgorithm):  # TypeError: it has a passphrase
         raise Fault(f"{what}: {fault}") from None
     if name is None:
-        raise Fault(f"{what}: no key for grants, which are EC on P-256 or P-384 and RSA of 2048 bits")
+        raise Fault(
+            f"{what}: no key for grants, which are EC on NIST P-256 or P-384 and RSA of 2048 bits with an odd exponent of 3 or more"
+        )
     return name, key
+
+
+# The forms of RFC 5280 and, for RSA, RFC 8017, at a line's beginning, which a byte order mark doesn't change.
+PUBLIC_KEY = re.compile(
+    rb"(?:\A\xef\xbb\xbf|^)(-----BEGIN (RSA )?PUBLIC KEY-----\s.*?-----END \2?PUBLIC KEY-----)", re.M | re.S
+)
 
 
 class PublicKey(NamedTuple):
@@ -86,10 +110,12 @@ class PublicKey(NamedTuple):
 
 def read_public_key(pem, what):
     """Reads the first public key in PEM, as a device does."""
-    block = re.search(rb"-----BEGIN PUBLIC KEY-----\s.*?-----END PUBLIC KEY-----", pem, re.DOTALL)
+    if len(pem) > KEY_FILE_LIMIT:
+        raise Fault(f"{what}: longer than {KEY_FILE_LIMIT} bytes")
+    block = PUBLIC_KEY.search(pem)
     if not block:
         raise Fault(f"{what}: no public key")
-    return PublicKey(*load_key(serialization.load_pem_public_key, block[0] + b"\n", what, "no public key"))
+    return PublicKey(*load_key(serialization.load_pem_public_key, block[1] + b"\n", what, "no public key"))
 
 
 class PrivateKey(NamedTuple):
@@ -125,6 +151,38 @@ def make_key_pair(name):
     forms = serialization.PrivateFormat.PKCS8, serialization.PublicFormat.SubjectPublicKeyInfo
     private = key.private_bytes(serialization.Encoding.PEM, forms[0], serialization.NoEncryption())
     return private, key.public_key().public_bytes(serialization.Encoding.PEM, forms[1])
+
+
+class CommandSigner(NamedTuple):
+    """A CommandSigner has a command sign, where the private key is in other hands: those of an HSM or a key service.
+
+    The command gets the text on standard input and prints the signature, in DER or in the form of RFC 7518.
+    """
+
+    command: str
+    public: PublicKey
+
+    @property
+    def algorithm(self):
+        return self.public.algorithm
+
+    def sign(self, data):
+        algorithm, output = ALGORITHMS[self.algorithm], self.output(data)
+        forms = [output, algorithm.curve and raw_signature(output, algorithm.signature_size)]
+        for signature in filter(None, forms):
+            if self.public.signed(data, signature):
+                return signature
+        raise Fault("what the signer printed is no signature that fits the public key")
+
+    def output(self, data):
+        with tempfile.TemporaryFile() as text:  # no pipe, which a signer that prints before it reads could fill
+            text.write(data)
+            text.seek(0)
+            with subprocess.Popen(self.command, shell=True, stdin=text, stdout=subprocess.PIPE) as process:
+                output = process.stdout.read(SIGNATURE_LIMIT)
+        if process.returncode != 0:
+            raise Fault(f"the signer ended with status {process.returncode}")
+        return output
 
 
 def raw_signature(der, size):
@@ -175,8 +233,8 @@ class Grant(NamedTuple):
     signature: str
 
 
-def read_grant(data, what):
-    """Reads the compact form, which may end with one line feed."""
+def read_grant(data, what, numbers):
+    """Reads the compact form, which may end with one line feed. `numbers` is for the payload, as in parse_json."""
     try:
         segments = data.decode("ascii").removesuffix("\n").split(".")
     except UnicodeDecodeError:
@@ -185,8 +243,8 @@ def read_grant(data, what):
         raise Fault(f"{what}: not three segments with dots between them")
     header, payload, signature = segments
     grant = Grant(
-        read_segment(header, f"{what}: header"),
-        read_segment(payload, f"{what}: payload"),
+        read_segment(header, f"{what}: header", {}),
+        read_segment(payload, f"{what}: payload", numbers),
         f"{header}.{payload}",
         signature,
     )
@@ -195,11 +253,11 @@ def read_grant(data, what):
     return grant
 
 
-def read_segment(segment, what):
+def read_segment(segment, what, numbers):
     data = decode(segment)
     if data is None:
         raise Fault(f"{what}: no canonical base64url")
-    return parse_json(data, what, {})
+    return parse_json(data, what, numbers)
 
 
 def flaw(grant, key):
@@ -210,6 +268,8 @@ def flaw(grant, key):
     name = grant.header.get("alg", key.algorithm)
     if name != key.algorithm:
         return f"the header's algorithm is {shown(name)}, the key is for {key.algorithm}"
+    if "crit" in grant.header:
+        return "the header has crit, which announces extensions (RFC 7515, 4.1.11): a device knows none"
     signature = decode(grant.signature)
     if signature is None:
         return "no canonical base64url"
