@@ -13,7 +13,7 @@ install(TARGETS featurewatch DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agen
 file(GLOB commands CONFIGURE_DEPENDS LIST_DIRECTORIES false tools/*)
 install(PROGRAMS ${commands} DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 install(DIRECTORY tools/featurewatch_tools DESTINATION ${data_folder} COMPONENT tools OPTIONAL
-    FILES_MATCHING PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
+    FILES_MATCHING PATTERN "*.py" PATTERN "page.*" PATTERN "__pycache__" EXCLUDE)
 
 # --- schemas, manual pages, completions; a page or completion of the agent's has a name that begins with its own
 
