@@ -171,8 +171,8 @@ def launcher_of(daemon):
     def find():
         for pid in daemon.launcher_pids():
             with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-                named = status_of(pid, "Name") == ["featurewatch-x"]
-                if named and status_of(pid, "PPid") == [str(daemon.pid)]:
+                leads_its_group = os.getpgid(pid) == pid
+                if leads_its_group and status_of(pid, "PPid") == [str(daemon.pid)]:
                     return pid
         return None
 

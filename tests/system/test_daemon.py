@@ -579,7 +579,7 @@ class SurroundingsTest(WatchTest):
         "There is exactly one launcher, a child of the daemon, under its own name."
         with Daemon() as daemon:
             launcher = launcher_of(daemon)
-            self.assertEqual(read_file(f"/proc/{launcher}/comm"), b"featurewatch-x\n")
+            wait_for(lambda: read_file(f"/proc/{launcher}/comm") == b"featurewatch-x\n", "the launcher's name")
             wait_for(lambda: daemon.launcher_pids() == [launcher], "the hook's end")
 
     def test_daemon_keeps_no_descriptor_of_the_starter(self):
