@@ -111,21 +111,15 @@ int typeOf(const EVP_PKEY* key) {
     return EVP_PKEY_is_a(key, "HMAC") ? EVP_PKEY_HMAC : EVP_PKEY_base_id(key);
 }
 
-// parsePublicKey reads the first block "PUBLIC KEY" of a PEM text.
+// parsePublicKey reads the first public key of a PEM text.
 OpenSSLHolder<EVP_PKEY> parsePublicKey(const std::string& pem) {
     ERR_clear_error();
     const OpenSSLHolder<BIO> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(std::min<size_t>(pem.size(), INT_MAX))));
     if (!bio)
         throw opensslError(ORVError::NoMemory, "BIO_new_mem_buf");
-    unsigned char* bytes = nullptr;
-    long length = 0;
-    if (PEM_bytes_read_bio(&bytes, &length, nullptr, PEM_STRING_PUBLIC, bio.get(), noPassword, nullptr) != 1)
-        throw opensslError(ORVError::StringNotValid, "PEM_bytes_read_bio");
-    const OpenSSLHolder<unsigned char> der(bytes);
-    const unsigned char* position = bytes;
-    OpenSSLHolder<EVP_PKEY> key(d2i_PUBKEY(nullptr, &position, length));
+    OpenSSLHolder<EVP_PKEY> key(PEM_read_bio_PUBKEY(bio.get(), nullptr, noPassword, nullptr));
     if (!key)
-        throw opensslError(ORVError::StringNotValid, "d2i_PUBKEY");
+        throw opensslError(ORVError::StringNotValid, "PEM_read_bio_PUBKEY");
     return key;
 }
 
