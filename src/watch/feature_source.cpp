@@ -118,25 +118,26 @@ FeatureSource::FeatureSource(const std::string& path, const std::string& label, 
     : m_strPath(path), m_strLabel(label), m_strKeyPath(keyPath) {}
 
 void FeatureSource::reset() {
-    m_aFeatures.clear();
-    m_oLoadedState = FileState();
-    m_oLoadedKeyState = FileState();
-    m_bDropped = false;
-    m_bTryAgain = false;
+    forget();
     m_oReported = Report();
 }
 
 void FeatureSource::drop() {
+    forget();
+    m_bDropped = true;
+}
+
+// forget takes back what was read, but not what was reported.
+void FeatureSource::forget() {
     m_aFeatures.clear();
     m_oLoadedState = FileState();
     m_oLoadedKeyState = FileState();
-    m_bDropped = true;
+    m_bDropped = false;
     m_bTryAgain = false;
 }
 
 void FeatureSource::load() {
-    drop();
-    m_bDropped = false;
+    forget();
     if (m_strPath.empty())
         return;
     m_oLoadedState = stateOf(m_strPath);  // taken first, so that a change during the reading is found later

@@ -110,6 +110,7 @@ private:
     };
 
     static FileState stateOf(const std::string& path);
+    void forget();
     bool isGrant() const { return !m_strKeyPath.empty(); }
     std::optional<Refusal> readDocument();
     std::optional<Refusal> takeDocument(JSON& document);

@@ -5,6 +5,7 @@
 #include "foundation/json.h"
 #include "jose/jws.h"
 #include "runtime/orv_error.h"
+#include "watch/record_text.h"
 
 namespace {
 
@@ -13,7 +14,7 @@ constexpr SizeLimit KEY_LIMIT = {64 * 1024, "64 KiB"};
 // loadKey puts the public key in the PEM file at `path` into `key`, because keys must not be moved, or returns why the
 // file cannot be used. A missing key is not a fault that passes by itself.
 std::optional<Refusal> loadKey(const std::string& path, jwa::Key& key) {
-    const std::string whatFails = "the key " + path + " can't be used: ";
+    const std::string whatFails = "the key " + recordText(path) + " can't be used: ";
     std::string pem;
     if (const std::optional<Refusal> refusal = readWholeFile(path, KEY_LIMIT, pem)) {
         const bool mayPass = refusal->kind == Refusal::Kind::MayPass;
@@ -36,7 +37,7 @@ std::optional<Refusal> openGrant(std::string& text, const std::string& keyPath) 
     JSON::root header;
     std::string payload;
     if (!jws::verify(text, header, payload, key))
-        return Refusal::unfit("its signature is not good under the key " + keyPath);
+        return Refusal::unfit("its signature is not good under the key " + recordText(keyPath));
     // RFC 7515, section 4.1.11: a header with critical members is only for those who know them all. We know none.
     if (header->get("crit") != nullptr)
         return Refusal::unfit("its header has critical members");

@@ -506,10 +506,10 @@ class TimerTest(WatchTest):
 
     def test_two_timers_due_at_once(self):
         "A periodic check that is due together with a scheduled one that fails is not made: the failure is the last word."
-        end = int(time.time()) + 2
+        end = int(time.time()) + 4
         install_features({"name": "a", "validUntil": instant(end)})
         folder = open_folder("folder")
-        environment = preload(TEST_PERIOD="3")
+        environment = preload(TEST_PERIOD="5")
         with Daemon(document=folder + "/doc.json", foreground=True, env=environment) as daemon:
             daemon.wait_for_record("started")
             halt(daemon)

@@ -8,20 +8,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <limits>
-#include <map>
 #include <optional>
 #include <random>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "foundation/clock_value.h"
 #include "unit/record_collector.h"
+#include "unit/watch/feature_list_model.h"
 #include "unit/watch/grant_signer.h"
 #include "watch/clock.h"
 #include "watch/feature_provider.h"
@@ -53,10 +50,6 @@ public:
 };
 
 [[maybe_unused]] const testing::Environment* const gs_pSandbox = testing::AddGlobalTestEnvironment(new Sandbox);
-
-std::string iso(int64_t seconds) {
-    return svg::UTCClockValue(seconds * 1'000'000'000).get_as_iso8601_date();
-}
 
 class FeatureProviderTest : public testing::Test {
 protected:
@@ -115,21 +108,6 @@ protected:
 
     FeatureProvider m_oProvider;
 };
-
-// window returns an entry with bounds in seconds since the epoch; -1 leaves a bound out.
-std::string window(const std::string& name, int64_t from, int64_t until, const std::string& params = "") {
-    std::string text = R"({"name":")" + name + "\"";
-    if (from != -1) {
-        text += R"(,"validFrom":")" + iso(from) + "\"";
-    }
-    if (until != -1) {
-        text += R"(,"validUntil":")" + iso(until) + "\"";
-    }
-    if (!params.empty()) {
-        text += R"(,"params":)" + params;
-    }
-    return text + "}";
-}
 
 // --- Inputs
 
@@ -666,101 +644,23 @@ TEST_F(FeatureProviderTest, NextInstantBeyondTheYear2262) {
     EXPECT_EQ(next(NOW), 253402300799);
 }
 
-// Model is the list judged by brute force.
-class Model {
-public:
-    struct Entry {
-        std::string name;
-        int64_t from;
-        int64_t until;
-        std::string params;
-    };
-    using List = std::map<std::string, const Entry*>;
-
-    std::vector<Entry> entries;
-
-    std::string input() const {
-        std::string text;
-        for (const Entry& entry : entries) {
-            text += (text.empty() ? "" : ",") + window(entry.name, entry.from, entry.until, entry.params);
-        }
-        return text;
-    }
-
-    List listAt(int64_t now) const {
-        List list;
-        for (const Entry& entry : entries) {
-            if (entry.from <= now && (entry.until == -1 || now < entry.until)) {
-                list.emplace(entry.name, &entry);
-            }
-        }
-        return list;
-    }
-
-    static std::string show(const List& list) {
-        std::string text;
-        for (const auto& [name, entry] : list) {
-            text += text.empty() ? "\n" : ",\n";
-            text += "\t\t{\n\t\t\t\"name\": \"" + name + "\",\n";
-            text += entry->params.empty() ? "" : "\t\t\t\"params\": { },\n";
-            text += "\t\t\t\"source\": \"installed\"";
-            text += entry->from == -1 ? "" : ",\n\t\t\t\"validFrom\": \"" + iso(entry->from) + "\"";
-            text += entry->until == -1 ? "" : ",\n\t\t\t\"validUntil\": \"" + iso(entry->until) + "\"";
-            text += "\n\t\t}";
-        }
-        return text.empty() ? "[ ]" : "[" + text + "\n\t]";
-    }
-
-    static std::string documentOf(int64_t now, const List& list) {
-        return "{\n\t\"checkDate\": \"" + iso(now) + "\",\n\t\"features\": " + show(list) + "\n}\n";
-    }
-
-    int64_t next(int64_t now) const {
-        std::set<int64_t> candidates;
-        for (const Entry& entry : entries) {
-            candidates.insert(entry.from);
-            candidates.insert(entry.until);
-        }
-        const std::string shown = show(listAt(now));
-        for (auto at = candidates.upper_bound(now); at != candidates.end(); ++at) {
-            if (show(listAt(*at)) != shown) {
-                return *at;
-            }
-        }
-        return 0;
-    }
-};
-
-Model randomModel(std::mt19937& random) {
-    const auto bound = [&] { return random() % 4 == 0 ? -1 : static_cast<int64_t>(1 + random() % 14); };
-    Model model;
-    for (size_t count = random() % 8; count > 0; count--) {
-        const std::string name(1, static_cast<char>('a' + random() % 3));
-        const int64_t from = bound();
-        const int64_t until = bound();
-        model.entries.push_back({name, from, until, random() % 2 ? "{}" : ""});
-    }
-    std::shuffle(model.entries.begin(), model.entries.end(), random);
-    return model;
-}
-
 TEST_F(FeatureProviderTest, AgreesWithBruteForceOnRandomLists) {
     std::mt19937 random(20260615);
     for (int list = 0; list < 4000 && !HasFailure(); list++) {
-        const Model model = randomModel(random);
+        const FeatureListModel model = randomModel(random);
         SCOPED_TRACE(model.input());
         load(model.input());
         std::optional<std::pair<std::string, int64_t>> judged;
         for (int moment = 0; moment < 5; moment++) {
             const auto now = static_cast<int64_t>(random() % 16);
             SCOPED_TRACE(now);
-            const Model::List expected = model.listAt(now);
+            const FeatureListModel::List expected = model.listAt(now);
             const int64_t expectedNext = model.next(now);
             std::ostringstream stream;
             EXPECT_EQ(m_oProvider.writeFeatures(now, stream), expectedNext);
-            EXPECT_EQ(stream.str(), Model::documentOf(now, expected));
+            EXPECT_EQ(stream.str(), FeatureListModel::documentOf(now, expected));
             const bool changed = m_oProvider.recheckAll(now);
-            const std::pair<std::string, int64_t> judgement(Model::show(expected), expectedNext);
+            const std::pair<std::string, int64_t> judgement(FeatureListModel::show(expected), expectedNext);
             if (judged) {
                 EXPECT_EQ(changed, *judged != judgement);
             }
