@@ -82,8 +82,11 @@ class Inputs:
         path = self._path("features")
         with open(path, "w") as file:
             json.dump(features, file)
-        return subprocess.run([GRANT, "sign", "--key", self.key, "--serial", SERIAL, "--features", path],
-                              check=True, stdout=subprocess.PIPE).stdout
+        return subprocess.run(
+            [GRANT, "sign", "--key", self.key, "--serial", SERIAL, "--features", path],
+            check=True,
+            stdout=subprocess.PIPE,
+        ).stdout
 
 
 def remove_inputs():
@@ -146,8 +149,10 @@ def plain_memory_kb(binary):
 
 
 def measure_plain(binary, inputs):
-    print(f"Plain mode, {PLAIN_ROUNDS} runs\n%-10s %12s %12s %12s %12s" %
-          ("", "min ms", "median ms", "VmRSS kB", "VmHWM kB"))
+    print(
+        f"Plain mode, {PLAIN_ROUNDS} runs\n%-10s %12s %12s %12s %12s"
+        % ("", "min ms", "median ms", "VmRSS kB", "VmHWM kB")
+    )
     times = {source: [] for source in (None, *INPUTS)}
     memory = {}
     files = {source: inputs.make(source, "plain") for source in INPUTS}
@@ -162,16 +167,22 @@ def measure_plain(binary, inputs):
                 check_document(document, source, "plain")
                 memory[source] = plain_memory_kb(binary)
     for source, taken in times.items():
-        print("%-10s %12.2f %12.2f %12s %12s" %
-              (source or "none", min(taken) / 1e6, latency.quantile(taken, 0.5) / 1e6, *(memory[source] or "--")))
+        print(
+            "%-10s %12.2f %12.2f %12s %12s"
+            % (source or "none", min(taken) / 1e6, latency.quantile(taken, 0.5) / 1e6, *(memory[source] or "--"))
+        )
 
 
 # Daemon
 
 
 def start_daemon(command, observer, source):
-    subprocess.run([command[0], "-w", "-x", observer.hook_command, *command[1:]],
-                   check=True, stdin=subprocess.DEVNULL, timeout=LIMIT_S * 2)
+    subprocess.run(
+        [command[0], "-w", "-x", observer.hook_command, *command[1:]],
+        check=True,
+        stdin=subprocess.DEVNULL,
+        timeout=LIMIT_S * 2,
+    )
     check_document(read_document(), source, "first")
     with open(PID_FILE) as file:
         return int(file.read())
@@ -205,8 +216,10 @@ def measure_daemon(command, observer, inputs, source):
         subprocess.run([command[0], "-k"], check=True, timeout=LIMIT_S * 2)
         observer.drain()
     spread = ["%.2f" % (latency.quantile(times, share) / 1e6) for share in (0, 0.5, 0.99)] if times else ["-"] * 3
-    print("%-10s %10s %10s %10s   %10d %10d   %12d %12d" % (source or "none", *spread, started[0], after[0],
-                                                          started[2], after[2]))
+    print(
+        "%-10s %10s %10s %10s   %10d %10d   %12d %12d"
+        % (source or "none", *spread, started[0], after[0], started[2], after[2])
+    )
 
 
 # Signing
@@ -238,13 +251,16 @@ def check_grants(folder, public):
     if len(names) != SIGNED:
         raise Failure(f"{len(names)} grants, not {SIGNED}")
     for name in names[::1000]:
-        subprocess.run([GRANT, "show", "--public", public, os.path.join(folder, name)],
-                       check=True, stdout=subprocess.DEVNULL)
+        subprocess.run(
+            [GRANT, "show", "--public", public, os.path.join(folder, name)], check=True, stdout=subprocess.DEVNULL
+        )
 
 
 def measure_signing(folder):
-    print(f"\nSigning, {SIGNED} grants with a key file\n%-10s %14s %18s %8s" %
-          ("", "one run, 1/s", "a run each, 1/s", "ratio"))
+    print(
+        f"\nSigning, {SIGNED} grants with a key file\n%-10s %14s %18s %8s"
+        % ("", "one run, 1/s", "a run each, 1/s", "ratio")
+    )
     for algorithm in ("ES256", "ES384", "RS256"):
         batch, single = sign_batch(folder, algorithm)
         print("%-10s %14.0f %18.1f %8.1f" % (algorithm, batch, single, batch / single))
@@ -256,12 +272,16 @@ def measure_all(command):
         observer = Observer(folder)
         measure_plain(command[0], inputs)
         print(f"\nDaemon, {RELOAD_ROUNDS} reloads: rename to document in ms; memory in kB, after start and reloads")
-        print("%-10s %10s %10s %10s   %10s %10s   %12s %12s" %
-              ("", "min", "median", "p99", "VmRSS", "then", "Private_Dirty", "then"))
+        print(
+            "%-10s %10s %10s %10s   %10s %10s   %12s %12s"
+            % ("", "min", "median", "p99", "VmRSS", "then", "Private_Dirty", "then")
+        )
         for source in (None, *INPUTS):
             measure_daemon(command, observer, inputs, source)
-        print("\n%d features: %s" % (COUNT, ", ".join(
-            f"{os.path.getsize(inputs.make(source, 'first'))} bytes {source}" for source in INPUTS)))
+        print(
+            "\n%d features: %s"
+            % (COUNT, ", ".join(f"{os.path.getsize(inputs.make(source, 'first'))} bytes {source}" for source in INPUTS))
+        )
         measure_signing(folder)
 
 

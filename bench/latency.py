@@ -130,8 +130,12 @@ class Daemon:
     def start(self):
         install_input("first")
         # With its end the document is there.
-        subprocess.run([self.command[0], "-w", "-x", self.observer.hook_command, *self.command[1:]],
-                       check=True, stdin=subprocess.DEVNULL, timeout=LIMIT_S * 2)
+        subprocess.run(
+            [self.command[0], "-w", "-x", self.observer.hook_command, *self.command[1:]],
+            check=True,
+            stdin=subprocess.DEVNULL,
+            timeout=LIMIT_S * 2,
+        )
         if not document_contains("first"):
             raise Failure("the daemon has started without a document")
         with open(PID_FILE) as file:
@@ -163,7 +167,11 @@ class ShellLoop:
         folder, name = os.path.split(INPUT)
         self.process = subprocess.Popen(
             ["sh", "-c", self.SCRIPT, "loop", folder, name, DOCUMENT, self.observer.hook_command],
-            stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, start_new_session=True)
+            stdin=subprocess.DEVNULL,
+            stderr=subprocess.PIPE,
+            text=True,
+            start_new_session=True,
+        )
         for line in self.process.stderr:
             if "Watches established" in line:
                 return
@@ -227,8 +235,10 @@ def report_idle(candidate):
     for pid in pids:
         voluntary, other = (after - first for after, first in zip(switches(pid), before[pid]))
         wakeups += voluntary
-        print("%-18s %-14s %8d %8d %14d %18d %12d"
-              % (candidate.name, fields(f"/proc/{pid}/status")["Name"].strip(), *memory_kb(pid), voluntary, other))
+        print(
+            "%-18s %-14s %8d %8d %14d %18d %12d"
+            % (candidate.name, fields(f"/proc/{pid}/status")["Name"].strip(), *memory_kb(pid), voluntary, other)
+        )
     if candidate.pids() != pids:
         raise Failure(f"{candidate.name}: processes came or went while idle")
     return wakeups
@@ -243,8 +253,10 @@ def quantile(values, share):
 
 
 def report_latency(name, what, times_ns):
-    print("%-18s %-10s %10.3f %10.3f %10.3f"
-          % (name, what, *(quantile(times_ns, share) / 1e6 for share in (0, 0.5, 0.99))))
+    print(
+        "%-18s %-10s %10.3f %10.3f %10.3f"
+        % (name, what, *(quantile(times_ns, share) / 1e6 for share in (0, 0.5, 0.99)))
+    )
 
 
 def measure_rounds(candidate, observer):
@@ -291,8 +303,10 @@ def measure_all(command):
         candidates = (Daemon(command, observer), ShellLoop(observer))
 
         print(f"Idle for {IDLE_S} s, kB")
-        print("%-18s %-14s %8s %8s %14s %18s %12s"
-              % ("", "process", "VmRSS", "Pss", "Private_Dirty", "voluntary switches", "others"))
+        print(
+            "%-18s %-14s %8s %8s %14s %18s %12s"
+            % ("", "process", "VmRSS", "Pss", "Private_Dirty", "voluntary switches", "others")
+        )
         for candidate in candidates:
             count = run(candidate, observer, report_idle)
             if isinstance(candidate, Daemon):

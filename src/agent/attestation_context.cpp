@@ -4,12 +4,9 @@
 
 #include "foundation/base64.h"
 #include "watch/app_logger.h"
+#include "watch/record_text.h"
 
 namespace {
-
-bool isObject(const JSON& value) {
-    return value.type == JSON::ObjectType;
-}
 
 std::vector<unsigned char> decoded(const std::string& text) {
     return orv::base64Decode(text.data(), text.size());
@@ -59,24 +56,24 @@ bool AttestationContext::parseFile(const std::string& path) {
     if (parse(root))
         return true;
     // kept: "invalida", filters of the appliance's log look for this text
-    ORVLOG_ERROR(gs_pAppLogger, "incomplete or invalida data in %s", path.c_str());
+    ORVLOG_ERROR(gs_pAppLogger, "incomplete or invalida data in %s", recordText(path).c_str());
     return false;
 }
 
 bool AttestationContext::parse(const std::unique_ptr<JSON>& root) {
-    if (root == nullptr || !isObject(*root))
+    if (!isObject(root.get()))
         return false;
     if (!takeOptionalText(root->get("cbData"), cbData) || !takeOptionalBytes(root->get("nonce"), nonce))
         return false;
     const JSON* tpm2 = root->get("tpm2");
     if (tpm2 == nullptr)
         return true;
-    if (!isObject(*tpm2))
+    if (!isObject(tpm2))
         return false;
     const JSON* ak = tpm2->get("ak");
     if (ak == nullptr)
         return true;
-    if (!isObject(*ak))
+    if (!isObject(ak))
         return false;
     return takeKey(*ak, *this) && takeOptionalBytes(ak->get("actChall"), akActChall);
 }
@@ -84,7 +81,7 @@ bool AttestationContext::parse(const std::unique_ptr<JSON>& root) {
 std::string readFile(const std::string& path) {
     std::ifstream input(path, std::ios::in | std::ios::binary);
     if (!input) {
-        ORVLOG_ERROR(gs_pAppLogger, "failed to open %s", path.c_str());
+        ORVLOG_ERROR(gs_pAppLogger, "failed to open %s", recordText(path).c_str());
         return std::string();
     }
     std::string content;
@@ -94,7 +91,7 @@ std::string readFile(const std::string& path) {
         content.append(block, static_cast<size_t>(input.gcount()));
     }
     if (input.bad()) {  // the end of the file sets only the fail bit
-        ORVLOG_ERROR(gs_pAppLogger, "failed reading from %s", path.c_str());
+        ORVLOG_ERROR(gs_pAppLogger, "failed reading from %s", recordText(path).c_str());
         return std::string();
     }
     return content;
@@ -106,6 +103,6 @@ JSON::root parseJSONFile(const std::string& path) {
         return nullptr;
     JSON::root root = JSON::parse(content);
     if (root == nullptr)
-        ORVLOG_ERROR(gs_pAppLogger, "failed parsing %s as JSON", path.c_str());
+        ORVLOG_ERROR(gs_pAppLogger, "failed parsing %s as JSON", recordText(path).c_str());
     return root;
 }

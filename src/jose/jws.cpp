@@ -42,10 +42,6 @@ std::string decodeText(std::string_view segment) {
     return orv::base64DecodeURLSafeUTF8(segment.data(), segment.size());
 }
 
-bool isObject(const JSON::root& value) {
-    return value != nullptr && value->type == JSON::ObjectType;
-}
-
 // namesOtherAlgorithm returns whether the header has an `alg` that isn't the key's.
 bool namesOtherAlgorithm(const JSON& header, const jwa::Key& key) {
     const JSON* alg = header.get("alg");
@@ -67,7 +63,7 @@ bool verifyText(const std::string& text, JSON::root& header, std::string_view& p
     if (!segments)
         return false;
     header = JSON::parse(decodeText(segments->header));
-    if (!isObject(header) || namesOtherAlgorithm(*header, key))
+    if (!isObject(header.get()) || namesOtherAlgorithm(*header, key))
         return false;
     payload = segments->payload;
     return isSigned(*segments, key);
@@ -131,7 +127,7 @@ bool verify(const std::string& text, JSON::root& header, JSON::root& payload, co
     if (!verify(text, header, content, key))
         return false;
     payload = JSON::parse(content);
-    return isObject(payload);
+    return isObject(payload.get());
 }
 
 JSON::root getJOSEHeader(const std::string& text) {
@@ -139,7 +135,7 @@ JSON::root getJOSEHeader(const std::string& text) {
     if (dot == std::string::npos || dot + 1 == text.size())
         return nullptr;
     JSON::root header = JSON::parse(decodeText(std::string_view(text).substr(0, dot)));
-    return isObject(header) ? std::move(header) : nullptr;
+    return isObject(header.get()) ? std::move(header) : nullptr;
 }
 
 JSON::root getPayload(const std::string& text) {

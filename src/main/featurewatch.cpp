@@ -18,6 +18,7 @@
 #include "watch/app_logger.h"
 #include "watch/clock.h"
 #include "watch/program.h"
+#include "watch/record_text.h"
 
 namespace {
 
@@ -135,7 +136,7 @@ int reportDevice(const CommandLine& line) {
 }
 
 int printFeatures(int64_t now) {
-    for (const int inputId : {0, 1})
+    for (int inputId = 0; inputId < FeatureProvider::INPUT_COUNT; ++inputId)
         if (!g_oFeatureProvider.inputPath(inputId).empty())
             g_oFeatureProvider.loadInput(inputId);
     g_oFeatureProvider.writeFeatures(now, std::cout);
@@ -165,7 +166,7 @@ int main(int argc, char** argv) {
     orvlog::configureBasic(true, line.bSilent);
     atexit(orvlog::fini);
     if (line.firstUnread < argc) {
-        ORVLOG_FATAL(gs_pAppLogger, "Unsupported / incorrect option: %s", argv[line.firstUnread]);
+        ORVLOG_FATAL(gs_pAppLogger, "Unsupported / incorrect option: %s", recordText(argv[line.firstUnread]).c_str());
         printUsage();
         return EXIT_FAILURE;
     }
