@@ -23,7 +23,8 @@ from unittest import mock
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 TOOLS = os.path.normpath(os.path.join(ROOT, "tools"))
 ATTEST = os.path.join(TOOLS, "attest")
-sys.path[:0] = [os.path.join(ROOT, "tests", "system"), TOOLS]
+# After the folder of the tests themselves: it has a module with the name of one over there.
+sys.path[1:1] = [os.path.join(ROOT, "tests", "system"), TOOLS]
 
 from featurewatch_tools import documents, files  # noqa: E402, found through the line above
 from featurewatch_tools.fault import Fault  # noqa: E402
