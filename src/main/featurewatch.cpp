@@ -18,7 +18,6 @@
 #include "watch/app_logger.h"
 #include "watch/clock.h"
 #include "watch/program.h"
-#include "watch/record_text.h"
 
 namespace {
 
@@ -166,7 +165,7 @@ int main(int argc, char** argv) {
     orvlog::configureBasic(true, line.bSilent);
     atexit(orvlog::fini);
     if (line.firstUnread < argc) {
-        ORVLOG_FATAL(gs_pAppLogger, "Unsupported / incorrect option: %s", recordText(argv[line.firstUnread]).c_str());
+        ORVLOG_FATAL(gs_pAppLogger, "Unsupported / incorrect option: %s", argv[line.firstUnread]);
         printUsage();
         return EXIT_FAILURE;
     }
