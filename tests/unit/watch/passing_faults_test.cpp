@@ -3,6 +3,9 @@
 // This file replaces open, stat, fstat, fread and fopen for its test program, so that the call for one path fails as
 // often as a test asks. It runs in the sandbox.
 
+// The fortified headers define fread themselves.
+#undef _FORTIFY_SOURCE
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
