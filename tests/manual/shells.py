@@ -35,6 +35,15 @@ function fish_prompt; echo -n '{PROMPT} '; end
 """
 
 
+def make_programs(home: pathlib.Path) -> pathlib.Path:
+    """Commands of the right names, as fish completes only those that are there. No completion runs them."""
+    folder = home / ".programs"
+    folder.mkdir()
+    for completion in (COMPLETIONS / "bash").iterdir():
+        (folder / completion.name).symlink_to("/bin/false")
+    return folder
+
+
 class Shell:
     """A shell in an empty home, whose current folder is the home. What it shows is on the screen."""
 
@@ -47,7 +56,13 @@ class Shell:
         fish = home / ".config" / "fish"
         fish.mkdir(parents=True)
         (fish / "config.fish").write_text(FISH)
-        environment = {"HOME": str(home), "PATH": os.environ["PATH"], "TERM": "xterm", "LC_ALL": "C.UTF-8"}
+        programs = make_programs(home)
+        environment = {
+            "HOME": str(home),
+            "PATH": f"{programs}:{os.environ['PATH']}",
+            "TERM": "xterm",
+            "LC_ALL": "C.UTF-8",
+        }
         self.process = pexpect.spawn(
             f"/usr/bin/{name}", ["-i"], env=environment, cwd=str(home), dimensions=(LINES, COLUMNS), encoding="utf-8"
         )
