@@ -1,0 +1,251 @@
+"""What the agent and the tools print fits its schema, and no change of it does that a reader could not understand."""
+
+import json
+
+from harness import DEFAULT_SERIAL, IDENTIFIERS, SandboxTest, read_file, run_agent, write_file
+from schema_support import accepts, fits, mutations, run_tool, shown_path, type_name
+
+FEATURES = [
+    {"name": "wall", "validFrom": "2020-02-29T00:00:00Z", "params": {"outputs": 4, "list": [{"a": "b"}]}},
+    {"name": "zönes", "validUntil": "9999-12-31T23:59:59Z", "params": {}},
+]
+IDENTIFIER_LINES = "ORV_USER_SN=lobby left\nORV_BOARD_SN=b/17\nORV_SYSTEM_SN=s\nORV_CHASSIS_SN=c-ü\n"
+
+
+def changes(whats, *paths):
+    return {f"{what} {path}" for what in whats for path in paths}
+
+
+def or_null(*paths):
+    return changes(["make null"], *paths)
+
+
+def free_text(*paths):
+    return changes(["end line"], *paths)
+
+
+def lines(data):
+    return [json.loads(line) for line in data.splitlines()]
+
+
+class PrintedTest(SandboxTest):
+    def assert_schema(self, name, document, taken=(), open_below=()):
+        """The document fits, and of its changes just these do; below some paths anything may be."""
+        self.assertTrue(fits(name, document), document)
+        found = set()
+        for what, path, changed in mutations(document):
+            shown = shown_path(path)
+            is_open = any((shown + "/").startswith(base + "/") and shown != base for base in open_below)
+            is_open |= what == "add" and shown in open_below
+            if is_open:
+                self.assertTrue(fits(name, changed), (what, shown))
+            elif fits(name, changed):
+                found.add(f"{what} {shown}")
+        self.assertEqual(found, set(taken))
+
+    def assert_printed(self, name, data, *exceptions, **keywords):
+        """The same for bytes, which must be strict JSON."""
+        self.assertTrue(accepts(name, data), data)
+        self.assert_schema(name, json.loads(data), *exceptions, **keywords)
+
+
+class AgentTest(PrintedTest):
+    def print_features(self):
+        result = run_agent()
+        self.assert_success(result)
+        self.assert_no_records(result)
+        return result.stdout
+
+    def test_features_document(self):
+        "A features document fits; only an entry's optional members may go, and what is within params may be anything."
+        write_file("/etc/orvanta/features.json", {"features": FEATURES})
+        taken = changes(["drop"], *(f"features/*/{name}" for name in ("params", "validFrom", "validUntil")))
+        taken |= free_text("features/*/name") | {"make string features/*/name"}
+        taken -= {"make string features/*/name"}  # it is one
+        data = self.print_features()
+        self.assertEqual(len(json.loads(data)["features"]), 2)
+        self.assert_printed("features-document", data, taken, ["features/*/params"])
+
+    def test_empty_features_document(self):
+        "The document without features fits, and none of its changes."
+        self.assert_printed("features-document", self.print_features())
+
+    def test_sources(self):
+        "An entry's source is one of the two."
+        document = json.loads(self.print_features())
+        for source, expected in (("installed", True), ("granted", True), ("Granted", False), ("installed\n", False)):
+            document["features"] = [{"name": "a", "source": source}]
+            self.assertEqual(fits("features-document", document), expected, source)
+
+
+class ExchangeTest(PrintedTest):
+    """ExchangeTest goes through an exchange with a device on the software TPM."""
+
+    def device(self, *arguments, output):
+        result = run_agent("-d", *arguments)
+        self.assert_success(result)
+        write_file(self.work_path(output), result.stdout)
+        return result.stdout
+
+    def challenge(self):
+        secret = ("--report", "report.json", "--secret-out", "secret.bin")
+        status, context = run_tool("attest", "challenge", *secret, "--cb-data", "round 1")
+        self.assertEqual(status, 0)
+        write_file(self.work_path("context.json"), context)
+        return context
+
+    def exchange(self):
+        write_file(IDENTIFIERS, IDENTIFIER_LINES)
+        self.device(output="report.json")
+        self.challenge()
+        return self.device("-A", "context.json", output="attested.json")
+
+    def verify(self, *options, report="attested.json"):
+        files = ("--report", report, "--context", "context.json", "--secret", "secret.bin")
+        return run_tool("attest", "verify", *files, *options, "--json")
+
+    NAMES = [f"altSerial/{name}" for name in ("boardSerial", "chassisSerial", "systemSerial", "userSerial")]
+
+    def test_plain_report(self):
+        "A plain report fits; it may lack the other identifiers, and the texts are free."
+        write_file(IDENTIFIERS, IDENTIFIER_LINES)
+        report = self.device(output="report.json")
+        taken = changes(["drop", "end line"], *self.NAMES) | free_text("serial")
+        taken |= changes(["make object"], "altSerial") - {"make object altSerial"}
+        self.assert_printed("device-report", report, taken)
+
+    def test_report_without_other_identifiers(self):
+        "A report of a device that has only a serial number fits."
+        self.assert_printed("device-report", self.device(output="report.json"), free_text("serial"))
+
+    def test_attested_report(self):
+        "The answer to a context fits the same schema, with att and sig as long as there is an answer to the challenge."
+        report = self.exchange()
+        taken = changes(["drop", "end line"], *self.NAMES) | free_text("serial", "cbData")
+        taken |= changes(["drop"], "cbData", "tpm2/ak/actResp")
+        self.assert_printed("device-report", report, taken)
+
+    def test_answer_to_an_empty_context(self):
+        "The answer to a context without text and challenge has att and sig; without both it is a plain report."
+        write_file(self.work_path("context.json"), "{}")
+        report = json.loads(self.device("-A", "context.json", output="attested.json"))
+        self.assert_schema("device-report", report, free_text("serial"))
+        for name in ("att", "sig"):
+            del report["tpm2"]["tallyCounter"][name]
+        self.assertTrue(fits("device-report", report))
+
+    def test_context_of_the_judge(self):
+        "A context that attest makes fits the schema of what the device reads."
+        write_file(IDENTIFIERS, IDENTIFIER_LINES)
+        self.device(output="report.json")
+        self.assertTrue(accepts("attestation-context", self.challenge()))
+
+    def test_good_attest_verdict(self):
+        "A good verdict fits; only the details are free, and whether the EK is known."
+        self.exchange()
+        status, verdict = self.verify()
+        self.assertEqual(status, 0)
+        self.assert_printed("attest-verdict", verdict, free_text("checks/*/detail"))
+        digest = json.loads(verdict)["ekDigest"]
+        status, verdict = self.verify("--ek-digest", digest)
+        self.assertTrue(status == 0 and json.loads(verdict)["ekKnown"])
+        self.assert_printed("attest-verdict", verdict, free_text("checks/*/detail"))
+
+    def test_refusing_attest_verdict(self):
+        "A verdict that refuses an answer fits, and has no counter."
+        self.exchange()
+        write_file(self.work_path("secret.bin"), bytes(32))
+        status, verdict = self.verify()
+        self.assertEqual(status, 1)
+        self.assert_printed("attest-verdict", verdict, free_text("checks/*/detail"))
+
+    def test_attest_verdict_on_nothing(self):
+        "The verdict where nothing could be checked fits, and says why."
+        self.exchange()
+        status, verdict = self.verify(report="missing.json")
+        self.assertEqual(status, 2)
+        self.assert_printed("attest-verdict", verdict, free_text("error"))
+
+
+class FleetTest(ExchangeTest):
+    FREE = free_text("checks/*/detail", "serial") | changes(["blow up"], "line")
+    ID = changes(["make boolean", "make number", "make string", "make array", "make object"], "id")
+
+    def fleet(self, *arguments, status=0, data=b""):
+        got, output = run_tool("fleet", "--registry", "fleet.db", *arguments, data=data)
+        self.assertEqual(got, status, output)
+        return output
+
+    def fleet_exchange(self):
+        self.device(output="report.json")
+        self.fleet("enrol", "--report", "report.json", "--first-contact")
+        write_file(self.work_path("context.json"), self.fleet("challenge", "--serial", DEFAULT_SERIAL))
+        self.device("-A", "context.json", output="attested.json")
+
+    def test_fleet_verdicts(self):
+        "Verdicts of a fleet fit: good, refused, without a challenge and on what is not a report."
+        self.fleet_exchange()
+        self.assert_printed("fleet-verdict", self.fleet("verify", "attested.json", "--json"), self.FREE | self.ID)
+        entry = {"id": {"a": [1]}, "report": json.loads(read_file("attested.json"))}
+        entry["report"]["altSerial"]["boardSerial"] = "another"
+        verdict = lines(self.fleet("verify", "-", status=1, data=json.dumps(entry).encode()))[0]
+        self.assert_schema("fleet-verdict", verdict, self.FREE | self.ID | or_null("id"), ["id"])
+        self.device("-A", write_file(self.work_path("empty.json"), "{}"), output="unasked.json")
+        for data in (b"nonsense", read_file("unasked.json")):
+            for verdict in lines(self.fleet("verify", "-", status=1, data=data.replace(b"\n", b""))):
+                self.assertTrue(verdict["error"])
+                self.assertTrue(fits("fleet-verdict", verdict), verdict)
+
+    def test_fleet_list(self):
+        "Lines of the list fit, before and after an accepted answer."
+        self.fleet_exchange()
+        record = lines(self.fleet("list", "--json"))[0]
+        taken = free_text("serial") | changes(["make string"], "label")
+        self.assert_schema("fleet-device", record, taken)
+        self.fleet("verify", "attested.json")
+        record = lines(self.fleet("list", "--json"))[0]
+        self.assert_schema("fleet-device", record, taken | or_null("counter", "lastGood"))
+
+    def test_fleet_history(self):
+        "Lines of the history fit, for an accepted and for a refused answer."
+        self.fleet_exchange()
+        self.fleet("verify", "attested.json")
+        report = json.loads(read_file("attested.json"))
+        report["altSerial"]["boardSerial"] = "another"
+        self.fleet("verify", write_file(self.work_path("other.json"), report), status=1)
+        good, refused = lines(self.fleet("history", DEFAULT_SERIAL, "--json"))
+        self.assertEqual((good["ok"], refused["ok"]), (True, False))
+        self.assert_schema("fleet-history", good)
+        self.assert_schema("fleet-history", refused)
+
+
+class GrantVerdictTest(PrintedTest):
+    def setUp(self):
+        super().setUp()
+        run_tool("grant", "keys", "--private", "maker.pem", "--public", "features.pem")
+        run_tool("grant", "keys", "--private", "other.pem", "--public", "other-public.pem")
+        write_file(self.work_path("features.json"), FEATURES)
+        what = ("--serial", DEFAULT_SERIAL, "--features", "features.json")
+        status, grant = run_tool("grant", "sign", "--key", "maker.pem", *what)
+        self.assertEqual(status, 0)
+        write_file(self.work_path("features.jws"), grant)
+
+    # What a grant says is printed, good or not, as far as it has the right type.
+    SAYS = or_null("alg", "serial", "features") | free_text("alg", "serial")
+
+    def assert_shown(self, status, taken, *options, file="features.jws"):
+        got, verdict = run_tool("grant", "show", "--json", *options, file)
+        self.assertEqual(got, status)
+        self.assert_printed("grant-verdict", verdict, taken, ["features"])
+        return json.loads(verdict)
+
+    def test_grant_verdicts(self):
+        "Verdicts on a grant fit: without a key, good and bad."
+        self.assert_shown(0, self.SAYS | changes(["make boolean"], "ok"))
+        self.assert_shown(0, self.SAYS | or_null("ok"), "--public", "features.pem")
+        self.assert_shown(1, self.SAYS | free_text("error"), "--public", "other-public.pem")
+
+    def test_grant_verdict_on_nothing(self):
+        "The verdict on a file that can't be read fits, and says why."
+        types = changes(["make string"], "alg", "serial") | changes(["make array"], "features") | free_text("error")
+        self.assertEqual(type_name(self.assert_shown(2, types, file="missing.jws")["error"]), "string")
