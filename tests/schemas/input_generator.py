@@ -12,10 +12,14 @@ from schema_support import nodes, value_at, with_value, without
 NUMBERS = """
     0 -0 7 -7 1.5 7.0 70e-1 0.7E1 1e400 -1e400 1e-400 1.7976931348623157e308 -1.7976931348623157e308 1.8e308 1e308
     9007199254740993 18446744073709551616
-""".split() + ["9" * 309, "9" * 308]
+""".split()
+NUMBERS += ["9" * 308, "9" * 309]
 TEXTS = ["", "x", " ", "\n", "\0", "a\0b", "ü日本😀", '"\\/\b\f\n\r\t', "\x7f\x1f", "null", DEFAULT_SERIAL, "x" * 300]
-NAMES = ["name", "features", "serial", "params", "validFrom", "validUntil", "Name", "names", "x", "", "\0", "ü", " name"]
-NAMES += ["cbData", "nonce", "tpm2", "ak", "pubTpm2B", "privTpm2B", "actChall", "nonce ", "NONCE"]
+NAMES = """
+    name features serial params validFrom validUntil Name names x ü
+    cbData nonce tpm2 ak pubTpm2B privTpm2B actChall NONCE
+""".split()
+NAMES += ["", "\0", " name", "nonce "]
 DATES = """
     2026-01-31 2026-01-32 2026-01-00 2026-00-10 2026-13-10 2026-04-30 2026-04-31 2026-06-31 2026-09-31 2026-11-31 2026-12-31
     2024-02-29 2025-02-29 2026-02-28 2026-02-30 2028-02-31 2000-02-29 1900-02-29 2100-02-29 2400-02-29 0000-02-29 0004-02-29
@@ -39,6 +43,8 @@ class Generator:
         document = {"features": [self._feature() for _ in range(self._source.choice((0, 1, 1, 2, 3)))]}
         if needs_serial or self._chance(0.3):
             document["serial"] = DEFAULT_SERIAL
+        if self._chance(0.2):
+            document["other"] = self._value()
         return self._finish(document)
 
     def context(self):
@@ -61,7 +67,7 @@ class Generator:
         return self._source.choice(TEXTS)
 
     def _feature(self):
-        feature = {"name": self._source.choice(("wall", "zones", "ü", "a b", "\n"))}
+        feature = {"name": self._text() if self._chance(0.05) else self._source.choice(("wall", "ü", "a b", "\n"))}
         for name in ("validFrom", "validUntil"):
             if self._chance(0.4):
                 feature[name] = self._instant()
@@ -69,6 +75,8 @@ class Generator:
             feature["params"] = {"p": self._value()} if self._chance(0.8) else {}
         if self._chance(0.1):
             feature["other"] = self._value()
+        if self._chance(0.1):
+            feature[self._source.choice(list(feature))] = self._value()
         return feature
 
     def _instant(self):

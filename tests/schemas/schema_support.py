@@ -70,7 +70,14 @@ def run_tool(name, *arguments, data=b""):
 # --- changes to documents ---------------------------------------------------------------------------------------------
 
 OF_EACH_TYPE = {"null": None, "boolean": True, "number": 7, "string": "x", "array": [], "object": {}}
-PYTHON_TYPES = {"null": type(None), "boolean": bool, "number": (int, float), "string": str, "array": list, "object": dict}
+PYTHON_TYPES = {
+    "null": type(None),
+    "boolean": bool,
+    "number": (int, float),
+    "string": str,
+    "array": list,
+    "object": dict,
+}
 
 
 def type_name(value):

@@ -20,7 +20,11 @@ FEATURES = {
         {"name": "zones", "validUntil": "9999-12-31T23:59:59Z", "other": {"a": 1}},
     ],
 }
-CONTEXT = {"cbData": "x", "nonce": "QUJD", "tpm2": {"ak": {"pubTpm2B": "QUJD", "privTpm2B": "QUI=", "actChall": "QQ=="}}}
+CONTEXT = {
+    "cbData": "x",
+    "nonce": "QUJD",
+    "tpm2": {"ak": {"pubTpm2B": "QUJD", "privTpm2B": "QUI=", "actChall": "QQ=="}},
+}
 
 
 def nested(depth):
@@ -138,7 +142,8 @@ class InputTest(SandboxTest):
         "Whether bytes are a key of this TPM only the TPM says."
         write_file(self.work_path("context.json"), CONTEXT)
         self.assertTrue(accepts("attestation-context", json.dumps(CONTEXT).encode()))
-        self.assertEqual(run_agent("-d", "-A", "context.json").status, 1)
+        texts = [record.text for record in run_agent("-d", "-A", "context.json").records]
+        self.assertTrue(any("failed de-serializing AK areas" in text for text in texts), texts)
 
     def test_longest_nonce(self):
         "A nonce of 64 bytes is taken, one of 65 is not, by the schema and by a whole run."

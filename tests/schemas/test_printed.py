@@ -182,21 +182,42 @@ class FleetTest(DeviceTest):
         write_file(self.work_path("context.json"), self.fleet("challenge", "--serial", DEFAULT_SERIAL))
         self.device("-A", "context.json", output="attested.json")
 
-    def test_fleet_verdicts(self):
-        "Verdicts of a fleet fit: good, refused, without a challenge and on what is not a report."
+    def judged(self, data):
+        """The verdict on one line that is refused."""
+        return lines(self.fleet("verify", "-", status=1, data=data.replace(b"\n", b"")))[0]
+
+    def test_good_fleet_verdict(self):
+        "A good verdict fits."
         self.fleet_exchange()
-        good = self.fleet("verify", "attested.json", "--json")
-        self.assert_printed("fleet-verdict", good, (self.FREE | self.ANY_ID) - {"make null id"})
-        entry = {"id": {"a": [1]}, "report": json.loads(read_file("attested.json"))}
-        entry["report"]["altSerial"]["boardSerial"] = "another"
-        verdict = lines(self.fleet("verify", "-", status=1, data=json.dumps(entry).encode()))[0]
-        taken = (self.FREE | self.ANY_ID) - {"make object id"}
-        self.assert_schema("fleet-verdict", verdict, taken, ["id"])
-        self.device("-A", write_file(self.work_path("empty.json"), "{}"), output="unasked.json")
-        for data in (b"nonsense", read_file("unasked.json")):
-            for verdict in lines(self.fleet("verify", "-", status=1, data=data.replace(b"\n", b""))):
-                self.assertTrue(verdict["error"])
-                self.assertTrue(fits("fleet-verdict", verdict), verdict)
+        verdict = self.fleet("verify", "attested.json", "--json")
+        self.assert_printed("fleet-verdict", verdict, (self.FREE | self.ANY_ID) - {"make null id"})
+
+    def test_refusing_fleet_verdict(self):
+        "A verdict that refuses an answer fits, whatever the line's id is."
+        self.fleet_exchange()
+        report = json.loads(read_file("attested.json"))
+        report["altSerial"]["boardSerial"] = "another"
+        verdict = self.judged(json.dumps({"id": {"a": [1]}, "report": report}).encode())
+        self.assertTrue(verdict["checks"])
+        self.assert_schema("fleet-verdict", verdict, (self.FREE | self.ANY_ID) - {"make object id"}, ["id"])
+
+    def test_fleet_verdict_without_challenge(self):
+        "The verdict on an answer to nobody's challenge fits, and names the device."
+        self.fleet_exchange()
+        context = {**json.loads(read_file("context.json")), "nonce": "QUJD"}
+        self.device("-A", write_file(self.work_path("other.json"), context), output="unasked.json")
+        verdict = self.judged(read_file("unasked.json"))
+        self.assertEqual((verdict["serial"], verdict["checks"]), (DEFAULT_SERIAL, []))
+        taken = (self.FREE | self.ANY_ID | free_text("error")) - {"make null id"} - free_text("checks/*/detail")
+        self.assert_schema("fleet-verdict", verdict, taken)
+
+    def test_fleet_verdict_on_nothing(self):
+        "The verdict on what is not a report fits, on a line and on a file that is not there."
+        self.fleet_exchange()
+        taken = self.ANY_ID | free_text("error") | changes(["blow up"], "line")
+        self.assert_schema("fleet-verdict", self.judged(b"nonsense"), taken - {"make null id"})
+        missing = self.fleet("verify", "missing.json", "--json", status=2)
+        self.assert_printed("fleet-verdict", missing, taken - {"make null id"})
 
     def test_fleet_list(self):
         "Lines of the list fit, before and after an accepted answer."
