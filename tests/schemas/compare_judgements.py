@@ -7,6 +7,7 @@ naming the agent. Exit status 1 if there was a difference; what no schema can sa
 
 import argparse
 import json
+import os
 import random
 import sys
 from typing import NamedTuple
@@ -82,6 +83,9 @@ class ContextJudge:
     """
 
     schema = "attestation-context"
+
+    def __init__(self):
+        os.makedirs(WORK, exist_ok=True)
 
     def generate(self, generator):
         return generator.context()

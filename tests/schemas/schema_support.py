@@ -122,7 +122,7 @@ def mutations(document):
     """Yields what was done, the path, and the changed document, for every change of one place."""
     for path in nodes(document):
         value = value_at(document, path)
-        if path and isinstance(path[-1], str):
+        if path:
             yield "drop", path, without(document, path)
         if isinstance(value, dict):
             yield "add", path, with_value(document, path, {**value, "other": 1})
@@ -136,6 +136,10 @@ def mutations(document):
 def other_forms(value):
     if isinstance(value, str):
         yield "end line", value + "\n"
+    if isinstance(value, bool):
+        yield "flip", not value
+    if isinstance(value, list) and value:
+        yield "repeat last of", [*value, value[-1]]
     if type_name(value) == "number":
         yield from (("halve", value + 0.5), ("negate", -1 - value), ("blow up", 1e30))
 

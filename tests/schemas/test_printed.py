@@ -1,5 +1,6 @@
 """What the agent and the tools print fits its schema, and no change of it does that a reader could not understand."""
 
+import itertools
 import json
 
 from harness import DEFAULT_SERIAL, IDENTIFIERS, SandboxTest, read_file, run_agent, write_file
@@ -36,12 +37,19 @@ class PrintedTest(SandboxTest):
         for what, path, changed in mutations(document):
             shown = shown_path(path)
             is_open = any((shown + "/").startswith(base + "/") and shown != base for base in open_below)
-            is_open |= what == "add" and shown in open_below
+            is_open |= what in ("add", "repeat last of") and shown in open_below
             if is_open:
                 self.assertTrue(fits(name, changed), (what, shown))
             elif fits(name, changed):
                 found.add(f"{what} {shown}")
         self.assertEqual(found, set(taken))
+
+    def assert_apart(self, name, documents, members):
+        """Each of these members has its value with the others of its own document only."""
+        for one, other in itertools.permutations(documents, 2):
+            for member in members:
+                if one[member] != other[member]:
+                    self.assertFalse(fits(name, {**one, member: other[member]}), (member, one, other))
 
     def assert_printed(self, name, data, *exceptions, **keywords):
         """The same for bytes, which must be strict JSON."""
@@ -60,7 +68,9 @@ class AgentTest(PrintedTest):
         "A features document fits; only an entry's optional members may go, and what is within params may be anything."
         write_file("/etc/orvanta/features.json", {"features": FEATURES})
         taken = changes(["drop"], *(f"features/*/{name}" for name in ("params", "validFrom", "validUntil")))
-        taken |= free_text("features/*/name")
+        taken |= (
+            free_text("features/*/name") | changes(["drop"], "features/*") | changes(["repeat last of"], "features")
+        )
         data = self.print_features()
         self.assertEqual(len(json.loads(data)["features"]), 2)
         self.assert_printed("features-document", data, taken, ["features/*/params"])
@@ -88,6 +98,8 @@ class DeviceTest(PrintedTest):
 
 
 class ExchangeTest(DeviceTest):
+    FREE = free_text("checks/*/detail") | changes(["flip"], "ekKnown")
+
     def challenge(self):
         secret = ("--report", "report.json", "--secret-out", "secret.bin")
         status, context = run_tool("attest", "challenge", *secret, "--cb-data", "round 1")
@@ -145,11 +157,11 @@ class ExchangeTest(DeviceTest):
         self.exchange()
         status, verdict = self.verify()
         self.assertEqual(status, 0)
-        self.assert_printed("attest-verdict", verdict, free_text("checks/*/detail"))
+        self.assert_printed("attest-verdict", verdict, self.FREE)
         digest = json.loads(verdict)["ekDigest"]
         status, verdict = self.verify("--ek-digest", digest)
         self.assertTrue(status == 0 and json.loads(verdict)["ekKnown"])
-        self.assert_printed("attest-verdict", verdict, free_text("checks/*/detail"))
+        self.assert_printed("attest-verdict", verdict, self.FREE)
 
     def test_refusing_attest_verdict(self):
         "A verdict that refuses an answer fits, and has no counter."
@@ -157,7 +169,7 @@ class ExchangeTest(DeviceTest):
         write_file(self.work_path("secret.bin"), bytes(32))
         status, verdict = self.verify()
         self.assertEqual(status, 1)
-        self.assert_printed("attest-verdict", verdict, free_text("checks/*/detail"))
+        self.assert_printed("attest-verdict", verdict, self.FREE | changes(["flip"], "checks/*/ok"))
 
     def test_attest_verdict_on_nothing(self):
         "The verdict where nothing could be checked fits, and says why."
@@ -166,9 +178,16 @@ class ExchangeTest(DeviceTest):
         self.assertEqual(status, 2)
         self.assert_printed("attest-verdict", verdict, free_text("error"))
 
+    def test_verdicts_do_not_mix(self):
+        "No member of one verdict fits into one of another outcome."
+        self.exchange()
+        verdicts = [json.loads(self.verify(*options)[1]) for options in ((), ("--ek-digest", "0" * 64))]
+        verdicts.append(json.loads(self.verify(report="missing.json")[1]))
+        self.assert_apart("attest-verdict", verdicts, ("ok", "checks", "counter", "error", "ekDigest", "akDigest"))
+
 
 class FleetTest(DeviceTest):
-    FREE = free_text("checks/*/detail", "serial") | changes(["blow up"], "line")
+    FREE = free_text("checks/*/detail", "serial") | changes(["blow up"], "line") | changes(["flip"], "repeated")
     ANY_ID = {f"make {name} id" for name in OF_EACH_TYPE}
 
     def fleet(self, *arguments, status=0, data=b""):
@@ -199,7 +218,8 @@ class FleetTest(DeviceTest):
         report["altSerial"]["boardSerial"] = "another"
         verdict = self.judged(json.dumps({"id": {"a": [1]}, "report": report}).encode())
         self.assertTrue(verdict["checks"])
-        self.assert_schema("fleet-verdict", verdict, (self.FREE | self.ANY_ID) - {"make object id"}, ["id"])
+        taken = (self.FREE | self.ANY_ID | changes(["flip"], "checks/*/ok")) - {"make object id"}
+        self.assert_schema("fleet-verdict", verdict, taken, ["id"])
 
     def test_fleet_verdict_without_challenge(self):
         "The verdict on an answer to nobody's challenge fits, and names the device."
@@ -214,7 +234,7 @@ class FleetTest(DeviceTest):
     def test_fleet_verdict_on_nothing(self):
         "The verdict on what is not a report fits, on a line and on a file that is not there."
         self.fleet_exchange()
-        taken = self.ANY_ID | free_text("error") | changes(["blow up"], "line")
+        taken = self.ANY_ID | free_text("error") | changes(["blow up"], "line") | changes(["flip"], "repeated")
         self.assert_schema("fleet-verdict", self.judged(b"nonsense"), taken - {"make null id"})
         missing = self.fleet("verify", "missing.json", "--json", status=2)
         self.assert_printed("fleet-verdict", missing, taken - {"make null id"})
@@ -239,7 +259,8 @@ class FleetTest(DeviceTest):
         good, refused = lines(self.fleet("history", DEFAULT_SERIAL, "--json"))
         self.assertEqual((good["ok"], refused["ok"]), (True, False))
         self.assert_schema("fleet-history", good)
-        self.assert_schema("fleet-history", refused)
+        self.assert_schema("fleet-history", refused, changes(["drop"], "failed/*"))
+        self.assert_apart("fleet-history", [good, refused], ("ok", "counter", "failed"))
 
 
 class GrantVerdictTest(PrintedTest):
