@@ -17,6 +17,7 @@
 
 #include "foundation/base64.h"
 #include "unit/exact_buffer.h"
+#include "unit/foundation/base64_model.h"
 
 namespace {
 
@@ -105,8 +106,6 @@ void operator delete[](void* block, const std::nothrow_t&) noexcept {
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-
 constexpr std::string_view STANDARD = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr std::string_view URL_SAFE = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 
@@ -180,59 +179,6 @@ std::string decodeURLSafe(std::string_view text) {
     const std::string result = textOf(orv::base64DecodeURLSafe(buffer.data(), buffer.size()));
     EXPECT_EQ(orv::base64DecodeURLSafeUTF8(buffer.data(), buffer.size()), result) << "for '" << text << "'";
     return result;
-}
-
-// The slow model: a text of "0" and "1" is all that it knows.
-
-std::string bitsOf(unsigned value, int width) {
-    std::string bits;
-    for (int shift = width - 1; shift >= 0; shift--) {
-        bits += (value >> shift & 1) ? '1' : '0';
-    }
-    return bits;
-}
-
-unsigned valueOf(std::string_view bits) {
-    unsigned value = 0;
-    for (const char bit : bits) {
-        value = value * 2 + (bit == '1' ? 1 : 0);
-    }
-    return value;
-}
-
-// modelDecode keeps the letters of `alphabet`, strings their bits together and cuts whole bytes off the front.
-std::string modelDecode(std::string_view text, std::string_view alphabet) {
-    std::string bits;
-    for (const char character : text) {
-        const size_t value = alphabet.find(character);
-        if (value != std::string_view::npos) {
-            bits += bitsOf(static_cast<unsigned>(value), 6);
-        }
-    }
-    std::string result;
-    for (size_t at = 0; at + 8 <= bits.size(); at += 8) {
-        result += static_cast<char>(valueOf(std::string_view(bits).substr(at, 8)));
-    }
-    return result;
-}
-
-// modelEncode fills the last letter with zero bits and never pads.
-std::string modelEncode(const Bytes& bytes, std::string_view alphabet) {
-    std::string bits;
-    for (const unsigned char byte : bytes) {
-        bits += bitsOf(byte, 8);
-    }
-    bits.resize((bits.size() + 5) / 6 * 6, '0');
-    std::string result;
-    for (size_t at = 0; at < bits.size(); at += 6) {
-        result += alphabet[valueOf(std::string_view(bits).substr(at, 6))];
-    }
-    return result;
-}
-
-std::string padded(std::string text) {
-    text.resize((text.size() + 3) / 4 * 4, '=');
-    return text;
 }
 
 std::string opensslEncode(const Bytes& bytes) {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <climits>
 #include <csignal>
 #include <cstddef>
@@ -17,11 +16,12 @@
 
 #include "foundation/clock_value.h"
 #include "unit/exact_buffer.h"
+#include "unit/foundation/clock_print_model.h"
+#include "unit/foundation/clock_scan_model.h"
+#include "unit/foundation/int128.h"
+#include "unit/foundation/tick_model.h"
 
 namespace {
-
-__extension__ typedef __int128 Int128;
-__extension__ typedef unsigned __int128 UInt128;
 
 using svg::ClockValue;
 using svg::UTCClockValue;
@@ -32,18 +32,6 @@ constexpr int64_t MILLISECOND = 1000 * MICROSECOND;
 constexpr int64_t SECOND = 1000 * MILLISECOND;
 constexpr int64_t MAX = std::numeric_limits<int64_t>::max();
 constexpr int64_t MIN = std::numeric_limits<int64_t>::min();
-
-// Scan is what a cursor function gave and what it left unread.
-struct Scan {
-    int64_t value;
-    std::string rest;
-
-    bool operator==(const Scan& other) const { return value == other.value && rest == other.rest; }
-};
-
-void PrintTo(const Scan& scan, std::ostream* out) {
-    *out << scan.value << " us, unread '" << scan.rest << "'";
-}
 
 Scan scanClock(const std::string& text) {
     const ExactBuffer<char> buffer(text, true);
@@ -95,188 +83,6 @@ ClockValue ofType(ClockValue::Type type) {
     value.type = type;
     value.value = 90 * SECOND;
     return value;
-}
-
-// wrapped brings a number of any size to 64 bits as two's complement does.
-int64_t wrapped(Int128 number) {
-    return static_cast<int64_t>(static_cast<uint64_t>(number));
-}
-
-// The slow model of the scanner. It cuts the text into its pieces first and computes afterwards.
-class ClockModel {
-public:
-    explicit ClockModel(const std::string& text) : m_strRest(text) {}
-
-    Scan scan() {
-        skipBlanks();
-        const std::string sign = oneOf("+-");
-        skipBlanks();
-        std::vector<std::string> fields = {digits()};
-        while (fields.size() < 3 && take(":")) {
-            fields.push_back(digits());
-        }
-        const std::string fraction = take(".") ? digits() : "";
-        const uint64_t unit = fields.size() > 1 ? 1000000 : unitInMicroseconds();
-        skipBlanks();
-        const uint64_t total = unit * wholeOf(fields) + fractionOf(fraction, unit);
-        return {static_cast<int64_t>(sign == "-" ? 0 - total : total), m_strRest};
-    }
-
-private:
-    static uint64_t wholeOf(const std::vector<std::string>& fields) {
-        uint64_t whole = 0;
-        for (const std::string& field : fields) {
-            whole = whole * 60 + number(field);
-        }
-        return whole;
-    }
-
-    // fractionOf needs no more digits than those whose scale fits, as those after are far below a microsecond.
-    static uint64_t fractionOf(std::string fraction, uint64_t unit) {
-        fraction.resize(std::min<size_t>(fraction.size(), 19));
-        const uint64_t scale = number("1" + std::string(fraction.size(), '0'));
-        return unit >= scale ? unit / scale * number(fraction) : number(fraction) / (scale / unit);
-    }
-
-    // number sums up the digits by their weights, from the last one on.
-    static uint64_t number(std::string digits) {
-        uint64_t value = 0;
-        uint64_t weight = 1;
-        std::reverse(digits.begin(), digits.end());
-        for (const char digit : digits) {
-            value += static_cast<uint64_t>(digit - '0') * weight;
-            weight *= 10;
-        }
-        return value;
-    }
-
-    uint64_t unitInMicroseconds() {
-        return take("ms") ? 1000 : take("min") ? 60000000 : take("h") ? 3600000000 : (take("s"), 1000000);
-    }
-
-    bool take(const std::string& text) {
-        const bool there = m_strRest.compare(0, text.size(), text) == 0;
-        m_strRest.erase(0, there ? text.size() : 0);
-        return there;
-    }
-
-    std::string takeWhileOf(const std::string& characters) {
-        const std::string taken = m_strRest.substr(0, m_strRest.find_first_not_of(characters));
-        m_strRest.erase(0, taken.size());
-        return taken;
-    }
-
-    std::string oneOf(const std::string& characters) {
-        const std::string taken = characters.find(m_strRest.substr(0, 1)) < 2 ? m_strRest.substr(0, 1) : "";
-        m_strRest.erase(0, taken.size());
-        return taken;
-    }
-
-    void skipBlanks() { takeWhileOf("\t\n\r "); }
-    std::string digits() { return takeWhileOf("0123456789"); }
-
-    std::string m_strRest;
-};
-
-Scan modelScan(const std::string& text) {
-    return ClockModel(text).scan();
-}
-
-// The slow model of unparse works on the decimal text of the microseconds.
-
-std::string decimal(UInt128 number) {
-    std::string text;
-    do {
-        text.insert(text.begin(), static_cast<char>('0' + static_cast<int>(number % 10)));
-        number /= 10;
-    } while (number);
-    return text;
-}
-
-std::string withPoint(const std::string& microseconds, size_t decimals, const std::string& unit) {
-    std::string text = std::string(microseconds.size() <= decimals ? decimals + 1 - microseconds.size() : 0, '0');
-    text += microseconds;
-    text.insert(text.size() - decimals, ".");
-    text.erase(text.find_last_not_of('0') + 1);
-    text.erase(text.find_last_not_of('.') + 1);
-    return text + unit;
-}
-
-std::string twoDigits(UInt128 number) {
-    return std::string(number < 10 ? "0" : "") + decimal(number);
-}
-
-std::string modelUnparse(int64_t nanoseconds, const std::string& format) {
-    const Int128 wide = nanoseconds;
-    const UInt128 microseconds = static_cast<UInt128>(wide < 0 ? -wide : wide) / 1000;
-    const UInt128 seconds = microseconds / 1000000;
-    const std::string sign = wide < 0 ? "-" : "";
-    if (format == "" || format == "s") {
-        return sign + withPoint(decimal(microseconds), 6, "s");
-    }
-    if (format == "ms") {
-        return sign + withPoint(decimal(microseconds), 3, "ms");
-    }
-    const std::string hms =
-        sign + decimal(seconds / 3600) + ":" + twoDigits(seconds / 60 % 60) + ":" + twoDigits(seconds % 60);
-    const UInt128 milliseconds = (microseconds % 1000000 + 500) / 1000;
-    if (format == "hms" || (format == "hms..." && milliseconds == 0)) {
-        return hms;
-    }
-    return hms + "." + (milliseconds < 100 ? "0" : "") + twoDigits(milliseconds);
-}
-
-// Civil dates by counting days from 1970 on, year by year.
-bool isLeap(int year) {
-    return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
-}
-
-std::string modelDate(int64_t seconds) {
-    int64_t days = seconds >= 0 ? seconds / 86400 : -((86399 - seconds) / 86400);
-    const int64_t rest = seconds - days * 86400;
-    int year = 1970;
-    for (; days < 0; days += isLeap(year) ? 366 : 365) {
-        year--;
-    }
-    for (; days >= (isLeap(year) ? 366 : 365); year++) {
-        days -= isLeap(year) ? 366 : 365;
-    }
-    const int lengths[] = {31, isLeap(year) ? 29 : 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    int month = 0;
-    for (; days >= lengths[month]; month++) {
-        days -= lengths[month];
-    }
-    char text[64];
-    snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d", year, month + 1, static_cast<int>(days) + 1,
-             static_cast<int>(rest / 3600), static_cast<int>(rest / 60 % 60), static_cast<int>(rest % 60));
-    return text;
-}
-
-// The tick oracle: magnitude and sign in 128 bits, brought back with saturation.
-UInt128 magnitude(Int128 number) {
-    return number < 0 ? static_cast<UInt128>(0) - static_cast<UInt128>(number) : static_cast<UInt128>(number);
-}
-
-int64_t saturated(UInt128 quotient, bool negative) {
-    if (quotient > static_cast<UInt128>(MAX)) {
-        return negative ? MIN : MAX;
-    }
-    return negative ? -static_cast<int64_t>(quotient) : static_cast<int64_t>(quotient);
-}
-
-int64_t modelWide(Int128 product, Int128 divisor) {
-    return saturated(magnitude(product) / magnitude(divisor), (product < 0) != (divisor < 0));
-}
-
-// modelFraction wraps the magnitude of the product at 128 bits.
-int64_t modelFraction(long ticks, long numerator, long denominator) {
-    const UInt128 product = magnitude(ticks) * magnitude(numerator) * 1000000000u;
-    return saturated(product / magnitude(denominator), ((ticks < 0) != (numerator < 0)) != (denominator < 0));
-}
-
-// modelDirect is plain 64-bit arithmetic whose product and quotient wrap.
-int64_t modelDirect(Int128 product, long divisor) {
-    return wrapped(static_cast<Int128>(wrapped(product)) / divisor);
 }
 
 long randomLong(std::mt19937_64& random) {

@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <functional>
 #include <iterator>
-#include <map>
 #include <memory>
 #include <new>
 #include <random>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "foundation/json.h"
+#include "unit/foundation/json_path_model.h"
 
 using namespace std::string_literals;
 
@@ -716,83 +716,7 @@ TEST(JSONPathDepth, FarIndexFillsTheSlotsBetween) {
 
 namespace {
 
-// Model is a slot and what is in it, in the simplest form.
-struct Model {
-    enum Kind { Hole, Plain, Elements, Members };
-    Kind kind = Hole;
-    double number = 0;
-    bool null = false;
-    std::vector<Model> elements;
-    std::map<std::string, Model> members;
-};
-
-using Segments = std::vector<std::string>;
-
-bool isIndex(const std::string& segment) {
-    return segment.find_first_not_of("0123456789") == std::string::npos;
-}
-
-std::size_t indexOf(const std::string& segment) {
-    return segment.empty() ? 0 : std::stoul(segment);
-}
-
-// find returns the slot that a path leads to, or null if it leads to none. `throughHole` tells of an empty slot on the
-// way, which only reading puts up with.
-Model* find(Model& root, const Segments& segments, bool& throughHole) {
-    Model* current = &root;
-    throughHole = false;
-    for (const std::string& segment : segments) {
-        throughHole = throughHole || current->kind == Model::Hole;
-        if (isIndex(segment)) {
-            if (current->kind != Model::Elements || indexOf(segment) >= current->elements.size())
-                return nullptr;
-            current = &current->elements[indexOf(segment)];
-        } else {
-            if (current->kind != Model::Members || current->members.count(segment) == 0)
-                return nullptr;
-            current = &current->members[segment];
-        }
-    }
-    return current;
-}
-
-void becomes(Model& slot, Model::Kind kind) {
-    if (slot.kind != kind) {
-        slot = Model();
-        slot.kind = kind;
-    }
-}
-
-Model nullModel() {
-    Model model;
-    model.kind = Model::Plain;
-    model.null = true;
-    return model;
-}
-
-// slotFor makes what is missing; null if the last index lies after the end, which no caller may ask for.
-Model* slotFor(Model& root, const Segments& segments) {
-    Model* current = &root;
-    for (std::size_t place = 0; place < segments.size(); ++place) {
-        const std::string& segment = segments[place];
-        becomes(*current, isIndex(segment) ? Model::Elements : Model::Members);
-        if (!isIndex(segment)) {
-            current = &current->members[segment];
-            continue;
-        }
-        const std::size_t index = indexOf(segment);
-        if (index >= current->elements.size()) {
-            if (place + 1 == segments.size())
-                return nullptr;
-            current->elements.resize(index, nullModel());
-            current->elements.emplace_back();
-        }
-        current = &current->elements[index];
-    }
-    return current;
-}
-
-// describe writes a document with its holes, `describe` of a model the same: equal texts are equal documents.
+// describe writes a document with its holes as its model does: equal texts are equal documents.
 std::string describe(const JSON* value) {
     if (value == nullptr)
         return "-";
@@ -810,24 +734,7 @@ std::string describe(const JSON* value) {
     return value->toString();
 }
 
-std::string describe(const Model& model) {
-    std::string out;
-    switch (model.kind) {
-    case Model::Hole:
-        return "-";
-    case Model::Elements:
-        for (const Model& element : model.elements)
-            out += describe(element) + ",";
-        return "[" + out + "]";
-    case Model::Members:
-        for (const auto& [key, member] : model.members)
-            out += key + ":" + describe(member) + ",";
-        return "{" + out + "}";
-    case Model::Plain:
-        break;
-    }
-    return model.null ? "null" : JSON::Number(model.number)->toString();
-}
+using Segments = JSONPathModel::Segments;
 
 Segments randomSegments(std::mt19937& random) {
     static const char* const Choice[] = {"a", "b", "-1", "1x", "", "0", "1", "2", "03", "000"};
@@ -861,7 +768,7 @@ public:
         default:
             store(segments);
         }
-        ASSERT_EQ(describe(m_oModel), describe(m_pDocument.get())) << joined(segments);
+        ASSERT_EQ(m_oModel.describe(), describe(m_pDocument.get())) << joined(segments);
     }
 
     int hits() const { return m_nHits; }
@@ -874,34 +781,34 @@ private:
         if (m_pDocument == nullptr)
             return;
         bool throughHole;
-        const Model* expected = find(m_oModel, segments, throughHole);
+        const JSONPathModel* expected = m_oModel.find(segments, throughHole);
         const JSON* found = bothReadings(*m_pDocument, joined(segments));
-        const bool hit = expected != nullptr && expected->kind != Model::Hole;
-        ASSERT_EQ(hit ? describe(*expected) : "-", describe(found)) << joined(segments);
+        const bool hit = expected != nullptr && expected->kind != JSONPathModel::Hole;
+        ASSERT_EQ(hit ? expected->describe() : "-", describe(found)) << joined(segments);
         ++(hit ? m_nHits : m_nMisses);
     }
 
     void take(const Segments& segments) {
         bool throughHole;
-        Model* expected = find(m_oModel, segments, throughHole);
+        JSONPathModel* expected = m_oModel.find(segments, throughHole);
         if (m_pDocument == nullptr || throughHole)
             return;
         const JSON* before = m_pDocument->getPath(joined(segments));
         const JSON::root value = m_pDocument->movePath(joined(segments));
         ASSERT_EQ(before, value.get()) << joined(segments);
-        ASSERT_EQ(expected == nullptr ? "-" : describe(*expected), describe(value.get())) << joined(segments);
+        ASSERT_EQ(expected == nullptr ? "-" : expected->describe(), describe(value.get())) << joined(segments);
         if (expected != nullptr)
-            *expected = Model();
+            *expected = JSONPathModel();
         m_nTaken += value != nullptr;
     }
 
     void store(const Segments& segments) {
-        Model copy = m_oModel;
-        Model* slot = slotFor(copy, segments);
+        JSONPathModel copy = m_oModel;
+        JSONPathModel* slot = copy.slotFor(segments);
         if (slot == nullptr)
             return;
-        *slot = Model();
-        slot->kind = Model::Plain;
+        *slot = JSONPathModel();
+        slot->kind = JSONPathModel::Plain;
         slot->number = ++m_nStored;
         m_oModel = std::move(copy);
         JSON::root value = JSON::Number(m_nStored);
@@ -912,7 +819,7 @@ private:
 
     std::mt19937 m_oRandom;
     JSON::root m_pDocument;
-    Model m_oModel;
+    JSONPathModel m_oModel;
     int m_nHits = 0;
     int m_nMisses = 0;
     int m_nStored = 0;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "foundation/string_utils.h"
+#include "unit/foundation/whitespace_model.h"
 
 namespace {
 
@@ -162,43 +163,6 @@ TEST(StringWhitespace, TrimAndStripLeavesSingleBlanks) {
     };
     for (const auto& row : rows)
         EXPECT_EQ(row.expected, trimAndStrip(row.text)) << testing::PrintToString(row.text);
-}
-
-// Models that take one byte after the other away.
-bool blank(char byte) {
-    return static_cast<unsigned char>(byte) <= 32;
-}
-
-std::string modelTrimEnd(std::string text) {
-    while (!text.empty() && blank(text.back()))
-        text.pop_back();
-    return text;
-}
-
-std::string modelTrim(std::string text) {
-    while (!text.empty() && blank(text.front()))
-        text.erase(0, 1);
-    return modelTrimEnd(text);
-}
-
-std::string modelTrimNL(const std::string& text) {
-    size_t start = 0;
-    for (size_t i = 0; i < text.size() && blank(text[i]); ++i) {
-        if (text[i] == '\r' || text[i] == '\n')
-            start = i + 1;
-    }
-    return modelTrim(text).empty() ? "" : modelTrimEnd(text.substr(start));
-}
-
-std::string modelTrimAndStrip(const std::string& text) {
-    std::string result;
-    for (char byte : modelTrim(text)) {
-        if (!blank(byte))
-            result += byte;
-        else if (result.back() != ' ')
-            result += ' ';
-    }
-    return result;
 }
 
 TEST(StringWhitespace, RandomTextFollowsTheModels) {

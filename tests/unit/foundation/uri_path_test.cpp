@@ -15,13 +15,12 @@
 
 #include "foundation/uri.h"
 #include "unit/exact_buffer.h"
+#include "unit/foundation/uri_path_model.h"
 
 namespace {
 
 using namespace std::string_literals;
 using Path = URI::Path;
-
-constexpr size_t NO_POSITION = std::string::npos;
 
 // ---- Notation ----
 
@@ -50,16 +49,10 @@ bool same(const Path& a, const Path& b) {
     return a.absolute == b.absolute && a.trailingSlash == b.trailingSlash && a.segments == b.segments;
 }
 
-// Parsed is what parseFromURI did: `end` is no position after a null.
-struct Parsed {
-    Path path;
-    size_t end = NO_POSITION;
-};
-
 // parse runs the parser on a block that ends with the terminator.
-Parsed parse(const std::string& text, bool skipPatterns = false) {
+ParsedPath parse(const std::string& text, bool skipPatterns = false) {
     const ExactBuffer<char> buffer(text, true);
-    Parsed parsed;
+    ParsedPath parsed;
     if (const char* end = parsed.path.parseFromURI(buffer.data(), skipPatterns))
         parsed.end = static_cast<size_t>(end - buffer.data());
     return parsed;
@@ -256,7 +249,7 @@ TEST(UriPathParse, CutsAtSlashesAndEndsAtQueryOrFragment) {
         {"[[%41]]", "<[[A]]>", 7, "regions count only if asked for"},
     };
     for (const auto& row : rows) {
-        const Parsed parsed = parse(row.text);
+        const ParsedPath parsed = parse(row.text);
         EXPECT_EQ(row.expected, show(parsed.path)) << row.text << ": " << row.from;
         EXPECT_EQ(row.end, parsed.end) << row.text << ": " << row.from;
         EXPECT_EQ(row.expected, show(Path::fromEscapedURIPath(row.text))) << row.text << ": " << row.from;
@@ -270,7 +263,7 @@ TEST(UriPathParse, NulFromAnEscapeIsAnOrdinaryByte) {
 }
 
 TEST(UriPathParse, NulEndsTheText) {
-    const Parsed parsed = parse("a/b\0/c%zz"s);
+    const ParsedPath parsed = parse("a/b\0/c%zz"s);
     EXPECT_EQ("<a><b>", show(parsed.path));
     EXPECT_EQ(3u, parsed.end);
     EXPECT_EQ("<a><b>", show(Path::fromEscapedURIPath("a/b\0/c%zz"s)));
@@ -293,7 +286,7 @@ TEST(UriPathParse, BadEscapeGivesNullAndLeavesWhatWasReadWithTheBadSegment) {
         {"a%4/1", "<a%4>"},
     };
     for (const auto& row : rows) {
-        const Parsed parsed = parse(row.text);
+        const ParsedPath parsed = parse(row.text);
         EXPECT_EQ(NO_POSITION, parsed.end) << row.text;
         EXPECT_EQ(row.left, show(parsed.path)) << row.text;
         EXPECT_EQ("-", show(Path::fromEscapedURIPath(row.text))) << row.text;
@@ -352,7 +345,7 @@ TEST(UriPathParse, RegionsAreOpaqueIfAskedFor) {
         {"%5B%5Ba/b]]", "<[[a><b]]>", 11, "escaped brackets open nothing"},
     };
     for (const auto& row : rows) {
-        const Parsed parsed = parse(row.text, true);
+        const ParsedPath parsed = parse(row.text, true);
         EXPECT_EQ(row.expected, show(parsed.path)) << row.text << ": " << row.from;
         EXPECT_EQ(row.end, parsed.end) << row.text << ": " << row.from;
     }
@@ -991,13 +984,13 @@ TEST(UriPathProperty, PrintedPathParsesToItself) {
             path = source.path();
         for (const std::string& text : {path.toEscapedURIPath(), path.toEscapedURIPath(false, true),
                                         path.toCanonicalURIPath(), path.toUserURIPath()}) {
-            const Parsed parsed = parse(text);
+            const ParsedPath parsed = parse(text);
             ASSERT_EQ(text.size(), parsed.end) << text;
             ASSERT_EQ(show(path), show(parsed.path)) << text;
             ASSERT_TRUE(same(path, Path::fromEscapedURIPath(text))) << text;
         }
         const std::string text = path.toEscapedURIPath(true, source.coin());
-        const Parsed parsed = parse(text, true);
+        const ParsedPath parsed = parse(text, true);
         ASSERT_EQ(text.size(), parsed.end) << text;
         ASSERT_EQ(show(path), show(parsed.path)) << text;
     }
@@ -1017,30 +1010,6 @@ TEST(UriPathProperty, FileNameAndTextAreTheSame) {
     }
 }
 
-// removeDotsSlowly walks over the segments and erases from the list, as the rules are told.
-Path removeDotsSlowly(Path path, bool rooted) {
-    Path::Segments& segments = path.segments;
-    bool bRemoved = false;
-    for (size_t i = 0; i < segments.size();) {
-        const auto here = segments.begin() + static_cast<long>(i);
-        bRemoved = true;
-        if (segments[i] == ".")
-            segments.erase(here);
-        else if (segments[i] == ".." && i == 0 && rooted)
-            segments.erase(here);
-        else if (segments[i] == ".." && i > 0 && (rooted || segments[i - 1] != "..")) {
-            segments.erase(here - 1, here + 1);
-            --i;
-        } else {
-            bRemoved = false;
-            ++i;
-        }
-    }
-    path.trailingSlash = path.trailingSlash || bRemoved || (rooted && segments.empty());
-    path.absolute = path.absolute || rooted;
-    return path;
-}
-
 TEST(UriPathProperty, RemovingDotSegmentsFollowsItsStepsAndIsStable) {
     Source source(60503);
     for (int i = 0; i < CASES; ++i) {
@@ -1057,22 +1026,6 @@ TEST(UriPathProperty, RemovingDotSegmentsFollowsItsStepsAndIsStable) {
     }
 }
 
-Path fileNameSlowly(const std::string& name) {
-    Path path;
-    if (name.empty())
-        return path;
-    for (size_t begin = 0, end = 0; end != NO_POSITION; begin = end + 1) {
-        end = name.find('/', begin);
-        const std::string piece = name.substr(begin, end == NO_POSITION ? end : end - begin);
-        if (!piece.empty())
-            path.segments.push_back(piece);
-        else if (path.segments.empty())
-            path.absolute = true;
-    }
-    path.trailingSlash = name.back() == '/' && !path.segments.empty();
-    return removeDotsSlowly(path, false);
-}
-
 TEST(UriPathProperty, FileNameFollowsItsStepsAndPrintsStable) {
     Source source(60504);
     for (int i = 0; i < CASES; ++i) {
@@ -1084,70 +1037,13 @@ TEST(UriPathProperty, FileNameFollowsItsStepsAndPrintsStable) {
     }
 }
 
-// decodePart decodes text outside regions; false at a bad escape.
-bool decodePart(const std::string& text, std::string& out) {
-    const auto digit = [](char c) {
-        return "0123456789abcdef"s.find(static_cast<char>(c >= 'A' && c <= 'F' ? c + 32 : c));
-    };
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '%') {
-            out += text[i];
-            continue;
-        }
-        if (text.size() - i < 3 || digit(text[i + 1]) == NO_POSITION || digit(text[i + 2]) == NO_POSITION)
-            return false;
-        out += static_cast<char>(digit(text[i + 1]) * 16 + digit(text[i + 2]));
-        i += 2;
-    }
-    return true;
-}
-
-// parseSlowly takes regions from the left, each up to the next closing. Outside them a slash separates, and a question
-// mark or a number sign ends the path.
-Parsed parseSlowly(const std::string& text, bool skipPatterns) {
-    Parsed parsed;
-    std::string pending;
-    Path::Segments stretches(1);
-    bool bValid = true;
-    const auto decodePending = [&] {
-        bValid = decodePart(pending, stretches.back()) && bValid;
-        pending.clear();
-    };
-    size_t i = 0;
-    while (i < text.size() && text[i] != '?' && text[i] != '#') {
-        const size_t close = skipPatterns && text.compare(i, 2, "[[") == 0 ? text.find("]]", i + 2) : std::string::npos;
-        if (close != NO_POSITION) {
-            decodePending();
-            stretches.back() += text.substr(i, close + 2 - i);
-            i = close + 2;
-        } else if (text[i] == '/') {
-            decodePending();
-            stretches.emplace_back();
-            ++i;
-        } else
-            pending += text[i++];
-    }
-    decodePending();
-    if (!bValid)
-        return parsed;
-    parsed.end = i;
-    parsed.path.absolute = i > 0 && text[0] == '/';
-    parsed.path.trailingSlash = i > 0 && text[i - 1] == '/';
-    if (parsed.path.absolute)
-        stretches.erase(stretches.begin());
-    if (parsed.path.trailingSlash || i == 0)
-        stretches.pop_back();
-    parsed.path.segments = stretches;
-    return parsed;
-}
-
 TEST(UriPathProperty, ParserFollowsItsSteps) {
     Source source(60505);
     int failed = 0;
     for (int i = 0; i < 2 * CASES; ++i) {
         const std::string text = source.text().c_str();
         const bool skip = source.coin();
-        const Parsed expected = parseSlowly(text, skip), parsed = parse(text, skip);
+        const ParsedPath expected = parseSlowly(text, skip), parsed = parse(text, skip);
         ASSERT_EQ(expected.end, parsed.end) << text << " " << skip;
         if (parsed.end != NO_POSITION) {
             ASSERT_EQ(show(expected.path), show(parsed.path)) << text << " " << skip;
@@ -1254,9 +1150,9 @@ class UriPathLongText : public testing::TestWithParam<std::string> {};
 TEST_P(UriPathLongText, ParsingTakesLinearTime) {
     for (const std::string& text :
          {repeated(GetParam()), "[[a]]" + repeated(GetParam()), repeated(GetParam()) + "]]"}) {
-        const Parsed parsed = parse(text);
+        const ParsedPath parsed = parse(text);
         EXPECT_EQ(parsed.end == NO_POSITION, text.find('%') < text.find_first_of("?#"));
-        const Parsed skipping = parse(text, true);
+        const ParsedPath skipping = parse(text, true);
         EXPECT_LE(skipping.end == NO_POSITION ? 0 : skipping.end, text.size());
         EXPECT_GE(text.size() + 1, skipping.path.toEscapedURIPath(true).size() / 3);
         EXPECT_GE(text.size() + 1, skipping.path.toUserURIPath(true).size() / 3);
@@ -1302,7 +1198,7 @@ TEST(UriPathBounds, ParserReadsNothingAfterTheTerminator) {
                                       "[[?", "[[/", "[[?]", "[[?]]", "[[/]]", "[[#]]?"})
             for (bool skip : {false, true}) {
                 const std::string text = front + end;
-                const Parsed expected = parseSlowly(text, skip), parsed = parse(text, skip);
+                const ParsedPath expected = parseSlowly(text, skip), parsed = parse(text, skip);
                 EXPECT_EQ(expected.end, parsed.end) << text;
                 if (parsed.end != NO_POSITION) {
                     EXPECT_EQ(show(expected.path), show(parsed.path)) << text;

@@ -14,6 +14,7 @@
 
 #include "foundation/uri.h"
 #include "unit/exact_buffer.h"
+#include "unit/foundation/dot_segments_model.h"
 #include "unit/foundation/even_growth.h"
 
 namespace {
@@ -1188,24 +1189,6 @@ TEST(UriRandom, ResolvingAMadeRelativeUriGivesItBack) {
         ++checked;
     }
     EXPECT_GE(checked, RANDOM_CASES);
-}
-
-// A slow model of RFC 3986, 5.2, on the printed text of paths that need no escaping.
-std::string removeDotsModel(std::string input) {
-    std::string output;
-    while (!input.empty()) {
-        if (input.starts_with("/./") || input == "/.") {
-            input = "/" + input.substr(std::min<size_t>(3, input.size()));
-        } else if (input.starts_with("/../") || input == "/..") {
-            input = "/" + input.substr(std::min<size_t>(4, input.size()));
-            output.erase(output.rfind('/') == std::string::npos ? 0 : output.rfind('/'));
-        } else {
-            const size_t end = input.find('/', 1);
-            output += input.substr(0, end);
-            input.erase(0, end == std::string::npos ? input.size() : end);
-        }
-    }
-    return output;
 }
 
 TEST(UriRandom, ReferencesResolveAsInTheRfc) {
