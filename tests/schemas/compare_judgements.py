@@ -23,6 +23,7 @@ from harness import (  # noqa: E402
     ETC,
     INSTALLED_FEATURES,
     WORK,
+    empty_folder,
     run_agent,
     set_cpuinfo,
     write_file,
@@ -84,9 +85,6 @@ class ContextJudge:
 
     schema = "attestation-context"
 
-    def __init__(self):
-        os.makedirs(WORK, exist_ok=True)
-
     def generate(self, generator):
         return generator.context()
 
@@ -138,6 +136,8 @@ def main():
     arguments = parser.parse_args()
     found = False
     for make_judge in JUDGES:
+        for folder in (ETC, os.path.dirname(GRANT), WORK):
+            empty_folder(folder)  # what the judge before left would be judged again
         judge = make_judge()
         result = compare(judge, arguments.count, arguments.seed)
         parts = f"{result.taken} taken, {result.for_others} for another device, {len(result.differences)} differences"

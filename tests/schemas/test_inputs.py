@@ -5,11 +5,12 @@ differences that are known, each with its reason.
 """
 
 import base64
+import itertools
 import json
 
 from compare_judgements import ContextJudge, GrantJudge, InstalledJudge, compare
 from harness import DEFAULT_SERIAL, SandboxTest, run_agent, write_file
-from schema_support import accepts, mutated_bytes, mutations, shown_path
+from schema_support import accepts, mutated_bytes, mutations, nodes, shown_path, value_at, with_value
 
 SAMPLE = 300
 MEBIBYTE = 1 << 20
@@ -123,6 +124,15 @@ class InputTest(SandboxTest):
         self.assert_differences(judge, BEYOND_SCHEMAS, is_taken=False)
         self.assert_differences(judge, LENIENT, is_taken=True)
         self.assert_same_judgement(judge, nested(100), "the last depth that is taken")
+
+    def test_unreadable_names(self):
+        "A member without a name, or with the character NUL in it, is refused wherever it is, by agent and schema."
+        for judge, document in ((InstalledJudge(), FEATURES), (GrantJudge(), FEATURES), (ContextJudge(), CONTEXT)):
+            objects = [path for path in nodes(document) if isinstance(value_at(document, path), dict)]
+            self.assertGreater(len(objects), 2)
+            for path, name in itertools.product(objects, ("", "a\0b")):
+                data = mutated_bytes(with_value(document, path, {**value_at(document, path), name: 1}))
+                self.assertEqual((judge.takes(data), accepts(judge.schema, data)), (False, False), data)
 
     # --- contexts
 
