@@ -138,7 +138,7 @@ class LimitsTest(BootTest):
             self.assertEqual(int(status_of(main_pid(), kind)[0], 16), 0, kind)
         self.assertNotEqual(status_of(main_pid(), "Uid")[0], "0")
         self.assertEqual([text for text in messages() if "Unknown key" in text], [])
-        command("systemd-analyze", "verify", "--man=no", f"/lib/systemd/system/{UNIT}")
+        command("systemd-analyze", "verify", f"/lib/systemd/system/{UNIT}")
 
 
 class ExampleTest(BootTest):
