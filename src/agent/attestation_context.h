@@ -1,6 +1,6 @@
 // attestation_context.h: the file that says what the device report has to answer to.
 //
-// A JSON object, each member optional, others ignored:
+// A JSON object. Each member is optional, but `pubTpm2B` and `privTpm2B` come together. Other members are ignored:
 //
 //     { "cbData": "text to echo", "nonce": "base64",
 //       "tpm2": { "ak": { "pubTpm2B": "base64", "privTpm2B": "base64", "actChall": "base64" } } }

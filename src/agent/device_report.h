@@ -1,14 +1,15 @@
 // device_report.h: the JSON document that shows an outside party who the device is and what its TPM vouches for.
 //
 //     { "altSerial": { "boardSerial", "chassisSerial", "systemSerial", "userSerial" },   as far as known
-//       "cbData": "echoed text",                                                         if the context has one
+//       "cbData": "echoed text",                                                         if the context's is not empty
 //       "serial": "the device's serial number",
 //       "tpm2": { "ak": { "actResp", "privTpm2B", "pubTpm2B" },                          actResp answers a challenge
 //                 "ekEccNistP256PubTpm2B",
 //                 "tallyCounter": { "att", "sig", "val" } } }                            att and sig certify val
 //
-// All members of `tpm2` are base64 (RFC 4648, section 4) of the TPM's own wire forms, except the number `val`. That
-// loses low digits above 2^53; the attestation covers the exact value.
+// The members of `tpm2` are base64 (RFC 4648, section 4) of the TPM's wire forms, except `sig` (ECDSA in DER),
+// `actResp` (the secret's bytes) and the number `val`. `val` loses low digits above 2^53; the attestation covers the
+// exact value.
 #pragma once
 
 class TPM2Attestor;

@@ -67,8 +67,8 @@ bool isLocked(int fd) {
     return fcntl(fd, F_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
 }
 
-// runsAs returns whether the process lives and was started by `user`. /proc's own entry for it would not do: that
-// belongs to root where the process changed its user.
+// runsAs returns whether the process lives and has `user` as its real user id. The owner of its folder in /proc doesn't
+// show that: it is root once the process has changed its user.
 bool runsAs(pid_t pid, uid_t user) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     for (std::string word; status >> word;) {
@@ -79,7 +79,7 @@ bool runsAs(pid_t pid, uid_t user) {
     return false;
 }
 
-// namesProcessOf returns whether a file of `user` names a process of that user, who thus says nothing about others.
+// namesProcessOf returns whether a file of `user` names a process of that user, who can harm nobody else by it.
 bool namesProcessOf(uid_t user) {
     const Descriptor file(openPidFile());
     if (file.m_nFd == -1 || isLocked(file.m_nFd))
@@ -99,8 +99,8 @@ const char* whyForeign(const struct stat& status) {
     return nullptr;
 }
 
-// takeRightsOf leaves root only the rights of the file's owner, who could change what the file says at any moment: then
-// it can name no process but that user's own.
+// takeRightsOf makes root act as the file's owner. The owner can change the file at any moment; after this call only
+// that user's own processes can be signalled.
 bool takeRightsOf(uid_t owner) {
     return geteuid() != ROOT || owner == ROOT || setresuid(owner, owner, owner) == 0;
 }

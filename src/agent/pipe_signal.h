@@ -1,6 +1,6 @@
 // pipe_signal.h: for places where a reader that went away must not end the process.
 //
-// Elsewhere SIGPIPE does what it always does: whoever cuts off this program's output wants it gone.
+// Elsewhere SIGPIPE keeps its default effect: a program whose output nobody reads ends.
 #pragma once
 
 #include <csignal>

@@ -1,6 +1,6 @@
 // user_switch.h: giving up the starting user's rights.
 //
-// Failures are reported through g_log without a domain.
+// daemon_user_switch reports failures through g_log without a domain; get_passwd_entry reports only a null name.
 #pragma once
 
 struct passwd;

@@ -2,12 +2,12 @@
 //
 // The encoders write one line without breaks: the standard form is padded with "=", the URL-safe form is not padded.
 //
-// The decoders never fail. A byte outside the alphabet does not exist for them, wherever it stands: line breaks,
-// blanks, "=", NUL bytes and any other character are dropped and what is left is decoded. So padding is neither
-// required nor checked, the unused low bits of a last letter are thrown away untested, and a single left-over letter
-// counts for nothing. Kept: callers pass text as it was delivered and judge the bytes, not the text. Text of the other
-// alphabet therefore gives a different, shorter result in silence: the standard decoders drop "-" and "_", the URL-safe
-// ones "+" and "/".
+// The decoders never fail. A byte outside the alphabet does not exist for them, wherever it is: line breaks, blanks,
+// "=", NUL bytes and any other character are dropped and what is left is decoded. So padding is neither required nor
+// checked, the unused low bits of a last letter are thrown away untested, and a single left-over letter counts for
+// nothing. Kept: callers pass text as it was delivered and judge the bytes, not the text. The standard decoders
+// therefore drop "-" and "_", and the URL-safe ones "+" and "/": text of the other alphabet that holds them is decoded
+// to other bytes, and nothing reports it.
 //
 // All of them work on exactly `length` bytes; the pointer may be null if `length` is 0. The result is allocated once at
 // its final size; decoding a long text takes one more buffer of the size of the text, which is gone when the function

@@ -102,8 +102,8 @@ uint64_t readUnit(const char*& cursor) {
     return MICROSECONDS_PER_SECOND;
 }
 
-// fractionOf returns the fraction of the unit in whole microseconds. Kept: where the scale is not a multiple of the
-// unit, the divisor is cut as well, because readers depend on the numbers.
+// fractionOf returns the fraction of the unit in whole microseconds. Kept: the ratio of unit and scale is cut before it
+// is used, which is wrong where neither divides the other; readers depend on the numbers.
 uint64_t fractionOf(uint64_t unit, const Fraction& fraction) {
     if (unit >= fraction.scale)
         return unit / fraction.scale * fraction.numerator;

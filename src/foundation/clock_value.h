@@ -1,9 +1,9 @@
 // clock_value.h: the vocabulary of time: SMIL clock values, UTC instants with their date formats, and the conversion of
 // ticks to nanoseconds.
 //
-// All times are signed 64-bit counts of nanoseconds; clock value text is read in microseconds and scaled. Whitespace
-// here is tab, line feed, carriage return and blank. Nothing logs. Where numbers exceed their type they wrap, unless a
-// function says that it saturates. Pure functions and plain values, usable from any thread.
+// Times are signed 64-bit counts: of nanoseconds, except that `parseClockValue` returns microseconds and `parseInstant`
+// seconds. Whitespace here is tab, line feed, carriage return and blank. Nothing logs. Where numbers exceed their type
+// they wrap, unless a function says that it saturates. Pure functions and plain values, usable from any thread.
 #pragma once
 
 #include <cstdint>
@@ -19,8 +19,9 @@ unsigned long parseQword(const char*& cursor, unsigned long* scale);
 // parseClockValue reads a clock value with the whitespace around it from NUL-terminated text, moves `cursor` to where
 // it stopped and returns microseconds. The forms are "h:m:s" and "m:s", and a number with one of the units "h", "min",
 // "s", "ms", or without a unit, for seconds; each may have a sign in front and a decimal fraction, which is cut to
-// whole microseconds (its digits after the 19th are passed over). Fields have no range limit and may be empty, so text
-// that holds no number gives 0. What is left after the cursor was not understood.
+// whole microseconds (its digits after the 19th are passed over). Kept: a fraction of "h" with nine digits or more, or
+// of "min" with eight or more, is wrong, because the ratio of unit and scale is cut first. Fields have no range limit
+// and may be empty, so text that holds no number gives 0. What is left after the cursor was not understood.
 int64_t parseClockValue(const char*& cursor);
 
 // ClockValue is a time offset, or one of the words that stand for a time that is not known.
@@ -64,17 +65,17 @@ struct UTCClockValue {
     std::string get_as_iso8601_date() const;
 
     // get_as_iso8601_date_with_ms returns "YYYY-MM-DDThh:mm:ss.mmmZ". Seconds and milliseconds are each cut towards the
-    // epoch, so that a broken second before 1970 shows milliseconds with a minus sign.
+    // epoch, so that before 1970 milliseconds other than 0 have a minus sign.
     std::string get_as_iso8601_date_with_ms() const;
 
     // get_as_rfc822_date returns the form of mail and HTTP, "Thu, 01 Jan 1970 00:00:00 GMT", or the empty string if APR
-    // cannot give it.
+    // fails.
     std::string get_as_rfc822_date() const;
 };
 
 // parseInstant reads a UTC instant in exactly the form that get_as_iso8601_date writes, "YYYY-MM-DDThh:mm:ssZ", of any
-// year from 0000 to 9999, and returns its seconds since the Unix epoch; nothing for any other text, a day that its
-// month does not have, or a time from 24:00:00 up, leap seconds included.
+// year from 0000 to 9999, and returns its seconds since the Unix epoch; nothing for any other text, for a date that
+// does not exist, for an hour above 23, and for minutes or seconds above 59, so for a leap second too.
 std::optional<int64_t> parseInstant(const std::string& text);
 
 // num_ticks returns the nanoseconds of `ticks` ticks of which there are `period` in a second, cut towards zero. Up to

@@ -146,7 +146,7 @@ JSON::root copyTree(const Container& top) {
 
 #ifdef JSON_VALUES_UNPOOLED
 
-// Inlined, one without the other, the two would look like a mismatch to g++.
+// If g++ inlined only one of the two, it would warn of a mismatch.
 [[gnu::noinline]] void* JSON::operator new(std::size_t size) {
     return ::operator new(size);
 }

@@ -2,9 +2,9 @@
 // below).
 //
 // A document is a tree of heap values. Each value has exactly one owner: the slot of its parent container or the
-// caller's owning pointer, `JSON::root`. Destroying a value destroys its whole subtree. A slot may hold no value: after
-// `move` on an array, or when the caller stored a null pointer. `dup` leaves such holes out; `stringify` and `join`
-// must not meet one.
+// caller's owning pointer, `JSON::root`. Destroying a value destroys its whole subtree. A slot may be empty: after
+// `movePath`, after `move` on an array, or when the caller stored a null pointer. `dup` leaves such holes out;
+// `stringify` and `join` must not meet one.
 //
 // Text is bytes: nothing here checks UTF-8. Only `\u` escapes are turned into UTF-8. Object members are kept, walked
 // and written in bytewise key order, never in insertion order; a key is unique within its object.
@@ -28,10 +28,10 @@
 #include <vector>
 
 // JSON is the abstract value. Its operations beyond conversion, printing and copying belong to containers; on a value
-// that has no use for one, it answers with an empty result and changes nothing.
+// that has no use for one, the operation returns an empty result and changes nothing.
 //
-// The six classes below are all its classes: printing, copying and destroying a document go by `type`, as calls from
-// value to value would nest as deep as the document does.
+// No class but the six below may derive from it: printing, copying and destroying go by `type`. Calls from value to
+// value would nest as deep as the document does.
 class JSON {
 public:
     // JSON::root is the owning pointer to a value. An operation that takes a `JSON::root&&` moves from it only when it
@@ -66,7 +66,7 @@ public:
     // ~JSON destroys the value and everything below it, however deep.
     virtual ~JSON() = default;
 
-    // operator new and operator delete take the memory of values from where many small ones cost least. They may be
+    // operator new and operator delete take the memory of values from where many small ones cost least. A value may be
     // destroyed on any thread.
     static void* operator new(std::size_t size);
     static void operator delete(void* value, std::size_t size);
@@ -86,8 +86,8 @@ public:
     // stringify appends the value as JSON text to `out`, without a final line break. With `indent` zero or more a
     // container is written on several lines, its members indented by `indent` + 1 tabs and its closing bracket by
     // `indent`; with a negative `indent` everything is on one line. An empty container is "[ ]" or "{ }" in both. NaN
-    // and infinities are written as "nan" and "inf", which is not JSON; a string ends at its first NUL byte. No
-    // container below may hold an empty slot.
+    // and infinities are written as "nan" and "inf", with "-" in front if negative, which is not JSON; a string ends at
+    // its first NUL byte. Neither the value nor a container below it may hold an empty slot.
     virtual void stringify(std::string& out, int indent) const = 0;
 
     // dup returns a deep copy. Empty slots are left out: elements of an array move up, members of an object vanish.
@@ -173,7 +173,7 @@ public:
     root movePath(const std::string& path);
 
     // getPathPtr returns the slot at `path` below the slot `slot`, and makes what is missing: values of another type in
-    // its way are replaced, arrays grow to the index, with null values in between. Kept: an index at the path's end
+    // its way are replaced, arrays grow to the index and hold JSON nulls in between. Kept: an index at the path's end
     // must be below the array's size, because nothing grows there.
     static root* getPathPtr(root* slot, const std::string& path);
 
@@ -189,7 +189,7 @@ public:
     // Number returns a new number.
     static root Number(double value);
 
-    // String returns a new string, a copy of `text`, which may hold any byte. Kept: a text given up is copied as well.
+    // String returns a new string, a copy of `text`, which may hold any byte. Kept: a moved text is copied as well.
     static root String(const std::string& text);
     static root String(std::string&& text);
 
@@ -200,20 +200,22 @@ public:
     static root Object();
 
     // parse reads the whole of `text` as one value with whitespace around it (tab, line feed, carriage return, blank);
-    // null on any failure. A NUL byte ends the text, and what follows is ignored. Beyond JSON it takes every number
-    // that sscanf's "%lg" takes, and text that was cut off after an opening bracket or a comma (see `json_parse`). An
-    // empty key, `\u0000` (but as the second of a surrogate pair) and an unescaped byte below 32 in a string are
-    // failures. Of equal keys the last wins.
+    // null on any failure. A NUL byte after the value ends the text, and what follows is ignored. A NUL byte where text
+    // may be cut off closes the container there, and reading goes on after it. Beyond JSON it takes every number that
+    // sscanf's "%lg" takes and that begins with "-" or a digit, and text that was cut off after an opening bracket or a
+    // comma (see `json_parse`). An empty key, `\u0000` (except directly after an escaped high surrogate, where it
+    // becomes a NUL byte) and an unescaped byte below 32 in a string are failures. Of equal keys the last wins.
     static root parse(const std::string& text);
 
     // json_parse reads one value, with whitespace before it, from the NUL-terminated text at `cursor`, and moves
     // `cursor` past it; what follows is not looked at. Null on failure, with `cursor` somewhere between its old place
     // and the fault.
     //
-    // Text cut off at the right place is still a container (kept: readers of truncated files depend on it): an opening
-    // bracket followed by nothing but whitespace is the empty container, a comma directly before the terminator ends a
-    // container with what was read so far. `cursor` is then one past the terminator. What follows the terminator is
-    // never read and counts as a further NUL.
+    // Text cut off in its outermost container, at the right place, is still that container (kept: readers of truncated
+    // files depend on it): an opening bracket followed by nothing but whitespace is the empty container, a comma
+    // directly before the terminator ends a container with what was read so far. Text cut off in an inner container is
+    // a failure. `cursor` is then one past the terminator. What follows the terminator is never read and counts as a
+    // further NUL.
     static root json_parse(const char*& cursor);
 
     // escapeString appends the NUL-terminated `text` to `out` as a JSON string, quotes included. Only the quote, the

@@ -1,8 +1,8 @@
 // strfmt.h: printf-formatted text as std::string, and errno values as text.
 //
-// The result is built in a malloc buffer that grows until the text fits, so its length has no limit. When memory is
-// exhausted the result is the empty string: these functions serve log records and must not add a failure to the one
-// being reported. Pure functions, usable from any thread.
+// strfmt and strvfmt build the text in a malloc buffer that grows until it fits. They return the empty string when
+// memory is exhausted, and for a text that vsnprintf cannot make (longer than an int, or with a bad wide character):
+// they serve log records and must not add a failure to the one being reported. Pure functions, usable from any thread.
 #pragma once
 
 #include <cstdarg>

@@ -58,7 +58,7 @@ bool isWhiteSpace(const std::string& text);
 std::string trim(const std::string& text);
 
 // trimNL returns `text` without trailing whitespace and without the blank lines at its front. The indentation of the
-// first line with content stays; text of only whitespace gives the empty string.
+// first line with content stays; text of only whitespace becomes the empty string.
 std::string trimNL(const std::string& text);
 
 // trimAndStrip returns `text` with each inner run of whitespace collapsed to one blank and none at either end.
@@ -66,8 +66,8 @@ std::string trimAndStrip(const std::string& text);
 
 // truncateUTF8 returns `text` cut after its first `max` code points and followed by `suffix`, which may be null and is
 // not counted. Text that is not longer comes back unchanged and without the suffix. Only the bytes before the first NUL
-// are counted: text that does not exceed `max` before it comes back whole, NUL and all. Every byte that is not of the
-// form 10xxxxxx begins a code point; a negative `max` is never reached.
+// are counted: if they hold no more than `max` code points, the text comes back whole, NUL included. Every byte that is
+// not of the form 10xxxxxx begins a code point. With a negative `max` nothing is cut.
 std::string truncateUTF8(const std::string& text, int max, const char* suffix);
 
 // truncateUTF8 of a moved string does the same and reuses its buffer.
@@ -76,8 +76,8 @@ std::string truncateUTF8(std::string&& text, int max, const char* suffix);
 // --- Lists ---
 
 // split cuts `text` at every `separator` and replaces the content of `pieces` with the pieces. Empty pieces are kept, a
-// trailing separator gives a last empty one, and an empty text gives none at all. With `trimPieces` each piece goes
-// through `trim`; one that is empty afterwards stays. The vector and the list hold the pieces in order.
+// trailing separator makes a last empty one, and an empty text has none. With `trimPieces` each piece goes through
+// `trim`; one that is empty afterwards stays. The vector and the list hold the pieces in order.
 void split(const std::string& text, std::vector<std::string>& pieces, char separator, bool trimPieces = false);
 void split(const std::string& text, std::list<std::string>& pieces, char separator, bool trimPieces = false);
 
@@ -96,7 +96,7 @@ std::string join(const std::forward_list<std::string>& pieces, const std::string
 // --- Numbers ---
 
 // fromBase16 returns the bytes that `digits` spells in pairs of hexadecimal digits of either case, the high half first.
-// An odd length or any other character gives an empty vector.
+// It returns an empty vector for an odd length or any other character.
 std::vector<unsigned char> fromBase16(const std::string& digits);
 
 // from_string reads `text` up to its first NUL as `strtod` does and stores the number in `value`. It returns true only

@@ -1,5 +1,5 @@
-// unicode.h: UTF-8, UTF-16 and UCS-4 to each other, their sizes, stepping and validity (RFC 3629 and RFC 2781 for the
-// forms).
+// unicode.h: conversions between UTF-8 and UTF-16 and between UTF-8 and UCS-4, with sizes, stepping and validity (RFC
+// 3629 and RFC 2781 for the forms).
 //
 // UTF-8 is held in unsigned bytes (as text in a std::string), UTF-16 in 16-bit units of host order, UCS-4 in 32-bit
 // code points. Nothing here fails on bad input: it is repaired, and each direction has its own way of doing so,
@@ -116,8 +116,8 @@ int utf16To8MaxN(const char16_t*& in, int& count, unsigned char* out, int max);
 //   11110xxx       With its three continuation bytes a surrogate pair, or two "?" if the value is outside 0x10000 to
 //                  0x10FFFF. Without: two "?" for the lead byte alone.
 //   from 0xF8 up   Two "?" for that byte.
-// After a lead byte replaced alone, the bytes after it are read again. The Max forms leave a lead byte from 0xF0 up
-// where it is when fewer than two units are free, whatever follows it.
+// Where the lead byte alone is replaced, the next step begins at the byte after it. The Max forms leave a lead byte
+// from 0xF0 up where it is when fewer than two units are free, whatever follows it.
 
 // utf8To16Z writes the UTF-8 text at `in` to the buffer `out` as UTF-16 and returns the units written.
 int utf8To16Z(const unsigned char* in, char16_t* out, bool terminate);

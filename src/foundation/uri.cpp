@@ -15,7 +15,7 @@ constexpr UriNormalForm USER_INFO_FORM("!$&'()*+;=", ":,");
 constexpr UriNormalForm QUERY_FORM("", "+;&=[]");
 constexpr UriNormalForm FRAGMENT_FORM("!$&'()*+,;=:/?@", "[]");
 
-// isRooted returns whether a path of this origin has a root, which is then absolute.
+// isRooted returns whether every path of this origin is absolute.
 bool isRooted(const URI::Origin& origin) {
     return !origin.scheme.empty() && !origin.host.empty();
 }
@@ -104,7 +104,7 @@ void appendMarked(std::string& out, char mark, const std::string& component) {
         (out += mark) += component;
 }
 
-// textLength returns the length of the escaped text, as long as no segment needs an escape.
+// textLength returns an upper bound of the length of the escaped text, if nothing needs an escape.
 size_t textLength(const URI& uri) {
     constexpr size_t marks = std::string_view(":///@[]:65535?#").size();
     return uri.origin.scheme.size() + uri.userInfo.size() + uri.origin.host.size() + uriPathLength(uri.path) +

@@ -41,7 +41,8 @@ public:
     public:
         using Segments = std::vector<std::string>;
 
-        // absolute is true if the text begins with "/", trailingSlash if it ends with one.
+        // absolute is true if the text begins with "/", trailingSlash if a "/" follows the last segment. An absolute
+        // path without segments may have either.
         bool absolute = false;
         bool trailingSlash = false;
 
@@ -59,7 +60,8 @@ public:
         // Path makes a relative path of these segments.
         Path(std::initializer_list<std::string> segments, bool trailingSlash = false);
 
-        // fromEscapedURIPath parses escaped text; the empty path if that has a bad escape.
+        // fromEscapedURIPath parses escaped text up to a "?" or "#", as `parseFromURI` does; the empty path if that has
+        // a bad escape.
         static Path fromEscapedURIPath(const std::string& text);
 
         // fromFileName splits a file name at slashes, which collapse, and removes dot segments. Nothing is decoded.
@@ -103,13 +105,15 @@ public:
         Path lastSegment() const;
 
         // subPath returns the segments from `first` up to and without `last`, which is clamped to their number (so -1
-        // is the end). `first` must not be greater.
+        // is the end). `first` must not be greater than the clamped `last`. The result is absolute only with a `first`
+        // of 0, and has a trailing slash if segments follow it or this path has one.
         Path subPath(unsigned first, unsigned last) const;
 
-        // resourceName returns what the path names: its last segment, the empty path after a trailing slash.
+        // resourceName returns what the path names: its last segment, or the empty path if it has a trailing slash.
         Path resourceName() const;
 
-        // resourceDir returns where that lies: this path without its last segment, or this path after a trailing slash.
+        // resourceDir returns where that lies: this path itself if it has a trailing slash, else this path without its
+        // last segment.
         Path resourceDir() const;
 
         // topDir returns the first segment of an absolute path as a directory, afterTopDir what follows it as a
@@ -135,15 +139,17 @@ public:
         Path slash(const std::string& segment, bool trailingSlash = false) const;
         Path slash(const Path& tail) const;
 
-        // addSuffix appends to the last segment's text; after a trailing slash it adds a segment, and the slash stays.
+        // addSuffix appends to the last segment's text; after a trailing slash, or without segments, it adds a segment.
+        // A trailing slash stays.
         Path& addSuffix(const std::string& suffix);
 
         // removeRoot makes this path relative to `root`, which must be equal to it or above it; false and no change if
         // it is neither. A path that equals its root becomes "./".
         bool removeRoot(const Path& root);
 
-        // removeDotSegments removes "." and cancels ".." (RFC 3986, 5.2.4). With `rooted` a ".." at the front goes too
-        // and the path becomes absolute; without it stays. A segment removed at the end leaves a trailing slash.
+        // removeDotSegments removes "." and cancels ".." (RFC 3986, 5.2.4). With `rooted` a ".." at the front goes too,
+        // the path becomes absolute, and it has a trailing slash if no segment is left. Otherwise a ".." at the front
+        // stays. A segment removed at the end leaves a trailing slash.
         Path& removeDotSegments(bool rooted);
 
         // resolve resolves this path against `base` (RFC 3986, 5.2.3) and removes dot segments.
@@ -176,9 +182,10 @@ public:
         // Origin stores scheme and host as they are; a port of 0 becomes the scheme's default.
         Origin(const std::string& scheme, const std::string& host, uint32_t port = 0);
 
-        // parseFromURI parses the origin at `text`. It returns where the origin ends (at `text` if there is no scheme),
-        // or null; then the fields hold what was read so far. `userInfo` gets the text before "@" as it is, if there is
-        // one, `hasAuthority` whether "//" follows the scheme, if there is one; either may be null.
+        // parseFromURI parses the origin at `text`. It returns where the origin ends, `text` itself without a scheme.
+        // On failure it returns null, and the fields hold what was read so far. Without an "@", `userInfo` stays as it
+        // was, else it gets the text before it, unchanged. Without a scheme, `hasAuthority` stays as it was, else it
+        // gets whether "//" follows. Either may be null.
         const char* parseFromURI(const char* text, std::string* userInfo, bool* hasAuthority);
 
         // clear empties all.
@@ -192,7 +199,7 @@ public:
         void setPort(uint32_t value);
 
         // normalizeHostName checks a host that was set by hand and brings it into canonical form; false if it is not
-        // one. Brackets are taken off in either case.
+        // valid. A host that begins with "[" loses its first and last byte even then, unless it is "[" alone or opaque.
         bool normalizeHostName(bool allowTrailingDash);
 
         // normalizeIPv6 checks the zone of `host`. An empty zone after a final "%" passes.
@@ -233,7 +240,8 @@ public:
     Origin origin;
     Path path;
 
-    // userInfo, query and fragment are escaped text, in normal form when parsed, without "@", "?" and "#".
+    // userInfo, query and fragment are escaped text, in normal form when parsed, without the "@", "?" or "#" that marks
+    // them off.
     std::string userInfo;
     std::string query;
     std::string fragment;
@@ -293,7 +301,8 @@ public:
     // compare orders by origin, user information, path, query and fragment. Kept: `data` doesn't count.
     int compare(const URI& other) const;
 
-    // getPathUnder writes this URI's path relative to `root` to `out`; false and an empty path if it isn't below.
+    // getPathUnder writes this URI's path relative to `root` to `out`; false and an empty path if it is neither equal
+    // nor below, or if the origins differ. User information isn't compared.
     bool getPathUnder(const URI& root, Path& out) const;
 
     // setOrigin replaces the origin, setPath the path, of which it removes dot segments.
@@ -317,8 +326,9 @@ public:
     // are; kept: a URI with the base's scheme and no host counts as a reference.
     URI& resolve(const URI& base);
 
-    // makeRelative turns this URI into a reference to the base's origin, with the path made relative as that of `Path`.
-    // Nothing happens if the origins differ, or for "urn" and "data". User information isn't compared.
+    // makeRelative turns this URI into a reference to the base's origin, with the path made relative by
+    // `Path::makeRelative`. Nothing happens if the origins differ, without a scheme, or for "urn" and "data". User
+    // information is neither compared nor removed.
     URI& makeRelative(const URI& base);
 
     // queryString and queryStringCanonical take the query apart: items without a key are skipped, of two with one key
@@ -343,8 +353,8 @@ public:
     // unescapeURI decodes all escapes. `valid` becomes whether every "%" began one; a bad one is copied. "+" stays "+".
     static std::string unescapeURI(const std::string& text, bool* valid = nullptr, bool skipPatterns = false);
 
-    // smartEscapeURIComponent brings raw text into the form for people: control characters and "%" are escaped, and of
-    // the delimiters those in `escapeSet`.
+    // smartEscapeURIComponent brings raw text into the form for people: bytes below the blank and "%" are escaped, and
+    // of the delimiters #&/:=?@[] those in `escapeSet`.
     static std::string smartEscapeURIComponent(const std::string& text, const std::string& escapeSet,
                                                bool skipPatterns = false);
 

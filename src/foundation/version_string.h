@@ -22,7 +22,7 @@ public:
 
     // VersionString of a text takes each run of decimal digits as a component and any other text as a separator. Text
     // that begins with a non-digit has a first component of 0: "v2.0-rc1" gives 0, 2, 0, 1. Numbers wrap at 32 bits.
-    // The empty text gives no components.
+    // The empty text has no components.
     explicit VersionString(const std::string& text);
 
     // operator< compares component by component; if one version runs out, the shorter one is the lesser.
@@ -46,8 +46,8 @@ public:
     // VersionStringCollection of a list copies and sorts it.
     explicit VersionStringCollection(const std::list<VersionString>& versions);
 
-    // VersionStringCollection of a text reads the versions between its commas and sorts them. An empty piece gives a
-    // version without components; the empty text gives no versions.
+    // VersionStringCollection of a text reads the versions between its commas and sorts them. An empty piece is a
+    // version without components; the empty text has no versions.
     explicit VersionStringCollection(const std::string& text);
 
     // toString returns the members' texts joined by ",".

@@ -159,7 +159,7 @@ void Inventory::takeConfigured(const QuerySocket& socket) {
     }
 }
 
-// takeNamed finds the interfaces that did not fit into the other list, and those without an address.
+// takeNamed finds the interfaces that did not fit into the list of takeConfigured, and those without an address.
 void Inventory::takeNamed(const QuerySocket& socket) {
     const NameIndexUPtr names(::if_nameindex());
     for (const struct if_nameindex* entry = names.get(); entry && entry->if_name && entry->if_index != 0; ++entry) {

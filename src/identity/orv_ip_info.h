@@ -13,8 +13,9 @@
 
 // ORVIPInfo holds a snapshot of the interfaces; a derived class calls `init` to take it. Both maps are empty before.
 //
-// No failure is fatal: what cannot be read is absent from the maps. A failure of libudev, of the list of addresses or
-// of the conversion of an address has a WARN record, each name seen and each address taken a DEBUG record.
+// No failure is fatal: what cannot be read is absent from the maps. A WARN record says that libudev could not be
+// started, that the list of addresses could not be read, or that an interface's own address could not be converted.
+// Each name seen and each address taken has a DEBUG record.
 class ORVIPInfo {
 public:
     // InterfaceType is the kind of an interface, by udev's device type (DEVTYPE) or, if it has none, the sysfs

@@ -17,7 +17,7 @@ public:
 
     // load forgets everything, a name set by `setActiveNetIface` included, puts the placeholders in place and reads
     // both sources, the second even if the first failed. It returns true if both were read without a fault. After false
-    // the members hold what was read up to the fault.
+    // the members hold what could be read.
     static bool load();
 
     // loadCpuInfo reads the lines "Serial" and "Hardware" of /proc/cpuinfo, the last of each. The value is the third

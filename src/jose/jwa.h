@@ -72,10 +72,11 @@ public:
     void loadPrivateKeyDER(Algo algo, const void* data, int length);
     void loadPublicKeyDER(Algo algo, const void* data, int length);
 
-    // loadPublicKeyByKind reads the first public key of the PEM text `pem` and takes the algorithm from the key's kind
-    // alone: ES256 for P-256, ES384 for P-384, RS256 for RSA of 2048 bits with a public exponent of 3 or more. It is
-    // stricter than the other loaders: another curve of the same size, a curve that is written out instead of named,
-    // and a key that EVP_PKEY_public_check refuses are failures. On any failure the old key stays.
+    // loadPublicKeyByKind reads the first block of the PEM text `pem` that is a public key (SubjectPublicKeyInfo or
+    // PKCS #1) and takes the algorithm from the key's kind alone: ES256 for P-256, ES384 for P-384, RS256 for RSA of
+    // 2048 bits with a public exponent of 3 or more. It is stricter than the other loaders: another curve of the same
+    // size, a curve that is written out instead of named, and a key that EVP_PKEY_public_check refuses are failures. On
+    // any failure the old key stays.
     void loadPublicKeyByKind(const std::string& pem);
 
 private:

@@ -2,8 +2,8 @@
 //
 //     base64url(JOSE header) . base64url(payload) . base64url(signature)
 //
-// Header and signature come from the caller's key: its algorithm must be the header's `alg`, and is never taken from
-// the text. Pure functions, usable from any thread.
+// The caller's key alone decides the algorithm, which is never taken from the text. A header's `alg`, if there is one,
+// must be that algorithm. Pure functions, usable from any thread.
 #pragma once
 
 #include <cstddef>

@@ -118,8 +118,8 @@ bool isValidCombination(const CommandLine& line) {
            !(line.bWatch && g_strWatchFile.empty());
 }
 
-// reportDevice outlives its readers: if one that went away ended it, a session would stay in the TPM, which has room
-// for few.
+// reportDevice outlives its readers: a broken pipe is ignored, because the session of a report that it ended would stay
+// in the TPM, which has room for few.
 int reportDevice(const CommandLine& line) {
     const IgnoredPipeSignal ignored;
     TPM2Attestor tpm;

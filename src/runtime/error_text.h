@@ -3,7 +3,7 @@
 
 #include <string>
 
-// MAX_NAME_LENGTH is the number of code points from which on a name within an error's text is shortened.
+// MAX_NAME_LENGTH is the greatest number of code points of a name that an error's text holds unshortened.
 constexpr int MAX_NAME_LENGTH = 100;
 
 // withoutLineBreaks returns `text` without the line breaks at its end: an error is one line of a log.

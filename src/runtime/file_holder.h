@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <memory>
 
-// FileCloser closes a stream. What closing reports is lost: it owns streams that are read.
+// FileCloser closes a stream. What closing reports is lost, so it is only for streams that are read.
 struct FileCloser {
     void operator()(FILE* file) const noexcept { fclose(file); }
 };

@@ -88,7 +88,7 @@ public:
             const char* text;
         };
 
-        // ORVErrorDesc copies a table whose codes are those from 0 up to the number of its rows, in any order.
+        // ORVErrorDesc copies a table of n rows with the codes 0 to n - 1, in any order.
         explicit ORVErrorDesc(const Description* table);
 
         // desc and scope return text and scope of `errorCode`. The two codes after the last have an empty text and

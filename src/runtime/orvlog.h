@@ -1,8 +1,8 @@
 // orvlog.h: loggers under one top name, the set-up of logging, and the calls that make a record.
 //
-// A thin layer over log4cxx. No failure of logging ever stops the caller: what goes wrong in writing a record is
-// reported on standard error and the caller goes on. Only log4cxx's own exceptions are handled so; others pass through.
-// log4cxx does its own locking: any thread may log.
+// A thin layer over log4cxx. A log4cxx exception in writing a record never reaches the caller: it is reported on
+// standard error, and the caller goes on. Other exceptions, such as std::bad_alloc, pass through. log4cxx does its own
+// locking: any thread may log.
 //
 // A module holds its logger in a static object and makes records with the macros, which test the level first and
 // compose the text only when a record will be made of it:

@@ -18,19 +18,20 @@
 void setThreadName(std::thread& thread, const std::string& name);
 
 // ORVThread is a named thread whose body is `run` of a subclass. Nothing can end `run` from outside: `stop` requests
-// it, and `run` returns when it finds that the state is no longer `Running`.
+// the end, and `run` returns when it finds that the state is no longer `Running`.
 //
-//     Idle --start--> Starting --> Running --stopNoWait--> Stopping
-//      ^                 |            |                       |
-//      |                 +--stopNoWait (`run` is skipped)-----+
-//      |                              |                       v
-//      +-----------join---------------+------------------> Ended
+//     Idle     --start-->        Starting, and Idle again if the start fails
+//     Starting --thread runs-->  Running
+//     Starting --stopNoWait-->   Stopping, and `run` is skipped
+//     Running  --stopNoWait-->   Stopping
+//     Running, Stopping --`run` is over--> Ended --join--> Idle
 //
-// A joined thread may be started again. One owning thread calls `start`, `join`, `detach` and the destructor; any
-// thread may call the rest. State and priorities are under one mutex, which is held neither during `run` nor while a
-// join waits. A subclass must stop its `run` in its own destructor, before the members that `run` uses die.
+// A joined thread may be started again. One owning thread calls `start`, `stop`, `join`, `detach` and the destructor;
+// any thread may call the rest. State and priorities are under one mutex, which is held neither during `run` nor while
+// a join waits. A subclass must stop its `run` in its own destructor, before the members that `run` uses die.
 //
-// Start and end are recorded at DEBUG level, what fails at ERROR level, by the logger of `loggerName`.
+// The logger of `loggerName` records start and end at DEBUG level, and at ERROR level a failed start and scheduling
+// parameters that can't be read. A refused priority has no record.
 class ORVThread {
 public:
     // State is where the thread is in its life.
@@ -58,15 +59,16 @@ public:
     // the thread can't be made, that is logged, the state is `Idle` again and the failure is rethrown.
     void start();
 
-    // waitForStart waits until the start is over, at most `timeout` microseconds (more than 100 years count as 100) or,
-    // for 0 and less, without limit. It returns false if the time ran out on both the steady and the system clock. True
-    // only means that the wait ended in time: it waits once, and a spurious wake-up ends it too.
+    // waitForStart waits once for the end of the start, at most `timeout` microseconds (more than 100 years count as
+    // 100); 0 and less mean no limit. Unless the state is `Starting`, it returns true at once. It returns false if the
+    // time ran out on both the steady and the system clock. True does not prove a start, because a spurious wake-up
+    // ends the wait too.
     bool waitForStart(long timeout);
 
     // stop requests the thread's end and joins it.
     void stop();
 
-    // stopNoWait requests the thread's end. If the request comes before `run` was entered, `run` is never called.
+    // stopNoWait requests the thread's end. If the request comes while the state is `Starting`, `run` is never called.
     // Without a live thread it does nothing.
     void stopNoWait();
 

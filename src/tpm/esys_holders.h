@@ -45,7 +45,7 @@ struct ESysTransient : ESysResource {
     bool flush();
 };
 
-// ESysClosable holds an NV index or a persistent object, whose counterpart in the TPM must stay.
+// ESysClosable holds the stack's handle of an NV index or a persistent object. The object stays in the TPM.
 struct ESysClosable : ESysResource {
     using ESysResource::ESysResource;
     ESysClosable(ESysClosable&&) noexcept = default;

@@ -114,7 +114,7 @@ void recordError(const std::string& failure, TSS2_RC rc) {
     ORVLOG_ERROR(gs_pTallyLogger, "%s: %s (0x%x)", failure.c_str(), Tss2_RC_Decode(rc), rc);
 }
 
-// recordWarning is `recordError` for what the caller can do without.
+// recordWarning is `recordError` at WARN level, for a failure after which the caller goes on.
 void recordWarning(const std::string& failure, TSS2_RC rc) {
     ORVLOG_WARN(gs_pTallyLogger, "%s: %s (0x%x)", failure.c_str(), Tss2_RC_Decode(rc), rc);
 }
@@ -126,7 +126,7 @@ bool checkCall(TSS2_RC rc, const char* failure) {
     return rc == TSS2_RC_SUCCESS;
 }
 
-// checkOrWarn is `checkCall` for what the caller can do without.
+// checkOrWarn is `checkCall` with a warning instead of an error.
 bool checkOrWarn(TSS2_RC rc, const char* failure) {
     if (rc != TSS2_RC_SUCCESS)
         recordWarning(failure, rc);

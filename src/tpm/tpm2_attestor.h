@@ -146,8 +146,8 @@ public:
     // createEHPolSession returns a new policy session that authorises one use of the EK; an empty holder on failure.
     ESysTransient createEHPolSession();
 
-    // readNVIndex reads the whole NV index into `out`, in chunks of 512 bytes. On false `out` holds what was read until
-    // then.
+    // readNVIndex reads the whole NV index into `out`, in chunks of 512 bytes at most. On false `out` holds what was
+    // read until then.
     bool readNVIndex(ESYS_TR index, Bytes* out);
 
     // getEkPubkeyOssl returns the EK as an OpenSSL key.
@@ -168,8 +168,8 @@ public:
     // defineCounter makes the counter's NV index, never written.
     bool defineCounter();
 
-    // checkCounter tests kind and name of the index that the counter's handle refers to. One that was never written is
-    // incremented first, as it has no value before.
+    // checkCounter tests kind and name of the index that the counter's handle refers to. An index that was never
+    // written is incremented first, because it has no value yet.
     bool checkCounter();
 
     // incrementOpenCounter increments the counter once, after workaroundCounterRollbackOnClear.

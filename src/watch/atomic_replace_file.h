@@ -4,9 +4,9 @@
 #include <string>
 
 // AtomicReplaceFile is one replacement of the file at a path. The caller writes the new content to `m_strTemp`, which
-// is in the same directory, so that the rename of `commit` can't cross file systems. Unless the replacement was
-// committed, the destructor removes the temporary file: whatever ends it early, the old file stays as it was and
-// nothing else is left. Nothing is synced to disk.
+// is in the same directory, so that the rename of `commit` can't cross file systems. Without a commit the destructor
+// removes the temporary file, and the old file stays as it was. If the process is killed, the temporary file stays; the
+// next replacement overwrites it. Nothing is synced to disk.
 class AtomicReplaceFile {
 public:
     // AtomicReplaceFile prepares the replacement of the file at `path`; no file is touched yet.

@@ -44,8 +44,8 @@ public:
     // loadInput reads an input's file, judges and returns whether the list changed.
     bool loadInput(int inputId);
 
-    // recheckAll reads each input again whose file isn't the one that was read, judges for `now` and returns whether
-    // the list changed. So a change that no event reported is found at the next evaluation.
+    // recheckAll reads again each input whose file is no longer the one last read or could not be read, judges for
+    // `now` and returns whether the list changed. It finds changes that no event reported.
     bool recheckAll(int64_t now);
 
     // writeFeatures writes the features document for `now` and its newline to `stream`. It returns the next instant at

@@ -147,7 +147,8 @@ void FeatureSource::load() {
     report(refusal);
 }
 
-// report logs why the file counts as empty. A fault that lasts is logged once, however often the file is looked at.
+// report logs why the file counts as empty. A fault that may pass is logged once for each state of the files; an unfit
+// file at each reading.
 void FeatureSource::report(const std::optional<Refusal>& refusal) {
     if (!refusal || refusal->kind == Refusal::Kind::Absent) {
         m_oReported = Report();

@@ -77,15 +77,15 @@ public:
     // drop forgets what was read.
     void drop();
 
-    // wasDropped returns whether the last that happened was `drop`.
+    // wasDropped returns whether the input was dropped and has not been read since.
     bool wasDropped() const { return m_bDropped; }
 
     // fileExists returns whether the file is there now. One that can't be looked at counts as there.
     bool fileExists() const;
 
     // fileChanged returns whether the file, or the key's, isn't the one that was read last: replaced, written to,
-    // appeared, gone, dropped and still there, or not read because of a fault that may pass. To the latter belongs a
-    // serial number that isn't known yet. While such a fault lasts, its ERROR isn't repeated for the same file.
+    // appeared, gone, dropped and still there, or not read because of a fault that may pass, such as a serial number
+    // that isn't known yet. The ERROR of such a fault is not repeated while reason and files stay the same.
     bool fileChanged() const;
 
 private:

@@ -11,8 +11,8 @@ namespace {
 
 constexpr SizeLimit KEY_LIMIT = {64 * 1024, "64 KiB"};
 
-// loadKey puts the public key in the PEM file at `path` into `key`, because keys must not be moved, or returns why the
-// file cannot be used. A missing key is not a fault that passes by itself.
+// loadKey reads the public key from the PEM file at `path`, or returns why it cannot be used. `key` is an output
+// parameter because keys must not be moved. A missing key is not a fault that passes by itself.
 std::optional<Refusal> loadKey(const std::string& path, jwa::Key& key) {
     const std::string whatFails = "the key " + recordText(path) + " can't be used: ";
     std::string pem;

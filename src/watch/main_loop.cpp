@@ -84,7 +84,8 @@ bool MainLoop::start() {
         return false;
     g_timeout_add_seconds(HOURLY_SECONDS, class_callback<MainLoop, &MainLoop::hourly_timeout>::call, this);
     warnIfUnwatchable();
-    // What changes between the first reading and here gives no event; the next evaluation finds it by the file's state.
+    // A change between the first reading and this point causes no event; the next evaluation finds it by the file's
+    // state.
     return watchInput<0>() && watchInput<1>();
 }
 

@@ -244,8 +244,8 @@ constexpr std::uint64_t powerOf10(int exponent) {
     return powerOf5(exponent) << exponent;
 }
 
-// dropZeros drops `zeros` zeros at the end of the decimals if they are there. The count is a constant because division
-// by one is far cheaper.
+// dropZeros drops `zeros` zeros at the end of the decimals if they are there. The count is a template argument because
+// a division by a constant is far cheaper.
 template <int zeros>
 void dropZeros(Digits& number) {
     constexpr std::uint64_t POWER = powerOf10(zeros);

@@ -13,7 +13,7 @@
 // after the first one that cannot belong to the number.
 const char* jsonScanNumber(const char* text, double& value);
 
-// JSON_NUMBER_LENGTH is the greatest length of a number as text.
+// JSON_NUMBER_LENGTH is enough for every number as text.
 constexpr int JSON_NUMBER_LENGTH = 24;
 
 // jsonFormatNumber writes `value` with sixteen significant digits, as "%.16g" writes it, to `out`, which has room for

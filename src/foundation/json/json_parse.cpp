@@ -269,8 +269,9 @@ bool readUnit(const char* text, char16_t& unit) {
     return true;
 }
 
-// unicodeEscape converts the units of up to two escapes as they are: of a bad pair the first vanishes, as a lone low
-// surrogate does. Only a high one without any escape after it leaves a mark (kept: documents were written so).
+// unicodeEscape reads a "\u" escape, and after a high surrogate the next one as well. A surrogate that is not part of a
+// pair vanishes. Only a high one without a "\u" escape directly after it leaves a mark (kept: documents were written
+// so).
 bool Parser::unicodeEscape(std::string& out) {
     char16_t units[2];
     if (!readUnit(m_pText, units[0]) || units[0] == 0)

@@ -46,7 +46,7 @@ bool isArray(const JSON* value) {
     return value != nullptr && value->type == JSON::ArrayType;
 }
 
-// step returns the value that a segment leads to, or null. It goes by the tag, as all path operations do.
+// step returns the value that a segment leads to, or null. It goes by `type`, as all path operations do.
 const JSON* step(const JSON& value, const std::string& segment) {
     if (!isIndex(segment))
         return isObject(&value) ? value.get(segment) : nullptr;

@@ -31,7 +31,7 @@ uint64_t loadWord(const Unit* block, size_t n) {
     return word;
 }
 
-// unitedWords returns 64 bits with every bit that is set in the same place of one of a block's words.
+// unitedWords returns the bitwise or of a block's 64-bit words.
 template <class Unit>
 uint64_t unitedWords(const Unit* block) {
     uint64_t united = loadWord(block, 0);

@@ -33,7 +33,7 @@ OutUnit* writeWide(OutUnit* out, char32_t value) {
     return out;
 }
 
-// ShortForms is what a block of eight bytes holds, by a mark in the highest bit of bytes.
+// ShortForms marks, in the highest bit of each byte, what kind of byte a block of eight has there.
 struct ShortForms {
     uint64_t leads;  // lead bytes 110xxxxx
     uint64_t continuations;
@@ -124,8 +124,8 @@ template <class OutUnit>
     return convertShort(place);
 }
 
-// convertSound converts sound characters up to the first bad one or the last bytes of a stretch. No character
-// gives more units than it has bytes, so the stretch is cut to the room and need not be asked again.
+// convertSound converts sound characters up to the first bad one or the last bytes of a stretch. No character makes
+// more units than it has bytes. The stretch is cut to the room once, and the loops need not check the room.
 template <class Input, class OutUnit>
 void convertSound(Input& in, Output<OutUnit>& output) {
     const unsigned char* const end = in.at() + std::min(in.known(), output.left());

@@ -65,7 +65,8 @@ bool isMimeType(std::string_view text) {
     return true;
 }
 
-// parseMimeType decodes and checks the media type, into an empty text; the empty one stays empty.
+// parseMimeType decodes the media type into `mimeType`, which must be empty, and checks it; an empty media type passes.
+// Kept: "/jpg" becomes "image/jpeg" (docs/uris.md).
 bool parseMimeType(std::string_view escaped, std::string& mimeType) {
     if (!uriAppendUnescaped(mimeType, escaped))
         return false;

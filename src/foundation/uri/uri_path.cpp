@@ -10,13 +10,13 @@ namespace {
 
 constexpr UriBytes ALL_BYTES = UriBytes().addRange(0, 255);
 
-// SEGMENT_ENDS are the bytes at which a segment ends, and unless it is a slash the path does. PLAIN_BYTES need no
-// second look.
+// SEGMENT_ENDS are the bytes at which a segment ends; at all of them but the slash the path ends too. PLAIN_BYTES need
+// no second look.
 constexpr UriBytes SEGMENT_ENDS = UriBytes(std::string_view("/?#\0", 4));
 constexpr UriBytes SEGMENT_BYTES = UriBytes(ALL_BYTES).remove(std::string_view("/?#\0", 4));
 constexpr UriBytes PLAIN_BYTES = UriBytes(SEGMENT_BYTES).remove("%[");
 
-// USUAL_SEGMENTS are as many as most paths have at most.
+// USUAL_SEGMENTS is a number that the segments of most paths do not exceed.
 constexpr size_t USUAL_SEGMENTS = 4;
 
 constexpr std::string_view CURRENT = ".";
@@ -59,7 +59,8 @@ private:
     bool m_bMayHaveRegions;
 };
 
-// appendDecodedSegment decodes around regions, which it copies; false at a bad escape, after which nothing is written.
+// appendDecodedSegment decodes around regions, which it copies; false at a bad escape; the pieces after that one are
+// not written.
 bool appendDecodedSegment(std::string& out, std::string_view text) {
     bool valid = true;
     uriForEachPiece(

@@ -48,7 +48,8 @@ private:
 inline constexpr UriBytes URI_ALNUM = UriBytes().addRange('a', 'z').addRange('A', 'Z').addRange('0', '9');
 inline constexpr UriBytes URI_UNRESERVED = UriBytes(URI_ALNUM).add("-._~");
 
-// URI_USER_RAW are the bytes left unescaped in text for people, in any component: all but control characters and "%".
+// URI_USER_RAW are the bytes left unescaped in text for people, in any component: all but the bytes below the blank and
+// "%".
 inline constexpr UriBytes URI_USER_RAW = UriBytes().addRange(' ', 255).remove("%");
 
 // The bytes left raw in a segment: in escaped text, in that of a scheme that keeps "+", in the text for people.
@@ -114,7 +115,7 @@ bool uriHasValidEscapes(std::string_view text, bool skipPatterns);
 void uriAppendScheme(std::string& out, const URI::Origin& origin);
 void uriAppendHostPort(std::string& out, const URI::Origin& origin);
 
-// uriAppendPath writes a path with all bytes of its segments escaped but those in `keep`. uriPathLength returns the
-// length of that, at most, as long as nothing needs an escape.
+// uriAppendPath writes a path with all bytes of its segments escaped but those in `keep`. uriPathLength returns an
+// upper bound of its length, if nothing needs an escape.
 void uriAppendPath(std::string& out, const URI::Path& path, const UriBytes& keep, bool skipPatterns);
 size_t uriPathLength(const URI::Path& path);
