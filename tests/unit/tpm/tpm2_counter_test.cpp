@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "foundation/strfmt.h"
 #include "unit/tpm/tpm_fixture.h"
@@ -16,6 +15,7 @@ namespace {
 
 using testing::Contains;
 using testing::Not;
+using testing::UnorderedElementsAre;
 
 constexpr uint64_t UNTOUCHED = 0x1122334455667788;
 
@@ -47,6 +47,7 @@ const char* const LOOK_FOR_COUNTER = "Esys_GetCapability none none none 0x1 0x18
 const char* const READ_COUNTER_AREA = "Esys_NV_ReadPublic 0x18c811f 0x2000000 none none out null";
 const char* const AUDIT_ON = "Esys_TRSess_SetAttributes 0x2000000 0x80 0x80";
 const char* const AUDIT_OFF = "Esys_TRSess_SetAttributes 0x2000000 0x0 0x80";
+const char* const CLOSE_COUNTER = "Esys_TR_Close 0x18c811f";
 const char* const NAME_OF_COUNTER = "Esys_TR_GetName 0x18c811f out";
 
 const char* const DEFINING_TEMPORARY = "DEBUG defining new temporary workaround NV index";
@@ -56,17 +57,6 @@ const char* const ATTRIBUTE_MISMATCH =
 const char* const NAME_MISMATCH = "ERROR the tally counter NV index exists but is of the wrong type, name mismatch";
 const char* const NOT_RESTORED =
     "failed to restore session attributes after reading tally counter NV index public info";
-
-// CYCLE is one whole cycle on the temporary index, with nothing left over.
-const Lines CYCLE = {LOOK_FOR_TEMPORARY, DEFINE_TEMPORARY, INCREMENT_TEMPORARY, UNDEFINE_TEMPORARY};
-
-Lines joined(const std::vector<Lines>& parts) {
-    Lines result;
-    for (const Lines& part : parts) {
-        result.insert(result.end(), part.begin(), part.end());
-    }
-    return result;
-}
 
 // Counter is opened on a TPM whose EK an earlier run made; there is no counter yet.
 class Counter : public TPMTest {
@@ -146,11 +136,8 @@ TEST_F(Counter, FirstIncrementMakesTheCounterAndIncrementsTwice) {
     EXPECT_THAT(lines(),
                 ElementsAre("INFO tally counter NV index does not exist, creating",
                             "DEBUG defining tally counter NV index", DEFINING_TEMPORARY, CHECKED, DEFINING_TEMPORARY));
-    EXPECT_EQ(g_oFaults.calls(), joined({{LOOK_FOR_COUNTER, DEFINE_COUNTER, AUDIT_ON, READ_COUNTER_AREA, AUDIT_OFF},
-                                         CYCLE,
-                                         {INCREMENT_COUNTER, NAME_OF_COUNTER},
-                                         CYCLE,
-                                         {INCREMENT_COUNTER}}));
+    EXPECT_EQ(g_oFaults.calls("Esys_NV_Increment"),
+              Lines({INCREMENT_TEMPORARY, INCREMENT_COUNTER, INCREMENT_TEMPORARY, INCREMENT_COUNTER}));
     EXPECT_EQ(valueInTPM(), 3U);
     EXPECT_FALSE(exists(TEMPORARY));
     EXPECT_EQ(text.take(), "");
@@ -162,11 +149,9 @@ TEST_F(Counter, FirstReadingMakesTheCounterAndIncrementsOnce) {
     EXPECT_TRUE(attestor().readCounter(&value));
     EXPECT_THAT(lines(), ElementsAre("INFO tally counter NV index does not exist, creating",
                                      "DEBUG defining tally counter NV index", DEFINING_TEMPORARY, CHECKED));
-    EXPECT_EQ(g_oFaults.calls(), joined({{LOOK_FOR_COUNTER, DEFINE_COUNTER, AUDIT_ON, READ_COUNTER_AREA, AUDIT_OFF},
-                                         CYCLE,
-                                         {INCREMENT_COUNTER, NAME_OF_COUNTER,
-                                          "Esys_NV_Read 0x18c811f 0x18c811f 0x2000000 none none 0x8 0x0 out",
-                                          "Tss2_MU_UINT64_Unmarshal 0x8"}}));
+    EXPECT_EQ(g_oFaults.calls("Esys_NV_Increment"), Lines({INCREMENT_TEMPORARY, INCREMENT_COUNTER}));
+    EXPECT_THAT(g_oFaults.calls("Esys_NV_Read"),
+                ElementsAre("Esys_NV_Read 0x18c811f 0x18c811f 0x2000000 none none 0x8 0x0 out"));
     EXPECT_EQ(value, 2U);
     EXPECT_EQ(value, valueInTPM());
     EXPECT_EQ(text.take(), "");
@@ -182,12 +167,16 @@ TEST_F(Counter, IndexInTheTPMHasNameTypeAndSizeOfTheTemplate) {
 
 TEST_F(Counter, HeldCounterIsIncrementedByOneWithACycle) {
     holdCounter();
+    StderrText text;
     EXPECT_TRUE(attestor().incrementCounter());
     EXPECT_THAT(lines(), ElementsAre(DEFINING_TEMPORARY));
-    EXPECT_EQ(g_oFaults.calls(), joined({CYCLE, {INCREMENT_COUNTER}}));
+    EXPECT_THAT(g_oFaults.calls(), ElementsAre(LOOK_FOR_TEMPORARY, DEFINE_TEMPORARY, INCREMENT_TEMPORARY,
+                                               UNDEFINE_TEMPORARY, INCREMENT_COUNTER));
+    EXPECT_FALSE(exists(TEMPORARY));
     EXPECT_EQ(valueInTPM(), 3U);
     EXPECT_TRUE(attestor().incrementCounter());
     EXPECT_EQ(valueInTPM(), 4U);
+    EXPECT_EQ(text.take(), "");
 }
 
 TEST_F(Counter, HeldCounterIsReadWithoutAnyCheck) {
@@ -206,7 +195,8 @@ TEST_F(Counter, WrittenCounterIsCheckedOnly) {
     EXPECT_TRUE(attestor().readCounter(&value));
     EXPECT_EQ(value, 2U);
     EXPECT_THAT(lines(), ElementsAre(CHECKED));
-    EXPECT_THAT(g_oFaults.commands(), ElementsAre("GetCapability", "TR_FromTPMPublic", "NV_ReadPublic", "NV_Read"));
+    EXPECT_THAT(g_oFaults.commands(),
+                UnorderedElementsAre("GetCapability", "TR_FromTPMPublic", "NV_ReadPublic", "NV_Read"));
 }
 
 TEST_F(Counter, CounterThatWasNeverWrittenGetsItsValue) {
@@ -285,7 +275,7 @@ TEST_F(Counter, OpeningAgainClosesTheHandle) {
     holdCounter();
     StderrText text;
     EXPECT_TRUE(attestor().openCounter());
-    EXPECT_EQ(g_oFaults.calls().front(), "Esys_TR_Close 0x18c811f");
+    EXPECT_EQ(g_oFaults.calls("Esys_TR_Close"), Lines{CLOSE_COUNTER});
     EXPECT_THAT(lines(), ElementsAre(CHECKED));
     EXPECT_EQ(text.take(), "");
 }
@@ -327,7 +317,7 @@ TEST_F(Counter, DefiningClosesTheHandleThatIsHeld) {
     EXPECT_FALSE(attestor().defineCounter());
     EXPECT_THAT(lines(), ElementsAre("DEBUG defining tally counter NV index",
                                      "ERROR " + failedWith("failed defining tally counter NV index", 0x14c)));
-    EXPECT_THAT(g_oFaults.calls(), ElementsAre("Esys_TR_Close 0x18c811f", DEFINE_COUNTER));
+    EXPECT_THAT(g_oFaults.calls(), UnorderedElementsAre(CLOSE_COUNTER, DEFINE_COUNTER));
     EXPECT_EQ(valueInTPM(), 2U);
 }
 
@@ -357,7 +347,7 @@ TEST_F(Counter, AttributesMustBeExact) {
         EXPECT_FALSE(attestor().openCounter());
         EXPECT_THAT(lines(), ElementsAre(ATTRIBUTE_MISMATCH));
         EXPECT_THAT(g_oFaults.calls("Esys_NV_Increment"), IsEmpty());
-        EXPECT_EQ(g_oFaults.calls().back(), "Esys_TR_Close 0x18c811f");
+        EXPECT_EQ(g_oFaults.calls("Esys_TR_Close"), Lines{CLOSE_COUNTER});
         EXPECT_FALSE(attestor().incrementCounter());
         EXPECT_EQ(lines(), Lines(2, ATTRIBUTE_MISMATCH)) << "it is looked for and refused again";
         EXPECT_TRUE(exists(COUNTER)) << "it stays";
@@ -397,7 +387,7 @@ TEST_F(Counter, NameMustBeExact) {
             EXPECT_FALSE(attestor().openCounter());
             EXPECT_EQ(lines(), written ? Lines({NAME_MISMATCH}) : Lines({DEFINING_TEMPORARY, NAME_MISMATCH}));
             EXPECT_EQ(g_oFaults.made("Esys_NV_Increment"), written ? 0U : 2U);
-            EXPECT_EQ(g_oFaults.calls().back(), "Esys_TR_Close 0x18c811f");
+            EXPECT_EQ(g_oFaults.calls("Esys_TR_Close"), Lines{CLOSE_COUNTER});
             EXPECT_TRUE(exists(COUNTER));
             expectNotHeld();
             EXPECT_EQ(text.take(), "");
@@ -493,17 +483,6 @@ TEST_F(Counter, FailedInitialValueFailsTheCheck) {
 
 // --- the cycle on the temporary index
 
-TEST_F(Counter, NothingOfTheTemporaryIndexStays) {
-    holdCounter();
-    StderrText text;
-    EXPECT_TRUE(attestor().workaroundCounterRollbackOnClear());
-    EXPECT_EQ(g_oFaults.calls(), CYCLE);
-    EXPECT_THAT(lines(), ElementsAre(DEFINING_TEMPORARY));
-    EXPECT_FALSE(exists(TEMPORARY));
-    EXPECT_EQ(valueInTPM(), 2U);
-    EXPECT_EQ(text.take(), "");
-}
-
 TEST_F(Counter, UnwrittenLeftOverIsUsed) {
     holdCounter();
     define(TEMPORARY, OWN_ATTRIBUTES);
@@ -562,7 +541,7 @@ TEST_F(Counter, LeftOverOfAnotherKindStopsEveryIncrement) {
                                              "ERROR found different NV index at location of temporary workaround NV "
                                              "index, aborting"));
             EXPECT_THAT(g_oFaults.calls("Esys_NV_Increment"), IsEmpty());
-            EXPECT_EQ(g_oFaults.calls().back(), "Esys_TR_Close 0x18c8120");
+            EXPECT_EQ(g_oFaults.calls("Esys_TR_Close"), Lines{"Esys_TR_Close 0x18c8120"});
         }
         EXPECT_TRUE(exists(TEMPORARY)) << "it is left alone";
         EXPECT_EQ(valueInTPM(), 2U);

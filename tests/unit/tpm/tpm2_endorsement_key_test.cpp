@@ -16,6 +16,7 @@
 namespace {
 
 using testing::StartsWith;
+using testing::UnorderedElementsAre;
 
 // POLICY is the profile's default EK policy: PolicySecret of the endorsement hierarchy.
 const std::string POLICY = "837197674484b3f81a90cc8d46a5d724fd52d76e06520b64f2a1da1b331469aa";
@@ -108,8 +109,8 @@ protected:
         EXPECT_TRUE(attestor().createAK()) << "it is a good EK";
         clear();
         m_oTPM->endAttestor();
-        EXPECT_THAT(g_oFaults.calls(),
-                    ElementsAre("Esys_FlushContext 0x80000000", "Esys_FlushContext 0x2000000", "Esys_Finalize"));
+        EXPECT_THAT(g_oFaults.calls("Esys_FlushContext"),
+                    UnorderedElementsAre("Esys_FlushContext 0x80000000", "Esys_FlushContext 0x2000000"));
         EXPECT_EQ(text.take(), "");
         expectNothingLeft();
         EXPECT_EQ(persistentObjects(), "");
@@ -135,12 +136,12 @@ TEST_F(EndorsementKey, TemplateIsExactByteByByte) {
 
 TEST_F(EndorsementKey, FirstOpenCreatesAndSaves) {
     ASSERT_TRUE(attestor().open());
-    EXPECT_THAT(g_oFaults.commands(), ElementsAre("GetCapability", "GetCapability", "GetCapability", "CreatePrimary",
-                                                  "EvictControl", "StartAuthSession"));
+    EXPECT_THAT(g_oFaults.commands(), UnorderedElementsAre("GetCapability", "GetCapability", "GetCapability",
+                                                           "CreatePrimary", "EvictControl", "StartAuthSession"));
     const std::string question = "Esys_GetCapability none none none 0x1 ";
     EXPECT_THAT(g_oFaults.calls("Esys_GetCapability"),
-                ElementsAre(question + "0x1c0000c 0x1 null out", question + "0x1c0000b 0x1 null out",
-                            question + "0x8101000a 0x1 null out"));
+                UnorderedElementsAre(question + "0x1c0000c 0x1 null out", question + "0x1c0000b 0x1 null out",
+                                     question + "0x8101000a 0x1 null out"));
     EXPECT_THAT(g_oFaults.calls("Esys_CreatePrimary"), ElementsAre(createPrimaryCall(TEMPLATE_L2 + UNIQUE_0)));
     EXPECT_THAT(g_oFaults.calls("Esys_EvictControl"),
                 ElementsAre("Esys_EvictControl owner 0x80000000 password none none 0x8101000a &"));
@@ -371,8 +372,8 @@ TEST_F(EndorsementKey, FailedPrimaryBesideAnOccupiedSlotLeavesTheFieldsAsTheyWer
 
         clear();
         m_oTPM->endAttestor();
-        EXPECT_THAT(g_oFaults.calls(),
-                    ElementsAre("Esys_FlushContext 0x80000000", "Esys_FlushContext 0x2000000", "Esys_Finalize"));
+        EXPECT_THAT(g_oFaults.calls("Esys_FlushContext"),
+                    UnorderedElementsAre("Esys_FlushContext 0x80000000", "Esys_FlushContext 0x2000000"));
         EXPECT_EQ(text.take(), "");
         expectNothingLeft();
     }
@@ -807,7 +808,7 @@ TEST_F(EndorsementKey, FailedPolicySessionLeavesNothingInTheTPM) {
     EXPECT_THAT(lines(), ElementsAre("DEBUG TPM2 salted policy session established",
                                      "ERROR " + failedWith("failed to set secret on policy session for endorsement "
                                                            "hierarchy")));
-    EXPECT_EQ(g_oFaults.calls().back(), "Esys_FlushContext 0x3000001");
+    EXPECT_EQ(g_oFaults.calls("Esys_FlushContext"), Lines{"Esys_FlushContext 0x3000001"});
     EXPECT_EQ(loadedSessions(), before[0]);
 }
 
