@@ -26,7 +26,7 @@ bool inUse(int inputId) {
     return !g_oFeatureProvider.inputPath(inputId).empty();
 }
 
-// WatchProbe watches folders as GIO does, and by that finds out whether the kernel lets the process.
+// WatchProbe watches folders as GIO does, to find out whether the kernel allows it.
 class WatchProbe {
 public:
     WatchProbe() : m_nFd(inotify_init1(IN_CLOEXEC)) {}
@@ -90,8 +90,8 @@ bool MainLoop::start() {
 }
 
 // warnIfUnwatchable warns once if the kernel refuses to watch an input's folder, because GIO does not say so. The
-// daemon runs all the same: its evaluations find the changes, only later. All folders are watched at a time, as GIO
-// will have to, and before GIO does, because both draw on the same limits.
+// daemon runs all the same: its evaluations find the changes, only later. The probe watches all folders
+// at the same time, as GIO will, and is closed before GIO begins, because both use the same limits.
 void MainLoop::warnIfUnwatchable() {
     const WatchProbe probe;
     for (int inputId = 0; inputId < INPUT_COUNT; ++inputId) {
