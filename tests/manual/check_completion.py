@@ -7,12 +7,7 @@ import tempfile
 import unittest
 
 import commands
-from shells import PROMPT, Shell
-
-
-def offered_options(screen: str, line: str) -> set[str]:
-    listing = screen.replace(f"{PROMPT} {line}", " ")
-    return set(re.findall(r"(?:(?<=\s)|^)--?[A-Za-z][\w-]*", listing))
+from shells import SOURCE_TREE, Shell, offered_options
 
 
 class Completion(unittest.TestCase):
@@ -23,7 +18,7 @@ class Completion(unittest.TestCase):
         home = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
         (home / "folder").mkdir()
         (home / "answer.json").write_text("{}\n")
-        cls.shell = cls.enterClassContext(Shell(SHELL, home))
+        cls.shell = cls.enterClassContext(Shell(SHELL, home, SOURCE_TREE[SHELL]))
 
     def check_options(self, name: str, taken: dict[str, set[str]]):
         for command, options in taken.items():

@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import re
 import time
 
 import pexpect
@@ -16,23 +17,26 @@ QUIET = 0.1  # seconds without output, after which a listing that has begun coun
 PROMPT = "ready>"
 BASH = f"""
 . /usr/share/bash-completion/bash_completion
-for file in {COMPLETIONS}/bash/*; do . "$file"; done
 bind 'set completion-query-items 0'; bind 'set page-completions off'; bind 'set show-all-if-ambiguous on'
 bind 'set enable-bracketed-paste off'; bind 'set bell-style none'
 PS1='{PROMPT} '
 """
 ZSH = f"""
-fpath=({COMPLETIONS}/zsh $fpath)
 autoload -U compinit && compinit -u -D
 unsetopt beep; LISTMAX=0
 PS1='{PROMPT} '
 """
 FISH = f"""
-set -g fish_complete_path {COMPLETIONS}/fish $fish_complete_path
 set -g fish_greeting
 set -g fish_autosuggestion_enabled 0
 function fish_prompt; echo -n '{PROMPT} '; end
 """
+# What a shell runs to know the completions of the source tree; of the installed ones it knows by itself.
+SOURCE_TREE = {
+    "bash": f'for file in {COMPLETIONS}/bash/*; do . "$file"; done\n',
+    "zsh": f"fpath=({COMPLETIONS}/zsh $fpath)\n",
+    "fish": f"set -g fish_complete_path {COMPLETIONS}/fish $fish_complete_path\n",
+}
 
 
 def make_programs(home: pathlib.Path) -> pathlib.Path:
@@ -44,18 +48,27 @@ def make_programs(home: pathlib.Path) -> pathlib.Path:
     return folder
 
 
-class Shell:
-    """A shell in an empty home, whose current folder is the home. What it shows is on the screen."""
+def offered_options(screen: str, line: str) -> set[str]:
+    """The options in what a shell shows after TAB on this line."""
+    listing = screen.replace(f"{PROMPT} {line}", " ")
+    return set(re.findall(r"(?:(?<=\s)|^)--?[A-Za-z][\w-]*", listing))
 
-    def __init__(self, name: str, home: pathlib.Path):
+
+class Shell:
+    """A shell in an empty home, whose current folder is the home. What it shows is on the screen.
+
+    `start` is what it runs beside its settings: after them in bash, before them elsewhere.
+    """
+
+    def __init__(self, name: str, home: pathlib.Path, start: str = ""):
         self.name = name
         self.screen = pyte.Screen(COLUMNS, LINES)
         self.stream = pyte.Stream(self.screen)
-        (home / ".bashrc").write_text(BASH)
-        (home / ".zshrc").write_text(ZSH)
+        (home / ".bashrc").write_text(BASH + start)
+        (home / ".zshrc").write_text(start + ZSH)
         fish = home / ".config" / "fish"
         fish.mkdir(parents=True)
-        (fish / "config.fish").write_text(FISH)
+        (fish / "config.fish").write_text(start + FISH)
         programs = make_programs(home)
         environment = {
             "HOME": str(home),
