@@ -312,6 +312,14 @@ def is_alive(pid):
     return process_state(pid) not in (None, "Z", "X")
 
 
+def program_of(pid):
+    """A path of the file that the process runs; under an emulator, of the program that this was given."""
+    path = f"/proc/{pid}/exe"
+    if os.path.basename(os.readlink(path)).startswith("qemu-"):
+        return decode(read_file(f"/proc/{pid}/cmdline").split(b"\0")[1])
+    return path
+
+
 def processes_of(executable):
     """The living processes that run this file, by process id."""
     found = []
@@ -319,7 +327,7 @@ def processes_of(executable):
         if not entry.isdigit():
             continue
         with contextlib.suppress(OSError):
-            if os.path.samefile(f"/proc/{entry}/exe", executable) and is_alive(int(entry)):
+            if os.path.samefile(program_of(entry), executable) and is_alive(int(entry)):
                 found.append(int(entry))
     return sorted(found)
 
@@ -382,7 +390,8 @@ def preload(folder=WORK, **settings):
     library = os.path.join(folder, "preload.so")
     if not os.path.exists(library):
         source = os.path.join(HERE, "preload.c")
-        subprocess.run(["cc", "-Wall", "-Wextra", "-shared", "-fPIC", "-o", library, source, "-ldl"], check=True)
+        compiler = os.environ.get("CC", "cc")
+        subprocess.run([compiler, "-Wall", "-Wextra", "-shared", "-fPIC", "-o", library, source, "-ldl"], check=True)
     sanitizer = ":".join(filter(None, [agent_environment().get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
     return {"LD_PRELOAD": library, "ASAN_OPTIONS": sanitizer, **settings}
 
