@@ -84,6 +84,7 @@ USER = "featurewatch"
 
 LEVELS = ("DEBUG", "INFO", "WARN", "ERROR", "FATAL")
 DEFAULT_LIMIT = 10.0
+SLOWNESS = float(os.environ.get("TEST_SLOWNESS", "1"))  # how many times as long everything may take: under an emulator
 
 
 # --- waiting ----------------------------------------------------------------------------------------------------------
@@ -91,7 +92,7 @@ DEFAULT_LIMIT = 10.0
 
 def wait_for(condition, what, limit=DEFAULT_LIMIT):
     """Calls `condition` until it returns something true, which is handed back; fails after `limit` seconds."""
-    deadline = time.monotonic() + limit
+    deadline = time.monotonic() + limit * SLOWNESS
     while True:
         value = condition()
         if value:
@@ -448,7 +449,7 @@ def run_agent(*arguments, env=None, limit=DEFAULT_LIMIT, may_die=False, program=
         )
         try:
             timed_out = False
-            process.wait(limit)
+            process.wait(limit * SLOWNESS)
         except subprocess.TimeoutExpired:
             timed_out = True
             process.kill()
@@ -647,7 +648,7 @@ class Daemon:
 
     def wait(self, limit=DEFAULT_LIMIT):
         """The exit status of a daemon in the foreground."""
-        return self.process.wait(limit)
+        return self.process.wait(limit * SLOWNESS)
 
     def wait_until_gone(self, limit=DEFAULT_LIMIT):
         """Until neither the daemon nor its launcher lives."""
