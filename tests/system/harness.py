@@ -84,6 +84,7 @@ USER = "featurewatch"
 
 LEVELS = ("DEBUG", "INFO", "WARN", "ERROR", "FATAL")
 DEFAULT_LIMIT = 10.0
+SLOWNESS = float(os.environ.get("TEST_SLOWNESS", "1"))  # how many times as long everything may take: under an emulator
 
 
 # --- waiting ----------------------------------------------------------------------------------------------------------
@@ -91,7 +92,7 @@ DEFAULT_LIMIT = 10.0
 
 def wait_for(condition, what, limit=DEFAULT_LIMIT):
     """Calls `condition` until it returns something true, which is handed back; fails after `limit` seconds."""
-    deadline = time.monotonic() + limit
+    deadline = time.monotonic() + limit * SLOWNESS
     while True:
         value = condition()
         if value:
@@ -312,6 +313,14 @@ def is_alive(pid):
     return process_state(pid) not in (None, "Z", "X")
 
 
+def program_of(pid):
+    """A path of the file that the process runs; under an emulator, of the program that this was given."""
+    path = f"/proc/{pid}/exe"
+    if os.path.basename(os.readlink(path)).startswith("qemu-"):
+        return decode(read_file(f"/proc/{pid}/cmdline").split(b"\0")[1])
+    return path
+
+
 def processes_of(executable):
     """The living processes that run this file, by process id."""
     found = []
@@ -319,7 +328,7 @@ def processes_of(executable):
         if not entry.isdigit():
             continue
         with contextlib.suppress(OSError):
-            if os.path.samefile(f"/proc/{entry}/exe", executable) and is_alive(int(entry)):
+            if os.path.samefile(program_of(entry), executable) and is_alive(int(entry)):
                 found.append(int(entry))
     return sorted(found)
 
@@ -382,7 +391,8 @@ def preload(folder=WORK, **settings):
     library = os.path.join(folder, "preload.so")
     if not os.path.exists(library):
         source = os.path.join(HERE, "preload.c")
-        subprocess.run(["cc", "-Wall", "-Wextra", "-shared", "-fPIC", "-o", library, source, "-ldl"], check=True)
+        compiler = os.environ.get("CC", "cc")
+        subprocess.run([compiler, "-Wall", "-Wextra", "-shared", "-fPIC", "-o", library, source, "-ldl"], check=True)
     sanitizer = ":".join(filter(None, [agent_environment().get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
     return {"LD_PRELOAD": library, "ASAN_OPTIONS": sanitizer, **settings}
 
@@ -439,7 +449,7 @@ def run_agent(*arguments, env=None, limit=DEFAULT_LIMIT, may_die=False, program=
         )
         try:
             timed_out = False
-            process.wait(limit)
+            process.wait(limit * SLOWNESS)
         except subprocess.TimeoutExpired:
             timed_out = True
             process.kill()
@@ -638,7 +648,7 @@ class Daemon:
 
     def wait(self, limit=DEFAULT_LIMIT):
         """The exit status of a daemon in the foreground."""
-        return self.process.wait(limit)
+        return self.process.wait(limit * SLOWNESS)
 
     def wait_until_gone(self, limit=DEFAULT_LIMIT):
         """Until neither the daemon nor its launcher lives."""

@@ -22,6 +22,6 @@ function(orv_system_tests prefix)
         set_tests_properties(${prefix}.${id} PROPERTIES
             ENVIRONMENT "FEATUREWATCH=$<TARGET_FILE:featurewatch>;${ARGN}"
             SKIP_RETURN_CODE 77
-            TIMEOUT 120)
+            TIMEOUT ${test_timeout})
     endforeach()
 endfunction()

@@ -50,6 +50,7 @@ from harness import (
     install_features,
     preload,
     process_state,
+    program_of,
     read_file,
     read_pid_file,
     run_agent,
@@ -346,7 +347,7 @@ class PidFileTest(WatchTest):
         "The PID file holds the daemon's process id and a line feed."
         with Daemon() as daemon:
             self.assertEqual(read_file(PID_FILE), b"%d\n" % daemon.pid)
-            self.assertTrue(os.path.samefile(f"/proc/{daemon.pid}/exe", agent_path()))
+            self.assertTrue(os.path.samefile(program_of(daemon.pid), agent_path()))
 
     def test_pid_file_is_removed_at_the_end(self):
         "However the daemon is stopped, its PID file goes and the document stays."

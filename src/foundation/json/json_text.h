@@ -4,8 +4,10 @@
 #include <bit>
 #include <cstring>
 
-#ifdef __SSE2__
+#if defined(__SSE2__)
 #include <emmintrin.h>
+#elif defined(__ARM_NEON)
+#include <arm_neon.h>
 #endif
 
 // jsonIsWhitespace returns whether `c` is one of the four bytes that JSON counts as whitespace.
@@ -31,7 +33,7 @@ inline bool jsonIsPlain(char c) {
 }
 
 // jsonPlainPrefix returns how many of the JSON_BLOCK bytes at `text` are plain before the first that is not.
-#ifdef __SSE2__
+#if defined(__SSE2__)
 constexpr int JSON_BLOCK = 16;
 
 inline int jsonPlainPrefix(const char* text) {
@@ -41,6 +43,19 @@ inline int jsonPlainPrefix(const char* text) {
     const __m128i backslash = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'));
     const int found = _mm_movemask_epi8(_mm_or_si128(control, _mm_or_si128(quote, backslash)));
     return std::countr_zero(static_cast<unsigned>(found) | 1U << JSON_BLOCK);
+}
+#elif defined(__ARM_NEON)
+constexpr int JSON_BLOCK = 16;
+
+inline int jsonPlainPrefix(const char* text) {
+    const uint8x16_t bytes = vld1q_u8(reinterpret_cast<const uint8_t*>(text));
+    const uint8x16_t control = vcltq_u8(bytes, vdupq_n_u8(' '));
+    const uint8x16_t quote = vceqq_u8(bytes, vdupq_n_u8('"'));
+    const uint8x16_t backslash = vceqq_u8(bytes, vdupq_n_u8('\\'));
+    const uint8x16_t found = vorrq_u8(control, vorrq_u8(quote, backslash));
+    // Half of each byte remains, so that the sixteen fit into one register.
+    const uint8x8_t halves = vshrn_n_u16(vreinterpretq_u16_u8(found), 4);
+    return std::countr_zero(vget_lane_u64(vreinterpret_u64_u8(halves), 0)) / 4;
 }
 #else
 constexpr int JSON_BLOCK = 8;

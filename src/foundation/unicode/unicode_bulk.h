@@ -94,11 +94,14 @@ inline void copyAscii(const char32_t* in, unsigned char* out) {
 
 #else
 
-// copyAscii copies a block of ASCII.
+// copyAscii copies a block of ASCII. It takes the units into variables of its own, so that the compiler sees that
+// nothing overlaps.
 template <class Unit, class OutUnit>
 void copyAscii(const Unit* in, OutUnit* out) {
+    Unit block[BLOCK];
+    std::memcpy(block, in, sizeof block);
     for (ptrdiff_t i = 0; i < BLOCK; ++i)
-        out[i] = static_cast<OutUnit>(in[i]);
+        out[i] = static_cast<OutUnit>(block[i]);
 }
 
 #endif

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "foundation/json.h"
+#include "unit/rounds.h"
 
 namespace {
 
@@ -28,11 +29,11 @@ namespace {
 
 // Sanitizers multiply time and memory, but also the frames: fewer levels overrun the stack there just as surely.
 #ifdef JSON_DEPTH_SANITIZED
-constexpr std::size_t Deepest = 300000;
-constexpr std::size_t Deep = 30000;
+const std::size_t Deepest = rounds(300000);
+const std::size_t Deep = rounds(30000);
 #else
-constexpr std::size_t Deepest = 2000000;
-constexpr std::size_t Deep = 200000;
+const std::size_t Deepest = rounds(2000000);
+const std::size_t Deep = rounds(200000);
 #endif
 constexpr std::size_t SmallStack = 128 * 1024;
 

@@ -17,6 +17,7 @@
 
 #include "foundation/unicode.h"
 #include "unit/exact_buffer.h"
+#include "unit/rounds.h"
 
 namespace {
 
@@ -179,7 +180,7 @@ std::basic_string<Unit> randomOf(std::mt19937& random, const std::basic_string<U
     return text;
 }
 
-constexpr int RANDOM_CASES = 100000;
+const int RANDOM_CASES = rounds(100000);
 const std::u16string UTF16_EDGES = {'a',    0x80,   0x7FF,  0x800,  0xD7FF, 0xD800, 0xDBFF,
                                     0xDC00, 0xDFFF, 0xE000, 0xFFFF, 0xD83D, 0xDE00};
 const std::u32string UCS4_EDGES = {'a',    0x80,    0x7FF,    0x800,    0xD800,   0xDFFF,

@@ -14,6 +14,7 @@
 #include "foundation/unicode.h"
 #include "unit/exact_buffer.h"
 #include "unit/foundation/unicode_model.h"
+#include "unit/rounds.h"
 
 namespace {
 
@@ -589,7 +590,7 @@ void checkMaxNW(const std::string& text, size_t room) {
 
 // ---- Random text against the model ----
 
-constexpr int RANDOM_CASES = 100000;
+const int RANDOM_CASES = rounds(100000);
 
 class RandomText {
 public:

@@ -12,6 +12,7 @@
 #include "foundation/uri.h"
 #include "unit/exact_buffer.h"
 #include "unit/foundation/uri_escape_model.h"
+#include "unit/rounds.h"
 
 namespace {
 
@@ -636,7 +637,7 @@ TEST(UriMakeQuery, RegionsAreOffByDefault) {
 
 // ---- Random text ----
 
-constexpr int CASES = 100000;
+const int CASES = rounds(100000);
 
 // RandomText makes texts from the pieces that matter and from any bytes. Most are longer than a string's inner buffer,
 // so that their block ends with them.

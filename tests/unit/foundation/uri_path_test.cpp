@@ -16,6 +16,7 @@
 #include "foundation/uri.h"
 #include "unit/exact_buffer.h"
 #include "unit/foundation/uri_path_model.h"
+#include "unit/rounds.h"
 
 namespace {
 
@@ -918,7 +919,7 @@ TEST(UriPathSelf, CountsAsAnyOther) {
 
 // ---- Random paths and texts ----
 
-constexpr int CASES = 100000;
+const int CASES = rounds(100000);
 
 class Source {
 public:

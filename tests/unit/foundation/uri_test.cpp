@@ -16,6 +16,7 @@
 #include "unit/exact_buffer.h"
 #include "unit/foundation/dot_segments_model.h"
 #include "unit/foundation/even_growth.h"
+#include "unit/rounds.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ using namespace std::string_literals;
 using Origin = URI::Origin;
 using Path = URI::Path;
 
-constexpr int RANDOM_CASES = 100000;
+const int RANDOM_CASES = rounds(100000);
 
 // parse parses a copy of `text` that has nothing readable after its terminator.
 URI parse(const std::string& text, bool skipPatterns = false) {

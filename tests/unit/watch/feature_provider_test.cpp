@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "unit/record_collector.h"
+#include "unit/rounds.h"
 #include "unit/watch/feature_list_model.h"
 #include "unit/watch/grant_signer.h"
 #include "watch/clock.h"
@@ -55,7 +56,7 @@ class FeatureProviderTest : public testing::Test {
 protected:
     // A hang is a failure: SIGALRM ends the program.
     FeatureProviderTest() {
-        alarm(110);
+        alarm(patience(110));
         m_oProvider.init(NOW);
     }
     ~FeatureProviderTest() override {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "unit/record_collector.h"
+#include "unit/rounds.h"
 #include "unit/watch/device_serial.h"
 #include "watch/feature_source.h"
 
@@ -39,7 +40,7 @@ class FeatureSourceTest : public testing::Test {
 protected:
     // A hang is a failure: SIGALRM ends the program.
     FeatureSourceTest() : m_oSource(path(), "installed") {
-        alarm(60);
+        alarm(patience(60));
         setSerial("0000abcd");
     }
     ~FeatureSourceTest() override {

@@ -15,6 +15,7 @@
 
 #include "foundation/strfmt.h"
 #include "unit/record_collector.h"
+#include "unit/rounds.h"
 #include "unit/watch/device_serial.h"
 #include "unit/watch/grant_signer.h"
 #include "watch/feature_source.h"
@@ -42,7 +43,7 @@ class GrantSourceTest : public testing::Test {
 protected:
     // A hang is a failure: SIGALRM ends the program.
     GrantSourceTest() : m_oSource(path(), "granted", keyPath()) {
-        alarm(100);
+        alarm(patience(100));
         setSerial("0000abcd");
         installKey(ES256);
     }

@@ -21,6 +21,7 @@
 
 #include "identity/orv_serial.h"
 #include "unit/record_collector.h"
+#include "unit/rounds.h"
 #include "unit/watch/grant_signer.h"
 #include "watch/clock.h"
 #include "watch/feature_provider.h"
@@ -106,7 +107,7 @@ protected:
     // A hang is a failure: SIGALRM ends the program. The first test that runs is the one that learns the serial number,
     // so each forgets it.
     PassingFaults() {
-        alarm(60);
+        alarm(patience(60));
         ORVSerial::ms_bLoaded = false;
         ORVSerial::ms_bHasSerialNumber = false;
         TempFolder::writeTo(INSTALLED, R"({"features":[{"name":"installed"}]})");

@@ -27,6 +27,7 @@
 
 #include "unit/own_process.h"
 #include "unit/record_collector.h"
+#include "unit/rounds.h"
 #include "watch/script_launcher.h"
 
 namespace {
@@ -125,7 +126,7 @@ int newDescriptor(const Descriptors& before) {
 class ScriptLauncherTest : public testing::Test {
 protected:
     // A hang is a failure: SIGALRM ends the program.
-    ScriptLauncherTest() : m_pOldPipeHandler(signal(SIGPIPE, SIG_IGN)) { alarm(60); }
+    ScriptLauncherTest() : m_pOldPipeHandler(signal(SIGPIPE, SIG_IGN)) { alarm(patience(60)); }
     ~ScriptLauncherTest() override {
         alarm(0);
         signal(SIGPIPE, m_pOldPipeHandler);
