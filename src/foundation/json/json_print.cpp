@@ -57,19 +57,17 @@ public:
         m_pNext += count;
     }
 
-    // addQuotedIfPlain adds a short text in quotes and returns true if none of its bytes needs an escape. The text is
-    // copied first: in the block it may be searched in steps beyond its end, where quotes end the search.
+    // addQuotedIfPlain adds a short text in quotes and returns true if none of its bytes needs an escape.
     bool addQuotedIfPlain(const char* first, const char* last) {
         const auto count = static_cast<std::size_t>(last - first);
         if (count > MAX_SHORT)
             return false;
-        char* const text = room(1 + count + JSON_BLOCK) + 1;
-        text[-1] = '"';
-        std::memcpy(text, first, count);
-        std::memset(text + count, '"', JSON_BLOCK);
-        if (jsonPlainRunEnd(text, text + count + JSON_BLOCK) != text + count)
+        char* const text = room(count + 2);
+        text[0] = '"';
+        if (!jsonCopyPlain(text + 1, first, count))
             return false;
-        m_pNext = text + count + 1;
+        text[1 + count] = '"';
+        m_pNext = text + count + 2;
         return true;
     }
 
