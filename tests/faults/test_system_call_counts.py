@@ -22,6 +22,7 @@ class SystemCallCountTest(WatchTest):
         self.traced = self.enterContext(Traced(daemon_arguments()))
         self.assertEqual(self.traced.wait_for_end(STARTER), 0)
         self.pid = self.traced.pid_of(DAEMON)
+        self.wait_for_record(("INFO", f"featurewatch started with PID {self.pid}"))
 
     def tearDown(self):
         os.kill(self.pid, signal.SIGTERM)
