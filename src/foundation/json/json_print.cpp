@@ -78,14 +78,19 @@ public:
             add('\t');
     }
 
+    // flush lets the string grow fourfold up to 1 MB: each growth is memory that the kernel has to hand out anew.
     void flush() {
-        m_out.append(m_aBlock, m_pNext);
+        const auto count = static_cast<std::size_t>(m_pNext - m_aBlock);
+        if (m_out.capacity() - m_out.size() < count && m_out.size() >= BLOCK && m_out.size() < MAX_QUICK_GROWTH)
+            m_out.reserve(4 * m_out.capacity());
+        m_out.append(m_aBlock, count);
         m_pNext = m_aBlock;
     }
 
 private:
     static constexpr std::size_t BLOCK = 4096;
     static constexpr std::size_t MAX_SHORT = 256;
+    static constexpr std::size_t MAX_QUICK_GROWTH = 1 << 20;
 
     // room returns a place for `count` bytes, at most BLOCK.
     char* room(std::size_t count) {

@@ -68,7 +68,7 @@ TEST(AllocationCount, PrintingTakesTheTextAndTheListOfOpenContainers) {
     });
 }
 
-// The text doubles as it grows: 15 kB come after the first block of 4 kB.
+// The text of 15 kB grows twice after its first block of 4 kB.
 TEST(AllocationCount, PrintingALongDocumentTakesFewMore) {
     const JSON::root tree = JSON::parse(document());
     expectCost(6, [&] {
