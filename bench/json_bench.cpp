@@ -4,7 +4,9 @@
 // Each benchmark is named operation/document/library. The documents are the same in every run.
 //
 // With --documents=FOLDER only the .json files of that folder count: each library takes its turn in each round, and the
-// ratios are printed beside each other.
+// ratios are printed beside each other, with the heap that a tree takes at the peak of reading it.
+//
+// With --growth the feed of 1, 10 and 100 MB is read and printed by us and by nlohmann-json, in turns.
 
 #include <benchmark/benchmark.h>
 #include <jansson.h>
@@ -29,6 +31,7 @@
 #include <vector>
 
 #include "foundation/json.h"
+#include "heap_peak.h"
 #include "rounds.h"
 
 namespace {
@@ -255,6 +258,14 @@ rounds::Contestant printer(const std::string& text) {
     return {Library::NAME, [tree] { benchmark::DoNotOptimize(Library::print(*tree)); }};
 }
 
+// heapPerByte returns how many bytes of the heap reading holds at its peak for each byte of text.
+template <class Library>
+double heapPerByte(const std::string& text) {
+    const HeapPeak peak;
+    benchmark::DoNotOptimize(Library::good(Library::parse(text)));
+    return static_cast<double>(peak.bytes()) / static_cast<double>(text.size());
+}
+
 void compareOn(const std::filesystem::path& file) {
     std::ifstream in(file, std::ios::binary);
     const std::string text(std::istreambuf_iterator<char>(in), {});
@@ -265,6 +276,8 @@ void compareOn(const std::filesystem::path& file) {
     const std::string name = file.stem();
     rounds::printRow("parse " + name, {parser<Ours>(text), parser<Nlohmann>(text), parser<RapidJson>(text)}, 1);
     rounds::printRow("print " + name, {printer<Ours>(text), printer<Nlohmann>(text), printer<RapidJson>(text)}, 1);
+    std::printf("%-32s %s %10.2f      %s %.2f\n", ("bytes per byte " + name).c_str(), Ours::NAME,
+                heapPerByte<Ours>(text), Nlohmann::NAME, heapPerByte<Nlohmann>(text));
 }
 
 void compareOnFolder(const std::string& folder) {
@@ -277,12 +290,27 @@ void compareOnFolder(const std::string& folder) {
         compareOn(file);
 }
 
+// compareGrowth shows how the time per megabyte grows with the document, ours beside nlohmann's.
+void compareGrowth() {
+    for (const std::size_t megabytes : {1, 10, 100}) {
+        const std::string text = feed(megabytes * MEGABYTE);
+        const std::string name = std::to_string(megabytes) + " MB, per MB";
+        const auto pieces = static_cast<double>(megabytes);
+        rounds::printRow("parse " + name, {parser<Ours>(text), parser<Nlohmann>(text)}, pieces);
+        rounds::printRow("print " + name, {printer<Ours>(text), printer<Nlohmann>(text)}, pieces);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     constexpr std::string_view DOCUMENTS = "--documents=";
     if (argc == 2 && std::string_view(argv[1]).starts_with(DOCUMENTS)) {
         compareOnFolder(argv[1] + DOCUMENTS.size());
+        return 0;
+    }
+    if (argc == 2 && std::string_view(argv[1]) == "--growth") {
+        compareGrowth();
         return 0;
     }
     benchmark::Initialize(&argc, argv);

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "foundation/base64.h"
+#include "foundation/uri/uri_output.h"
 #include "foundation/uri/uri_text.h"
 
 namespace {
@@ -85,42 +86,58 @@ bool parse(const char* text, URI& uri, bool skipPatterns) {
 
 // --- printing --------------------------------------------------------------------------------------------------------
 
-// appendAuthority writes "//" and the authority. Without a host only "udp" and "rtp" have one: their port is where a
+// putAuthority writes "//" and the authority. Without a host only "udp" and "rtp" have one: their port is where a
 // multicast is received.
-void appendAuthority(std::string& out, const URI::Origin& origin, const std::string& userInfo) {
+void putAuthority(UriOutput& out, const URI::Origin& origin, std::string_view userInfo) {
     if (!origin.host.empty()) {
-        out += "//";
-        if (!userInfo.empty())
-            (out += userInfo) += '@';
-        uriAppendHostPort(out, origin);
+        out.put("//");
+        if (!userInfo.empty()) {
+            out.put(userInfo);
+            out.put('@');
+        }
+        uriPutHostPort(out, origin);
     } else if (origin.scheme == "udp" || origin.scheme == "rtp") {
-        out += "//@";
-        uriAppendHostPort(out, origin);
+        out.put("//@");
+        uriPutHostPort(out, origin);
     }
 }
 
-void appendMarked(std::string& out, char mark, const std::string& component) {
-    if (!component.empty())
-        (out += mark) += component;
+void putMarked(UriOutput& out, char mark, std::string_view component) {
+    if (component.empty())
+        return;
+    out.put(mark);
+    out.put(component);
 }
 
-// textLength returns an upper bound of the length of the escaped text, if nothing needs an escape.
-size_t textLength(const URI& uri) {
-    constexpr size_t marks = std::string_view(":///@[]:65535?#").size();
-    return uri.origin.scheme.size() + uri.userInfo.size() + uri.origin.host.size() + uriPathLength(uri.path) +
-           uri.query.size() + uri.fragment.size() + marks;
+void putMimeType(UriOutput& out, const URI::Data& data) {
+    static constexpr UriEscaping escaping(UriBytes(URI_UNRESERVED).add("!$&'()*+=;:@/[]\""));
+    out.putEscaped(data.mimeType, escaping);
 }
 
-std::string mimeTypeText(const URI::Data& data) {
-    return URI::escapeURIComponent(data.mimeType, "!$&'()*+=;:@/[]\"");
+void putData(UriOutput& out, const URI::Data& data) {
+    putMimeType(out, data);
+    out.put(";base64,");
+    out.put(orv::base64Encode(data.bytes.data(), data.bytes.size()));
 }
 
-std::string dataText(const URI::Data& data) {
-    return mimeTypeText(data) + ";base64," + orv::base64Encode(data.bytes.data(), data.bytes.size());
+void putUserData(UriOutput& out, const URI::Data& data) {
+    putMimeType(out, data);
+    out.put(",[...]");
 }
 
-std::string dataUserText(const URI::Data& data) {
-    return mimeTypeText(data) + ",[...]";
+// print returns the text of `uri`, whose scheme is written here, and all that follows by one of the two: `putContent`
+// for a data URI with its data, `putRest` for any other.
+template <typename PutContent, typename PutRest>
+std::string print(const URI& uri, PutContent&& putContent, PutRest&& putRest) {
+    std::string text;
+    UriOutput out(text);
+    uriPutScheme(out, uri.origin);
+    if (uri.origin.scheme != DATA_SCHEME)
+        putRest(out);
+    else if (uri.data != nullptr)
+        putContent(out, *uri.data);
+    out.flush();
+    return text;
 }
 
 // --- resolving -------------------------------------------------------------------------------------------------------
@@ -187,31 +204,23 @@ URI URI::commonBase(const URI& a, const URI& b) {
 }
 
 std::string URI::toString(bool skipPatterns) const {
-    std::string text;
-    text.reserve(textLength(*this));
-    uriAppendScheme(text, origin);
-    if (origin.scheme == DATA_SCHEME)
-        return data == nullptr ? text : text + dataText(*data);
-    appendAuthority(text, origin, userInfo);
-    if (!isEmpty(path))
-        uriAppendPath(text, path, origin.scheme == "rtsp" ? URI_PATH_RAW_PLUS : URI_PATH_RAW, skipPatterns);
-    appendMarked(text, '?', query);
-    appendMarked(text, '#', fragment);
-    return text;
+    return print(*this, putData, [&](UriOutput& out) {
+        putAuthority(out, origin, userInfo);
+        if (!isEmpty(path))
+            uriPutPath(out, path, origin.scheme == "rtsp" ? URI_PATH_ESCAPING_PLUS : URI_PATH_ESCAPING, skipPatterns);
+        putMarked(out, '?', query);
+        putMarked(out, '#', fragment);
+    });
 }
 
 std::string URI::toUserString(bool skipPatterns) const {
-    std::string text;
-    text.reserve(textLength(*this));
-    uriAppendScheme(text, origin);
-    if (origin.scheme == DATA_SCHEME)
-        return data == nullptr ? text : text + dataUserText(*data);
-    appendAuthority(text, origin, smartUnescapeURIComponent(userInfo, "@:/?#[]"));
-    if (!isEmpty(path))
-        uriAppendPath(text, path, URI_PATH_USER_RAW, skipPatterns);
-    appendMarked(text, '?', smartUnescapeURIComponent(query, "&=#", skipPatterns));
-    appendMarked(text, '#', smartUnescapeURIComponent(fragment, "#", skipPatterns));
-    return text;
+    return print(*this, putUserData, [&](UriOutput& out) {
+        putAuthority(out, origin, smartUnescapeURIComponent(userInfo, "@:/?#[]"));
+        if (!isEmpty(path))
+            uriPutPath(out, path, URI_PATH_USER_ESCAPING, skipPatterns);
+        putMarked(out, '?', smartUnescapeURIComponent(query, "&=#", skipPatterns));
+        putMarked(out, '#', smartUnescapeURIComponent(fragment, "#", skipPatterns));
+    });
 }
 
 std::string URI::getFileName() const {

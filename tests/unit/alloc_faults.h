@@ -10,12 +10,13 @@
 #include <functional>
 #include <new>
 
-// AllocFaults decides which allocations of this thread fail and counts the living ones.
+// AllocFaults decides which allocations of this thread fail and counts those made and the living ones.
 struct AllocFaults {
     enum Mode { Off, One, AllFollowing };
     Mode mode = Off;
     std::size_t untilFault = 0;
     bool hit = false;
+    std::size_t made = 0;
     std::ptrdiff_t living = 0;
 
     bool fails() {
@@ -36,8 +37,10 @@ inline void* allocate(std::size_t size) {
     if (gs_oAllocFaults.fails())
         return nullptr;
     void* const block = std::malloc(size == 0 ? 1 : size);
-    if (block != nullptr)
+    if (block != nullptr) {
+        ++gs_oAllocFaults.made;
         ++gs_oAllocFaults.living;
+    }
     return block;
 }
 

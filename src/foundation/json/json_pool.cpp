@@ -42,8 +42,9 @@ public:
     void leaveSlab();
 
 private:
-    static constexpr std::size_t MIN_SLAB = 1000;  // small enough for the heap's own cache of free blocks
-    static constexpr std::size_t MAX_SLAB = 4000;  // so much one long-lived value may hold back
+    static constexpr std::size_t SMALL_SLAB = 1000;  // glibc's heap keeps such blocks at hand and merges none for them
+    static constexpr std::size_t LARGE_SLAB = 4000;  // so much one long-lived value may hold back
+    static constexpr int SMALL_SLABS = 64;           // as many serve a small document
 
     void newSlab(std::size_t needed);
 
@@ -51,7 +52,7 @@ private:
     char* m_pNext = nullptr;
     char* m_pEnd = nullptr;
     std::int64_t m_nMade = 0;
-    std::size_t m_nSlabSize = MIN_SLAB;  // of the next slab
+    int m_nSlabs = 0;  // made since this thread's last slab was empty
 };
 
 constinit thread_local Pool gs_oPool;
@@ -72,14 +73,15 @@ void Pool::leaveSlab() {
 
 void Pool::newSlab(std::size_t needed) {
     gs_oPoolEnd.arm();
-    const std::size_t size = std::max(m_nSlabSize, sizeof(Slab) + needed);
+    const std::size_t usual = m_nSlabs < SMALL_SLABS ? SMALL_SLAB : LARGE_SLAB;
+    const std::size_t size = std::max(usual, sizeof(Slab) + needed);
     void* const memory = ::operator new(size);
     leaveSlab();
     m_pSlab = new (memory) Slab;
     m_pNext = static_cast<char*>(memory) + sizeof(Slab);
     m_pEnd = static_cast<char*>(memory) + size;
     m_nMade = 0;
-    m_nSlabSize = std::min(2 * m_nSlabSize, MAX_SLAB);
+    m_nSlabs = std::min(m_nSlabs + 1, SMALL_SLABS);
 }
 
 void* Pool::allocate(std::size_t size) {
@@ -102,7 +104,7 @@ void Pool::release(void* value) {
         ::operator delete(slab);
     } else if (slab == m_pSlab && left == Slab::OWNER - m_nMade) {
         leaveSlab();
-        m_nSlabSize = MIN_SLAB;
+        m_nSlabs = 0;
     }
 }
 

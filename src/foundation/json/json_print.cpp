@@ -57,19 +57,17 @@ public:
         m_pNext += count;
     }
 
-    // addQuotedIfPlain adds a short text in quotes and returns true if none of its bytes needs an escape. The text is
-    // copied first: in the block it may be searched in steps beyond its end, where quotes end the search.
+    // addQuotedIfPlain adds a short text in quotes and returns true if none of its bytes needs an escape.
     bool addQuotedIfPlain(const char* first, const char* last) {
         const auto count = static_cast<std::size_t>(last - first);
         if (count > MAX_SHORT)
             return false;
-        char* const text = room(1 + count + JSON_BLOCK) + 1;
-        text[-1] = '"';
-        std::memcpy(text, first, count);
-        std::memset(text + count, '"', JSON_BLOCK);
-        if (jsonPlainRunEnd(text, text + count + JSON_BLOCK) != text + count)
+        char* const text = room(count + 2);
+        text[0] = '"';
+        if (!jsonCopyPlain(text + 1, first, count))
             return false;
-        m_pNext = text + count + 1;
+        text[1 + count] = '"';
+        m_pNext = text + count + 2;
         return true;
     }
 
@@ -80,14 +78,19 @@ public:
             add('\t');
     }
 
+    // flush lets the string grow fourfold up to 1 MB: each growth is memory that the kernel has to hand out anew.
     void flush() {
-        m_out.append(m_aBlock, m_pNext);
+        const auto count = static_cast<std::size_t>(m_pNext - m_aBlock);
+        if (m_out.capacity() - m_out.size() < count && m_out.size() >= BLOCK && m_out.size() < MAX_QUICK_GROWTH)
+            m_out.reserve(4 * m_out.capacity());
+        m_out.append(m_aBlock, count);
         m_pNext = m_aBlock;
     }
 
 private:
     static constexpr std::size_t BLOCK = 4096;
     static constexpr std::size_t MAX_SHORT = 256;
+    static constexpr std::size_t MAX_QUICK_GROWTH = 1 << 20;
 
     // room returns a place for `count` bytes, at most BLOCK.
     char* room(std::size_t count) {

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <bit>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 #if defined(__SSE2__)
@@ -81,4 +83,55 @@ inline const char* jsonPlainRunEnd(const char* text, const char* end) {
     while (jsonIsPlain(*text))
         ++text;
     return text;
+}
+
+// jsonIsPlainWord returns whether the eight bytes of `word` are plain. A byte below a limit borrows when the limit is
+// taken from it, and a byte that equals a character is below 1 once that was crossed out.
+constexpr bool jsonIsPlainWord(std::uint64_t word) {
+    constexpr std::uint64_t each = 0x0101010101010101;
+    const auto below = [](std::uint64_t bytes, unsigned char limit) {
+        return (bytes - each * limit) & ~bytes & each * 0x80;
+    };
+    return (below(word, ' ') | below(word ^ each * '"', 1) | below(word ^ each * '\\', 1)) == 0;
+}
+
+// jsonCopyEnds copies a text of one to two times the size of a Word, as its first and its last Word, and returns
+// whether it is plain.
+template <class Word>
+bool jsonCopyEnds(char* out, const char* text, std::size_t count) {
+    Word first;
+    Word last;
+    std::memcpy(&first, text, sizeof first);
+    std::memcpy(&last, text + count - sizeof last, sizeof last);
+    std::memcpy(out, &first, sizeof first);
+    std::memcpy(out + count - sizeof last, &last, sizeof last);
+    if constexpr (sizeof(Word) == 8)
+        return jsonIsPlainWord(first) && jsonIsPlainWord(last);
+    else
+        return jsonIsPlainWord(first | std::uint64_t{last} << 32);
+}
+
+// jsonCopyPlain copies `count` bytes and returns whether all are plain; if not, what it wrote means nothing. It looks
+// at the bytes on their way: just written ones would have to be waited for.
+inline bool jsonCopyPlain(char* out, const char* text, std::size_t count) {
+    if (count < 4) {
+        bool plain = true;
+        for (std::size_t i = 0; i < count; ++i) {
+            out[i] = text[i];
+            plain = plain && jsonIsPlain(text[i]);
+        }
+        return plain;
+    }
+    if (count < 8)
+        return jsonCopyEnds<std::uint32_t>(out, text, count);
+    if (count <= 16)
+        return jsonCopyEnds<std::uint64_t>(out, text, count);
+    const std::size_t last = count - JSON_BLOCK;
+    std::memcpy(out + last, text + last, JSON_BLOCK);
+    bool plain = jsonPlainPrefix(text + last) == JSON_BLOCK;
+    for (std::size_t i = 0; i < last && plain; i += JSON_BLOCK) {
+        std::memcpy(out + i, text + i, JSON_BLOCK);
+        plain = jsonPlainPrefix(text + i) == JSON_BLOCK;
+    }
+    return plain;
 }

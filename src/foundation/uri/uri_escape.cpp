@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "foundation/uri/uri_output.h"
 #include "foundation/uri/uri_region.h"
 #include "foundation/uri/uri_text.h"
 
@@ -25,51 +26,6 @@ void appendAround(std::string& out, std::string_view text, Append&& append) {
     uriForEachPiece(text, append, [&](std::string_view region) { out += region; });
 }
 
-// Appender appends bytes to a text in blocks, so that what comes byte by byte costs a store each. `flush` comes last.
-class Appender {
-public:
-    explicit Appender(std::string& out) : m_strOut(out) {}
-
-    void put(std::string_view run) {
-        if (run.size() > BLOCK - m_nUsed)
-            flush();
-        if (run.size() > BLOCK) {
-            m_strOut += run;
-            return;
-        }
-        std::copy(run.begin(), run.end(), m_aBlock + m_nUsed);
-        m_nUsed += run.size();
-    }
-
-    void put(char byte) {
-        if (m_nUsed == BLOCK)
-            flush();
-        m_aBlock[m_nUsed++] = byte;
-    }
-
-    void putEscape(char c) {
-        constexpr const char* digits = "0123456789ABCDEF";
-        if (BLOCK - m_nUsed < 3)
-            flush();
-        const auto byte = static_cast<unsigned char>(c);
-        m_aBlock[m_nUsed++] = '%';
-        m_aBlock[m_nUsed++] = digits[byte >> 4];
-        m_aBlock[m_nUsed++] = digits[byte & 15];
-    }
-
-    void flush() {
-        m_strOut.append(m_aBlock, m_nUsed);
-        m_nUsed = 0;
-    }
-
-private:
-    static constexpr size_t BLOCK = 256;
-
-    std::string& m_strOut;
-    size_t m_nUsed = 0;
-    char m_aBlock[BLOCK];
-};
-
 // runEnd returns the first place from `at` on whose byte is not in `bytes`.
 size_t runEnd(std::string_view text, size_t at, const UriBytes& bytes) {
     while (at < text.size() && bytes.has(text[at]))
@@ -87,21 +43,12 @@ bool appendWhole(std::string& out, std::string_view text, const UriBytes& bytes)
 
 // --- escaping --------------------------------------------------------------------------------------------------------
 
-std::string escaped(std::string_view text, const UriBytes& keep, bool skipPatterns) {
+std::string escaped(std::string_view text, const UriEscaping& escaping, bool skipPatterns) {
     std::string out;
-    out.reserve(text.size());
-    uriAppendEscaped(out, text, keep, skipPatterns);
+    UriOutput output(out);
+    output.putEscaped(text, escaping, skipPatterns);
+    output.flush();
     return out;
-}
-
-// smartRaw returns what is left raw for people if `escapeSet` is to be escaped; only delimiters in it count.
-UriBytes smartRaw(const std::string& escapeSet) {
-    UriBytes raw = URI_USER_RAW;
-    for (char c : SMART_DELIMITERS) {
-        if (escapeSet.find(c) != NONE)
-            raw.remove(std::string_view(&c, 1));
-    }
-    return raw;
 }
 
 // --- unescaping ------------------------------------------------------------------------------------------------------
@@ -115,21 +62,21 @@ bool appendDecoded(std::string& out, std::string_view text, const UriBytes& keep
         out += text;
         return true;
     }
-    Appender appender(out);
+    UriOutput output(out);
     bool valid = true;
     size_t copied = 0;
     while (percent != NONE) {
         const int value = uriDecodeEscape(text, percent);
         valid = valid && value >= 0;
         if (value >= 0 && !keep.has(static_cast<char>(value))) {
-            appender.put(text.substr(copied, percent - copied));
-            appender.put(static_cast<char>(value));
+            output.put(text.substr(copied, percent - copied));
+            output.put(static_cast<char>(value));
             copied = percent + 3;
         }
         percent = percents.find(percent + (value < 0 ? 1 : 3));
     }
-    appender.put(text.substr(copied));
-    appender.flush();
+    output.put(text.substr(copied));
+    output.flush();
     return valid;
 }
 
@@ -143,31 +90,14 @@ bool allEscapesValid(std::string_view text, Search percents) {
 
 // --- normalising -----------------------------------------------------------------------------------------------------
 
-void putByte(Appender& appender, char byte, bool raw) {
+void putByte(UriOutput& output, char byte, bool raw) {
     if (raw)
-        appender.put(byte);
+        output.put(byte);
     else
-        appender.putEscape(byte);
+        output.putEscape(byte);
 }
 
 }  // namespace
-
-void uriAppendEscaped(std::string& out, std::string_view text, const UriBytes& keep, bool skipPatterns) {
-    if (appendWhole(out, text, keep))
-        return;
-    if (skipPatterns) {
-        appendAround(out, text, [&](std::string_view piece) { uriAppendEscaped(out, piece, keep, false); });
-        return;
-    }
-    Appender appender(out);
-    for (size_t at = 0; at < text.size();) {
-        const size_t end = runEnd(text, at, keep);
-        appender.put(text.substr(at, end - at));
-        for (at = end; at < text.size() && !keep.has(text[at]); ++at)
-            appender.putEscape(text[at]);
-    }
-    appender.flush();
-}
 
 bool uriAppendUnescaped(std::string& out, std::string_view text) {
     return appendDecoded(out, text, NO_BYTES, UriPlainSearch(text, '%'));
@@ -181,24 +111,24 @@ void uriAppendNormalized(std::string& out, std::string_view text, const UriNorma
         appendAround(out, text, [&](std::string_view piece) { uriAppendNormalized(out, piece, form, false); });
         return;
     }
-    Appender appender(out);
+    UriOutput output(out);
     for (size_t at = 0; at < text.size();) {
         const size_t end = runEnd(text, at, form.runs);
-        appender.put(text.substr(at, end - at));
+        output.put(text.substr(at, end - at));
         at = end;
         if (at == text.size())
             break;
         const int value = text[at] == '%' ? uriDecodeEscape(text, at) : -1;
         if (value >= 0) {
             const char byte = static_cast<char>(value);
-            putByte(appender, byte, form.decoded.has(byte));
+            putByte(output, byte, form.decoded.has(byte));
             at += 3;
         } else {
-            putByte(appender, text[at], form.bare.has(text[at]));
+            putByte(output, text[at], form.bare.has(text[at]));
             ++at;
         }
     }
-    appender.flush();
+    output.flush();
 }
 
 bool uriHasValidEscapes(std::string_view text, bool skipPatterns) {
@@ -216,7 +146,10 @@ const char* URI::findSkipPattern(const char* text, char character) {
 }
 
 std::string URI::escapeURIComponent(const std::string& text, const std::string& keepSet, bool skipPatterns) {
-    return escaped(text, UriBytes(URI_UNRESERVED).add(keepSet), skipPatterns);
+    UriEscaping escaping = URI_STRICT_ESCAPING;
+    for (const char c : keepSet)
+        escaping.keep(c);
+    return escaped(text, escaping, skipPatterns);
 }
 
 std::string URI::unescapeURI(const std::string& text, bool* valid, bool skipPatterns) {
@@ -230,7 +163,12 @@ std::string URI::unescapeURI(const std::string& text, bool* valid, bool skipPatt
 }
 
 std::string URI::smartEscapeURIComponent(const std::string& text, const std::string& escapeSet, bool skipPatterns) {
-    return escaped(text, smartRaw(escapeSet), skipPatterns);
+    UriEscaping escaping = URI_USER_ESCAPING;
+    for (const char c : SMART_DELIMITERS) {
+        if (escapeSet.find(c) != NONE)
+            escaping.escape(c);
+    }
+    return escaped(text, escaping, skipPatterns);
 }
 
 std::string URI::smartUnescapeURIComponent(const std::string& text, const std::string& keepEscapedSet,

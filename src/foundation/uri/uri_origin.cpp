@@ -7,6 +7,7 @@
 
 #include "foundation/ascii.h"
 #include "foundation/uri.h"
+#include "foundation/uri/uri_output.h"
 #include "foundation/uri/uri_text.h"
 
 namespace {
@@ -303,18 +304,29 @@ bool toASCII(std::string& name) {
 
 // --- printing --------------------------------------------------------------------------------------------------------
 
-void appendHost(std::string& out, const URI::Origin& origin) {
+void putHost(UriOutput& out, const URI::Origin& origin) {
     const std::string_view host = origin.host;
     if (isOpaqueHostScheme(origin.scheme)) {
-        uriAppendEscaped(out, host, URI_UNRESERVED, false);
+        out.putEscaped(host, URI_STRICT_ESCAPING);
     } else if (origin.isIPv6()) {
         const size_t zone = std::min(host.find('%'), host.size());
-        (out += '[') += host.substr(0, zone);
-        uriAppendEscaped(out, host.substr(zone), URI_UNRESERVED, false);
-        out += ']';
+        out.put('[');
+        out.put(host.substr(0, zone));
+        out.putEscaped(host.substr(zone), URI_STRICT_ESCAPING);
+        out.put(']');
     } else {
-        out += host;
+        out.put(host);
     }
+}
+
+// printed returns what `print` writes to an output.
+template <typename Print>
+std::string printed(Print&& print) {
+    std::string text;
+    UriOutput output(text);
+    print(output);
+    output.flush();
+    return text;
 }
 
 }  // namespace
@@ -412,34 +424,37 @@ int URI::Origin::compare(const Origin& other) const {
 }
 
 std::string URI::Origin::escapedHost() const {
-    std::string text;
-    appendHost(text, *this);
-    return text;
+    return printed([this](UriOutput& out) { putHost(out, *this); });
 }
 
 std::string URI::Origin::escapedHostPort() const {
-    std::string text;
-    uriAppendHostPort(text, *this);
-    return text;
+    return printed([this](UriOutput& out) { uriPutHostPort(out, *this); });
 }
 
 std::string URI::Origin::toString() const {
-    std::string text;
-    uriAppendScheme(text, *this);
-    if (!host.empty())
-        text += "//" + escapedHostPort() + "/";
-    return text;
+    return printed([this](UriOutput& out) {
+        uriPutScheme(out, *this);
+        if (host.empty())
+            return;
+        out.put("//");
+        uriPutHostPort(out, *this);
+        out.put('/');
+    });
 }
 
-void uriAppendScheme(std::string& out, const URI::Origin& origin) {
-    if (!origin.scheme.empty())
-        (out += origin.scheme) += ':';
+void uriPutScheme(UriOutput& out, const URI::Origin& origin) {
+    if (origin.scheme.empty())
+        return;
+    out.put(origin.scheme);
+    out.put(':');
 }
 
-void uriAppendHostPort(std::string& out, const URI::Origin& origin) {
-    appendHost(out, origin);
-    if (origin.port != URI::defaultPort(origin.scheme) && !isOpaqueHostScheme(origin.scheme))
-        (out += ':') += std::to_string(origin.port);
+void uriPutHostPort(UriOutput& out, const URI::Origin& origin) {
+    putHost(out, origin);
+    if (origin.port == URI::defaultPort(origin.scheme) || isOpaqueHostScheme(origin.scheme))
+        return;
+    out.put(':');
+    out.put(std::to_string(origin.port));
 }
 
 uint32_t URI::defaultPort(const std::string& scheme) {

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <iterator>
 
+#include "foundation/uri/uri_output.h"
 #include "foundation/uri/uri_region.h"
 #include "foundation/uri/uri_text.h"
 
 namespace {
 
 constexpr UriBytes ALL_BYTES = UriBytes().addRange(0, 255);
+constexpr UriEscaping NO_ESCAPING(ALL_BYTES);
 
 // SEGMENT_ENDS are the bytes at which a segment ends; at all of them but the slash the path ends too. PLAIN_BYTES need
 // no second look.
@@ -83,10 +85,11 @@ bool storeDecoded(URI::Path::Segments& segments, std::string_view escaped, bool 
     return skipPatterns ? appendDecodedSegment(segment, escaped) : uriAppendUnescaped(segment, escaped);
 }
 
-std::string pathText(const URI::Path& path, const UriBytes& keep, bool skipPatterns) {
+std::string pathText(const URI::Path& path, const UriEscaping& escaping, bool skipPatterns) {
     std::string out;
-    out.reserve(uriPathLength(path));
-    uriAppendPath(out, path, keep, skipPatterns);
+    UriOutput output(out);
+    uriPutPath(output, path, escaping, skipPatterns);
+    output.flush();
     return out;
 }
 
@@ -171,7 +174,7 @@ URI::Path URI::Path::fromString(const std::string& name) {
 // --- printing --------------------------------------------------------------------------------------------------------
 
 std::string URI::Path::toString() const {
-    return pathText(*this, ALL_BYTES, false);
+    return pathText(*this, NO_ESCAPING, false);
 }
 
 std::string URI::Path::toFileName() const {
@@ -179,38 +182,31 @@ std::string URI::Path::toFileName() const {
 }
 
 std::string URI::Path::toEscapedURIPath(bool skipPatterns, bool keepPlus) const {
-    return pathText(*this, keepPlus ? URI_PATH_RAW_PLUS : URI_PATH_RAW, skipPatterns);
+    return pathText(*this, keepPlus ? URI_PATH_ESCAPING_PLUS : URI_PATH_ESCAPING, skipPatterns);
 }
 
 std::string URI::Path::toCanonicalURIPath() const {
-    return pathText(*this, URI_UNRESERVED, false);
+    return pathText(*this, URI_STRICT_ESCAPING, false);
 }
 
 std::string URI::Path::toUserURIPath(bool skipPatterns) const {
-    return pathText(*this, URI_PATH_USER_RAW, skipPatterns);
+    return pathText(*this, URI_PATH_USER_ESCAPING, skipPatterns);
 }
 
-size_t uriPathLength(const URI::Path& path) {
-    size_t length = path.segments.size() + 2;
-    for (const std::string& segment : path.segments)
-        length += segment.size();
-    return length;
-}
-
-void uriAppendPath(std::string& out, const URI::Path& path, const UriBytes& keep, bool skipPatterns) {
+void uriPutPath(UriOutput& out, const URI::Path& path, const UriEscaping& escaping, bool skipPatterns) {
     if (path.segments.empty()) {
-        out += path.absolute ? "/" : path.trailingSlash ? "./" : "";
+        out.put(path.absolute ? "/" : path.trailingSlash ? "./" : "");
         return;
     }
     bool separate = path.absolute;
     for (const std::string& segment : path.segments) {
         if (separate)
-            out += '/';
+            out.put('/');
         separate = true;
-        uriAppendEscaped(out, segment, keep, skipPatterns);
+        out.putEscaped(segment, escaping, skipPatterns);
     }
     if (path.trailingSlash)
-        out += '/';
+        out.put('/');
 }
 
 // --- looking ---------------------------------------------------------------------------------------------------------

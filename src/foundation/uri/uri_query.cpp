@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "foundation/uri/uri_output.h"
 #include "foundation/uri/uri_region.h"
 #include "foundation/uri/uri_text.h"
 
@@ -76,13 +77,16 @@ URI::Query URI::queryStringCanonical() const {
 
 std::string URI::makeQueryString(const Query& items, bool skipPatterns) {
     std::string out;
+    UriOutput output(out);
+    const char* separator = "";
     for (const auto& [key, value] : items) {
-        if (!out.empty())
-            out += '&';
-        uriAppendEscaped(out, key, URI_UNRESERVED, skipPatterns);
-        out += '=';
-        uriAppendEscaped(out, value, URI_UNRESERVED, skipPatterns);
+        output.put(separator);
+        separator = "&";
+        output.putEscaped(key, URI_STRICT_ESCAPING, skipPatterns);
+        output.put('=');
+        output.putEscaped(value, URI_STRICT_ESCAPING, skipPatterns);
     }
+    output.flush();
     return out;
 }
 

@@ -1,16 +1,19 @@
 // uri_text.h: what the sources of `URI` share: byte classes of their own (no locale), escapes, normal forms, the
 // texts of paths and origins. For this folder only.
 //
-// The functions that write a text append it to one that the caller reserved: a printed URI is one allocation.
+// The uriAppend functions append to a string, the uriPut ones write to an output.
 #pragma once
 
 #include <array>
+#include <cstring>
 #include <limits>
 #include <string>
 #include <string_view>
 
 #include "foundation/ascii.h"
 #include "foundation/uri.h"
+
+class UriOutput;
 
 // UriBytes is a set of bytes, as a table.
 class UriBytes {
@@ -44,6 +47,44 @@ private:
     std::array<bool, 256> m_aHas{};
 };
 
+// UriEscaping is how each byte is written: as it is, or escaped. It is a table of texts and lengths, so that writing a
+// byte takes the same few instructions either way, without a branch.
+class UriEscaping {
+public:
+    // ROOM is how many bytes `write` may touch.
+    static constexpr size_t ROOM = 4;
+
+    // UriEscaping escapes all bytes but those in `raw`.
+    constexpr explicit UriEscaping(const UriBytes& raw) {
+        for (unsigned byte = 0; byte < m_aEntries.size(); ++byte) {
+            const char c = static_cast<char>(byte);
+            raw.has(c) ? keep(c) : escape(c);
+        }
+    }
+
+    // keep makes `byte` be written as it is, escape as an escape.
+    constexpr void keep(char byte) { entryOf(byte) = {byte, 0, 0, 1}; }
+    constexpr void escape(char byte) {
+        constexpr const char* digits = "0123456789ABCDEF";
+        const auto value = static_cast<unsigned char>(byte);
+        entryOf(byte) = {'%', digits[value >> 4], digits[value & 15], 3};
+    }
+
+    // write writes `byte` to `out` and returns the place after it.
+    char* write(char* out, char byte) const {
+        const Entry& entry = m_aEntries[static_cast<unsigned char>(byte)];
+        std::memcpy(out, entry.data(), ROOM);
+        return out + entry.back();
+    }
+
+private:
+    using Entry = std::array<char, ROOM>;  // the text and, last, its length
+
+    constexpr Entry& entryOf(char byte) { return m_aEntries[static_cast<unsigned char>(byte)]; }
+
+    std::array<Entry, 256> m_aEntries{};
+};
+
 // URI_ALNUM are the ASCII letters and digits, URI_UNRESERVED the unreserved characters (RFC 3986, 2.3).
 inline constexpr UriBytes URI_ALNUM = UriBytes().addRange('a', 'z').addRange('A', 'Z').addRange('0', '9');
 inline constexpr UriBytes URI_UNRESERVED = UriBytes(URI_ALNUM).add("-._~");
@@ -52,10 +93,18 @@ inline constexpr UriBytes URI_UNRESERVED = UriBytes(URI_ALNUM).add("-._~");
 // "%".
 inline constexpr UriBytes URI_USER_RAW = UriBytes().addRange(' ', 255).remove("%");
 
-// The bytes left raw in a segment: in escaped text, in that of a scheme that keeps "+", in the text for people.
+// How segments are written: in escaped text, in that of a scheme that keeps "+", in the text for people.
 inline constexpr UriBytes URI_PATH_RAW = UriBytes(URI_UNRESERVED).add("!$&'()*,;=:");
-inline constexpr UriBytes URI_PATH_RAW_PLUS = UriBytes(URI_PATH_RAW).add("+");
-inline constexpr UriBytes URI_PATH_USER_RAW = UriBytes(URI_USER_RAW).remove("/?#");
+inline constexpr UriEscaping URI_PATH_ESCAPING(URI_PATH_RAW);
+inline constexpr UriEscaping URI_PATH_ESCAPING_PLUS(UriBytes(URI_PATH_RAW).add("+"));
+inline constexpr UriEscaping URI_PATH_USER_ESCAPING(UriBytes(URI_USER_RAW).remove("/?#"));
+
+// URI_STRICT_ESCAPING escapes all but unreserved characters, URI_ALL_ESCAPING these too.
+inline constexpr UriEscaping URI_STRICT_ESCAPING(URI_UNRESERVED);
+inline constexpr UriEscaping URI_ALL_ESCAPING{UriBytes()};
+
+// URI_USER_ESCAPING is how text for people is written, in any component.
+inline constexpr UriEscaping URI_USER_ESCAPING(URI_USER_RAW);
 
 // UriNormalForm is what is left raw in a component's normal form; see `URI::normalizeURIComponent` for the sets.
 struct UriNormalForm {
@@ -99,9 +148,6 @@ inline const char* uriSkip(const char* text, const UriBytes& bytes) {
     return text;
 }
 
-// uriAppendEscaped escapes all bytes but those in `keep`.
-void uriAppendEscaped(std::string& out, std::string_view text, const UriBytes& keep, bool skipPatterns);
-
 // uriAppendUnescaped decodes all escapes; false if a "%" began none (it is copied).
 bool uriAppendUnescaped(std::string& out, std::string_view text);
 
@@ -111,11 +157,9 @@ void uriAppendNormalized(std::string& out, std::string_view text, const UriNorma
 // uriHasValidEscapes is `URI::validateEscaping`.
 bool uriHasValidEscapes(std::string_view text, bool skipPatterns);
 
-// uriAppendScheme writes the scheme and its colon, if there is one, uriAppendHostPort `Origin::escapedHostPort`.
-void uriAppendScheme(std::string& out, const URI::Origin& origin);
-void uriAppendHostPort(std::string& out, const URI::Origin& origin);
+// uriPutScheme writes the scheme and its colon, if there is one, uriPutHostPort `Origin::escapedHostPort`.
+void uriPutScheme(UriOutput& out, const URI::Origin& origin);
+void uriPutHostPort(UriOutput& out, const URI::Origin& origin);
 
-// uriAppendPath writes a path with all bytes of its segments escaped but those in `keep`. uriPathLength returns an
-// upper bound of its length, if nothing needs an escape.
-void uriAppendPath(std::string& out, const URI::Path& path, const UriBytes& keep, bool skipPatterns);
-size_t uriPathLength(const URI::Path& path);
+// uriPutPath writes a path with its segments escaped.
+void uriPutPath(UriOutput& out, const URI::Path& path, const UriEscaping& escaping, bool skipPatterns);

@@ -179,6 +179,24 @@ TEST(JSONEscape, EscapedSlashIsWrittenBackWithoutTheBackslash) {
     EXPECT_EQ(R"("a/b")", printed(*parsed(R"("a\/b")"), 0));
 }
 
+// Short strings are looked at in words of several sizes, the last of which overlaps the one before.
+TEST(JSONEscape, EveryByteCountsAtEveryPlaceOfAShortString) {
+    for (std::size_t length = 1; length <= 70; ++length) {
+        for (std::size_t place = 0; place < length; ++place) {
+            const std::string before(place, '!');
+            const std::string after(length - place - 1, '\x80');
+            for (const auto& [raw, written] : {std::pair{'"', "\\\""},
+                                               {'\\', "\\\\"},
+                                               {'\x1F', "\\u001F"},
+                                               {'\x01', "\\u0001"},
+                                               {' ', " "},
+                                               {'#', "#"},
+                                               {'\xFF', "\xFF"}})
+                EXPECT_EQ('"' + before + written + after + '"', escaped(before + raw + after)) << length;
+        }
+    }
+}
+
 TEST(JSONEscape, RunsBetweenEscapes) {
     EXPECT_EQ("\"\"", escaped(""));
     EXPECT_EQ(R"("\"\"")", escaped("\"\""));
