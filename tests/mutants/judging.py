@@ -9,6 +9,7 @@ from work_tree import Failure, by_likeness
 
 ENOUGH = 0.97
 NOT_COMPILED, SURVIVED = "does not compile", "SURVIVED"
+NO_TIME = "SURVIVED what time allowed"
 
 
 def in_all(trees, work):
@@ -21,10 +22,11 @@ def in_all(trees, work):
 class Judge:
     """Judge judges the mutants of one layer. Lines for people go to `say`."""
 
-    def __init__(self, name, trees, say):
+    def __init__(self, name, trees, say, limit=600):
         self._name = name
         self._trees = trees
         self._say = say
+        self._limit = limit
         self._tests = trees[0].tests(LAYERS[name])
         self._lock = threading.Lock()
         self._noticed_last = {}  # by the names of tests, the number of the mutant
@@ -93,7 +95,7 @@ class Judge:
     def _record(self, mutation, verdict):
         if verdict == NOT_COMPILED:
             self._unclaimed += 1
-        elif verdict == SURVIVED:
+        elif verdict in (SURVIVED, NO_TIME):
             self.survivors.append(mutation)
         else:
             self.noticed += 1
@@ -111,7 +113,10 @@ class Judge:
 
     def _ask_tests(self, tree, mutation):
         built = set()
+        end = time.monotonic() + self._limit
         for test in by_likeness(self._tests, mutation.path, self._noticed_last):
+            if time.monotonic() > end:
+                return NO_TIME
             if is_cpp(mutation.path) and test.target not in built:
                 if not tree.make(test.target):
                     return NOT_COMPILED

@@ -193,11 +193,11 @@ class FakeTree:
 
 
 class JudgeTest(unittest.TestCase):
-    def judged(self, texts, count, **keywords):
+    def judged(self, texts, count, limit=60, **keywords):
         lines = []
         with tempfile.TemporaryDirectory() as folder:
             tree = FakeTree(folder, **keywords)
-            judge = Judge("foundation", [tree], lines.append)
+            judge = Judge("foundation", [tree], lines.append, limit)
             judge.judge([Mutation("src/file", 1, 0, 4, text, text) for text in texts], count)
             self.assertEqual(tree.read(""), b"good")
         return judge, lines
@@ -214,6 +214,10 @@ class JudgeTest(unittest.TestCase):
         "A layer is good from 97 percent on."
         self.assertTrue(self.judged(["bad"] * 97 + ["other"] * 3, 100)[0].is_good())
         self.assertFalse(self.judged(["bad"] * 96 + ["other"] * 4, 100)[0].is_good())
+
+    def test_no_time(self):
+        "A mutant for whose tests there was no time has survived."
+        self.assertEqual(len(self.judged(["bad"], 1, limit=-1)[0].survivors), 1)
 
     def test_tests_that_always_fail(self):
         "A test that fails without a mutant proves nothing, and ends the run."
