@@ -12,6 +12,7 @@ from python_mutations import python_mutations
 class Layer(NamedTuple):
     """Layer is one layer's sources and its tests, by names.
 
+    The tests are run in the order in which they are given here, except that those named like the source come first.
     `units` are folders of tests/unit, the layer's own first. `others` match the names of further tests. `but` are those
     among them that need what the sandbox has not, or that see the work tree and not the program.
     """
@@ -34,22 +35,25 @@ LAYERS = {
         ("watch",),
         (
             r"fuzz\.(feature_source|grant)",
-            r"system\.test_(features|grants|grant_judgement|watch|hook|daemon)\.",
+            r"system\.test_watch\.",
+            r"system\.test_(features|hook|daemon)\.",
+            r"system\.test_(grants|grant_judgement)\.",
             r"faults\.test_system_calls\.",
         ),
     ),
     "tpm": Layer(
         ("src/tpm",),
         ("tpm",),
-        (r"system\.test_tpm_(counter|endorsement_key|report)\.", r"faults\.test_(?!system_calls)"),
+        (r"system\.test_tpm_(counter|endorsement_key|report)\.", r"faults\.test_(?!system_calls|allocations)"),
     ),
     "agent": Layer(
         ("src/agent", "src/main"),
         ("agent",),
         (
             r"fuzz\.attestation_context",
-            r"system\.test_(cli|plain_mode|attestation_context|device_report|pid_file|logging|daemon|hook|watch)\.",
-            r"system\.test_tpm_report\.",
+            r"system\.test_(cli|plain_mode|attestation_context|device_report)\.",
+            r"system\.test_(daemon|pid_file|logging)\.",
+            r"system\.test_(tpm_report|hook|watch)\.",
             r"faults\.test_system_calls\.",
         ),
     ),

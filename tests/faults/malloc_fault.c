@@ -1,0 +1,98 @@
+// malloc_fault.c: loaded into the agent by tests; counts the allocations of each of its processes, and has one fail.
+//
+//   MALLOC_FAULT=PROCESS NUMBER   in that process (0 is the agent as it was started, its forks count in their order)
+//                                 this allocation fails, counted from 1. May be left out
+//   MALLOC_COUNTS=FILE            gets what is counted: a `struct counts`, as it is in memory. It must be there
+//
+// Programs that the agent runs are left alone. Aligned allocations count too, as GLib makes its slices of them. The
+// starter waits two seconds at most for the first word of its daemon, as many faults let there be none.
+
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+enum { PROCESSES = 8, LONGEST_WAIT = 2 };
+
+struct counts {
+    unsigned hits;
+    unsigned processes;
+    unsigned allocations[PROCESSES];
+};
+
+extern void* __libc_malloc(size_t size);
+extern void* __libc_calloc(size_t count, size_t size);
+extern void* __libc_realloc(void* block, size_t size);
+extern void* __libc_memalign(size_t alignment, size_t size);
+
+static struct counts* counts;  // shared with the forks; null until they are counted
+static unsigned process;
+static unsigned fault_process = PROCESSES;
+static unsigned fault_number;
+
+static int fails(void) {
+    if (!counts || process >= PROCESSES)
+        return 0;
+    const unsigned number = __atomic_add_fetch(&counts->allocations[process], 1, __ATOMIC_RELAXED);
+    if (process != fault_process || number != fault_number)
+        return 0;
+    __atomic_add_fetch(&counts->hits, 1, __ATOMIC_RELAXED);
+    errno = ENOMEM;
+    return 1;
+}
+
+void* malloc(size_t size) {
+    return fails() ? NULL : __libc_malloc(size);
+}
+
+void* calloc(size_t count, size_t size) {
+    return fails() ? NULL : __libc_calloc(count, size);
+}
+
+void* realloc(void* block, size_t size) {
+    return fails() ? NULL : __libc_realloc(block, size);
+}
+
+void* aligned_alloc(size_t alignment, size_t size) {
+    return fails() ? NULL : __libc_memalign(alignment, size);
+}
+
+int posix_memalign(void** block, size_t alignment, size_t size) {
+    void* const made = fails() ? NULL : __libc_memalign(alignment, size);
+    if (!made)
+        return ENOMEM;
+    *block = made;
+    return 0;
+}
+
+typedef int RetvalWait(int timeout);
+
+int daemon_retval_wait(int timeout) {
+    RetvalWait* wait;
+    *(void**)&wait = dlsym(RTLD_NEXT, "daemon_retval_wait");  // ISO C has no cast for it
+    return wait(timeout < LONGEST_WAIT ? timeout : LONGEST_WAIT);
+}
+
+static void enter_fork(void) {
+    process = __atomic_add_fetch(&counts->processes, 1, __ATOMIC_RELAXED);
+}
+
+__attribute__((constructor)) static void start(void) {
+    const char* const path = getenv("MALLOC_COUNTS");
+    const int file = path ? open(path, O_RDWR | O_CLOEXEC) : -1;
+    if (file == -1 || ftruncate(file, sizeof(struct counts)) != 0)
+        abort();
+    void* const shared = mmap(NULL, sizeof(struct counts), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    const char* const fault = getenv("MALLOC_FAULT");
+    if (shared == MAP_FAILED || (fault && sscanf(fault, "%u %u", &fault_process, &fault_number) != 2) ||
+        pthread_atfork(NULL, NULL, enter_fork) != 0)
+        abort();
+    close(file);
+    unsetenv("LD_PRELOAD");
+    counts = shared;
+}
