@@ -4,8 +4,9 @@
 //                                 this allocation fails, counted from 1. May be left out
 //   MALLOC_COUNTS=FILE            gets what is counted: a `struct counts`, as it is in memory. It must be there
 //
-// Programs that the agent runs are left alone. Aligned allocations count too, as GLib makes its slices of them. The
-// starter waits two seconds at most for the first word of its daemon, as many faults let there be none.
+// Counting begins with `main`: what the libraries do before that is no concern of the agent. Programs that the agent
+// runs are left alone. Aligned allocations count too, as GLib makes its slices of them. The starter waits two seconds
+// at most for the first word of its daemon, as many faults let there be none.
 
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -82,7 +83,8 @@ static void enter_fork(void) {
     process = __atomic_add_fetch(&counts->processes, 1, __ATOMIC_RELAXED);
 }
 
-__attribute__((constructor)) static void start(void) {
+// map_counts must succeed: without it a test would see a run without a fault.
+static struct counts* map_counts(void) {
     const char* const path = getenv("MALLOC_COUNTS");
     const int file = path ? open(path, O_RDWR | O_CLOEXEC) : -1;
     if (file == -1 || ftruncate(file, sizeof(struct counts)) != 0)
@@ -93,6 +95,25 @@ __attribute__((constructor)) static void start(void) {
         pthread_atfork(NULL, NULL, enter_fork) != 0)
         abort();
     close(file);
+    return shared;
+}
+
+typedef int Main(int argc, char** argv, char** environment);
+typedef int StartMain(Main* main, int argc, char** argv, void (*init)(void), void (*fini)(void), void (*end)(void),
+                      void* stack);
+
+static Main* agent_main;
+
+static int counted_main(int argc, char** argv, char** environment) {
     unsetenv("LD_PRELOAD");
-    counts = shared;
+    counts = map_counts();
+    return agent_main(argc, argv, environment);
+}
+
+int __libc_start_main(Main* main, int argc, char** argv, void (*init)(void), void (*fini)(void), void (*end)(void),
+                      void* stack) {
+    StartMain* start;
+    *(void**)&start = dlsym(RTLD_NEXT, "__libc_start_main");
+    agent_main = main;
+    return start(counted_main, argc, argv, init, fini, end, stack);
 }
