@@ -3,8 +3,8 @@
 //   MALLOC_FAULT=PROCESS NUMBER   in that process (0 is the agent as it was started, its forks count in their order)
 //                                 this allocation fails, counted from 1. May be left out
 //   MALLOC_COUNTS=FILE            gets what is counted: a `struct counts`, as it is in memory. It must be there
-//   MALLOC_PLACES=FILE            gets eight bytes for each allocation of process 0, equal for equal callers. It must be
-//                                 there. May be left out
+//   MALLOC_PLACES=FILE            gets eight bytes for each allocation of process 0, equal where the callers are. It
+//                                 must be there. May be left out
 //
 // Counting begins with `main`: what the libraries do before that is no concern of the agent. Programs that the agent
 // runs are left alone, and so is the resolver: libc's keeps a lock when it finds no memory, and then waits for itself.
