@@ -9,7 +9,8 @@
 // Counting begins with `main`: what the libraries do before that is no concern of the agent. Programs that the agent
 // runs are left alone, and so is the resolver: libc's keeps a lock when it finds no memory, and then waits for itself.
 // Aligned allocations count too, as GLib makes its slices of them. The starter waits two seconds at most for the first
-// word of its daemon, as many faults let there be none.
+// word of its daemon, as many faults let there be none. OpenSSL 3.0 reads through null pointers when its initialisation
+// found no memory: where that is the reason of a SIGSEGV it becomes a SIGABRT, which tells it from one of the agent's.
 
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -18,9 +19,11 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -130,17 +133,34 @@ static struct counts* map_counts(void) {
     return shared;
 }
 
-// open_places also has backtrace load what it needs.
 static int open_places(void) {
     const char* const path = getenv("MALLOC_PLACES");
     if (!path)
         return -1;
-    void* frame;
-    backtrace(&frame, 1);
     const int file = open(path, O_WRONLY | O_APPEND | O_CLOEXEC);
     if (file == -1)
         abort();
     return file;
+}
+
+// is_within returns whether the innermost function on the stack that is neither libc's nor from here is a library's.
+static int is_within(const char* library) {
+    void* frames[FRAMES];
+    const int count = backtrace(frames, FRAMES);
+    for (int i = 0; i < count; ++i) {
+        Dl_info info;
+        if (!dladdr(frames[i], &info))
+            return 0;
+        if (!strstr(info.dli_fname, "/libc.so") && !strstr(info.dli_fname, "malloc_fault"))
+            return strstr(info.dli_fname, library) != NULL;
+    }
+    return 0;
+}
+
+static void end_by_segv(int number) {
+    if (is_within("/libcrypto.so"))
+        abort();
+    signal(number, SIG_DFL);  // it happens again
 }
 
 typedef int Main(int argc, char** argv, char** environment);
@@ -151,6 +171,9 @@ static Main* agent_main;
 
 static int counted_main(int argc, char** argv, char** environment) {
     unsetenv("LD_PRELOAD");
+    void* frame;
+    backtrace(&frame, 1);  // it loads what it needs
+    signal(SIGSEGV, end_by_segv);
     places = open_places();
     counts = map_counts();
     return agent_main(argc, argv, environment);

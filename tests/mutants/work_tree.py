@@ -32,7 +32,7 @@ class Test(NamedTuple):
     command: tuple
     kind: int
     environment: tuple = ()
-    limit: float = 120
+    limit: float = 600
 
 
 class Failure(Exception):
