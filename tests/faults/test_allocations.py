@@ -126,11 +126,10 @@ class DaemonAllocationTest(AllocationTest, WatchTest):
             start = start_daemon(HOOK, env=counted.environment, may_die=True)
             self.assertIn(start.status, (0, 1, *ABORTS), str(start))
             self.assertTrue(counted.is_hit() or start.status == 0, str(start))
-            pid = read_pid_file()
             if start.status == 0:
                 self.assertIn(self.published(), (["old"], []))
-                self.change_unless_dead(pid, counted)
-            self.end(pid)
+                self.change_unless_dead(read_pid_file(), counted)
+            self.end()
             expected = [["old"], ["new"], []] if start.status == 0 else [["before"], ["old"], []]
             self.assertIn(self.published(), expected)
             result = counted.is_hit() if fault else counted.faults(STARTER, SESSION_LEADER, DAEMON, LAUNCHER)
@@ -160,11 +159,18 @@ class DaemonAllocationTest(AllocationTest, WatchTest):
             os.kill(pid, signal.SIGHUP)
             self.assertTrue(wait_until(is_done, NOTICED), f"the next look left {self.published()}")
 
-    def end(self, pid):
-        """Ends what still runs, by SIGTERM where the daemon is there to have it."""
-        if pid and is_alive(pid):
-            os.kill(pid, signal.SIGTERM)
-        self.assertTrue(wait_until(lambda: not agent_processes(), ENDS), f"still running: {agent_processes()}")
+    def end(self):
+        """Ends what still runs: SIGTERM for the daemon, once its PID file is there, which may come after its starter's end."""
+        told = set()
+
+        def is_over():
+            pid = read_pid_file()
+            if pid and pid not in told and is_alive(pid):
+                told.add(pid)
+                os.kill(pid, signal.SIGTERM)
+            return not agent_processes()
+
+        self.assertTrue(wait_until(is_over, ENDS), f"still running: {agent_processes()}")
 
     def check_next_life(self):
         """The next daemon starts and publishes, whatever the last one left, and leaves nothing itself."""
