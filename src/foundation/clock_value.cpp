@@ -7,13 +7,14 @@
 #include <algorithm>
 #include <boost/multiprecision/cpp_int.hpp>
 #include <chrono>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <limits>
 
 #include "foundation/ascii.h"
-#include "foundation/strfmt.h"
 
 namespace {
 
@@ -112,19 +113,29 @@ uint64_t fractionOf(uint64_t unit, const Fraction& fraction) {
 
 // --- Writing clock values ---
 
+// formatted returns a text of at most 63 bytes. Exhausted memory throws: strfmt's empty text would pass for a value.
+[[gnu::format(printf, 1, 2)]] std::string formatted(const char* format, ...) {
+    char text[64];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    return text;
+}
+
 // withDecimals returns `whole`, followed by `remainder` as `digits` decimals without trailing zeros unless it is 0.
 std::string withDecimals(unsigned long whole, unsigned long remainder, int digits) {
-    const std::string text = strfmt("%lu", whole);
+    const std::string text = formatted("%lu", whole);
     if (remainder == 0)
         return text;
-    const std::string decimals = strfmt("%0*lu", digits, remainder);
+    const std::string decimals = formatted("%0*lu", digits, remainder);
     return text + "." + decimals.substr(0, decimals.find_last_not_of('0') + 1);
 }
 
 std::string hoursMinutesSeconds(uint64_t microseconds) {
     const uint64_t seconds = microseconds / MICROSECONDS_PER_SECOND;
-    return strfmt("%d:%02d:%02d", static_cast<int>(seconds / 3600), static_cast<int>(seconds / 60 % 60),
-                  static_cast<int>(seconds % 60));
+    return formatted("%d:%02d:%02d", static_cast<int>(seconds / 3600), static_cast<int>(seconds / 60 % 60),
+                     static_cast<int>(seconds % 60));
 }
 
 // roundedMilliseconds returns 0 to 1000: the rounding stays within the fraction.
@@ -140,7 +151,7 @@ std::string unparseMagnitude(uint64_t microseconds, const std::string& format) {
     const int milliseconds = roundedMilliseconds(microseconds);
     if (format == "hms" || (format == "hms..." && milliseconds == 0))
         return hoursMinutesSeconds(microseconds);
-    return hoursMinutesSeconds(microseconds) + strfmt(".%03d", milliseconds);
+    return hoursMinutesSeconds(microseconds) + formatted(".%03d", milliseconds);
 }
 
 bool isTimeFormat(const std::string& format) {
@@ -170,8 +181,8 @@ std::tm calendarFields(int64_t nanoseconds) {
 // isoDateTime returns date and time as ISO 8601 has them, without the zone.
 std::string isoDateTime(int64_t nanoseconds) {
     const std::tm fields = calendarFields(nanoseconds);
-    return strfmt("%04d-%02d-%02dT%02d:%02d:%02d", fields.tm_year + 1900, fields.tm_mon + 1, fields.tm_mday,
-                  fields.tm_hour, fields.tm_min, fields.tm_sec);
+    return formatted("%04d-%02d-%02dT%02d:%02d:%02d", fields.tm_year + 1900, fields.tm_mon + 1, fields.tm_mday,
+                     fields.tm_hour, fields.tm_min, fields.tm_sec);
 }
 
 // hasForm returns whether `text` is `form` with a digit for each "d".
@@ -290,7 +301,7 @@ std::string UTCClockValue::get_as_iso8601_date() const {
 }
 
 std::string UTCClockValue::get_as_iso8601_date_with_ms() const {
-    return isoDateTime(value) + strfmt(".%03dZ", static_cast<int>(value / 1000000 % 1000));
+    return isoDateTime(value) + formatted(".%03dZ", static_cast<int>(value / 1000000 % 1000));
 }
 
 std::string UTCClockValue::get_as_rfc822_date() const {

@@ -15,7 +15,6 @@
 #include <memory>
 #include <string_view>
 
-#include "foundation/strfmt.h"
 #include "runtime/orvlog.h"
 
 namespace {
@@ -231,7 +230,10 @@ bool Inventory::takeAddress(const ifaddrs& entry, ORVIPInfo::IpInterface& interf
 }  // namespace
 
 std::string ORVIPInfo::MacAddress::toString() const {
-    return strfmt("%02x:%02x:%02x:%02x:%02x:%02x", bytes[0], bytes[1], bytes[2], bytes[3], bytes[4], bytes[5]);
+    char text[sizeof "00:00:00:00:00:00"];
+    snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", bytes[0], bytes[1], bytes[2], bytes[3], bytes[4],
+             bytes[5]);
+    return text;
 }
 
 bool ORVIPInfo::MacAddress::set(const std::string& text) {

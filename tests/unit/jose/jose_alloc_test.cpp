@@ -38,6 +38,27 @@ protected:
         }
     }
 
+    // expectLoads expects of each failing allocation, if there is any, that std::bad_alloc comes out and the old key
+    // stays, or that the new one is there.
+    static void expectLoads(const std::function<void(jwa::Key&)>& load, jwa::Algo algo) {
+        for (size_t n = 0;; ++n) {
+            SCOPED_TRACE("allocation " + std::to_string(n));
+            const std::ptrdiff_t before = gs_oAllocFaults.living;
+            {
+                jwa::Key key = hmacKey(jwa::HS512, "secret");
+                EVP_PKEY* const old = key.pkey();
+                const bool thrown = failingAt(n, GetParam(), [&] { load(key); });
+                EXPECT_EQ(thrown, gs_oAllocFaults.hit);
+                EXPECT_EQ(key.pkey() == old, thrown);
+                EXPECT_EQ(key.algo(), thrown ? jwa::HS512 : algo);
+                EXPECT_NO_THROW(key.checkKey());
+            }
+            EXPECT_EQ(before, gs_oAllocFaults.living);
+            if (!gs_oAllocFaults.hit || HasFailure())
+                return;
+        }
+    }
+
     const std::string m_strMessage = std::string(300, 'm');
 };
 
@@ -80,6 +101,33 @@ TEST_P(ExhaustedJose, FailedLoadingThrowsAndKeepsTheKey) {
     expectThrows([&] { EXPECT_NE(failureOf([&] { key.loadPublicKeyByKind(text); }), NO_FAILURE); });
     expectThrows([&] { EXPECT_NE(failureOf([&] { key.loadPublicKey(jwa::ES256, path("missing")); }), NO_FAILURE); });
     EXPECT_EQ(key.pkey(), before);
+}
+
+// A key's file is read by OpenSSL, whose memory is its own; what is loaded by the key's kind passes through ours.
+TEST_P(ExhaustedJose, SuccessfulLoadingThrowsOrLoads) {
+    for (const jwa::Algo algo : {jwa::ES256, jwa::ES384, jwa::RS256}) {
+        const std::string pem = TempFolder::contentOf(publicPEM(kindOf(algo)));
+        const std::string path = privatePEM(kindOf(algo));
+        const std::string publicPath = publicPEM(kindOf(algo));
+        const std::string der = converted("pkey -outform DER", kindOf(algo));
+        expectLoads([&](jwa::Key& key) { key.loadPublicKeyByKind(pem); }, algo);
+        expectLoads([&](jwa::Key& key) { key.loadPublicKey(algo, publicPath); }, algo);
+        expectLoads([&](jwa::Key& key) { key.loadPrivateKey(algo, path); }, algo);
+        const auto size = static_cast<int>(der.size());
+        expectLoads([&](jwa::Key& key) { key.loadPrivateKeyDER(algo, der.data(), size); }, algo);
+    }
+    const Bytes secret(100, 's');
+    expectLoads([&](jwa::Key& key) { key.setHMAC(jwa::HS256, secret.data(), secret.size()); }, jwa::HS256);
+}
+
+TEST_P(ExhaustedJose, CopiesOfAKeyNeedNoMemory) {
+    const jwa::Key key = hmacKey(jwa::HS256, "secret");
+    EXPECT_FALSE(failingAt(0, GetParam(), [&] {
+        jwa::Key copy(key);
+        copy = key;
+        copy.reset();
+    }));
+    EXPECT_FALSE(gs_oAllocFaults.hit);
 }
 
 TEST_P(ExhaustedJose, TokensThrowOnSigning) {

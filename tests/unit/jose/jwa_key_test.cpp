@@ -777,6 +777,14 @@ TEST_F(JwaKey, EncryptedKeysFailWithoutAPrompt) {
     expectNoPrompt([&] { failureOf(loadDER); });
 }
 
+// No password is not the empty one.
+TEST_F(JwaKey, KeyEncryptedWithTheEmptyPasswordFailsToo) {
+    converted("pkcs8 -topk8 -v2 aes-256-cbc -passout pass:", "P-256");
+    ASSERT_THAT(content("converted"), testing::HasSubstr("ENCRYPTED"));
+    EXPECT_THAT(failureOf([&] { jwa::Key().loadPrivateKey(jwa::ES256, path("converted")); }),
+                StartsWith(BAD + "PEM_read_PrivateKey: error:"));
+}
+
 TEST_F(JwaKey, EncryptedKeyLeavesThePreviousKey) {
     converted("ec -aes256 -passout pass:secret", "P-256");
     jwa::Key key = hmac();
