@@ -15,7 +15,17 @@ else()
     target_compile_definitions(orv_build_flags INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
 endif()
 
+# Without it libFuzzer sees which paths an input takes through the target, and none through the parser.
+if(FEATUREWATCH_LIBFUZZER)
+    target_compile_options(orv_build_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
+# clang records the lines of each program by itself; g++ adds up what all programs ran, for gcov.
 if(FEATUREWATCH_COVERAGE)
-    target_compile_options(orv_build_flags INTERFACE --coverage)
-    target_link_options(orv_build_flags INTERFACE --coverage)
+    set(coverage --coverage)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+        set(coverage -fprofile-instr-generate -fcoverage-mapping)
+    endif()
+    target_compile_options(orv_build_flags INTERFACE ${coverage})
+    target_link_options(orv_build_flags INTERFACE ${coverage})
 endif()

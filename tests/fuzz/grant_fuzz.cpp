@@ -1,27 +1,13 @@
 // No bytes are a grant as they are. Signed with the trusted key they have the features of a plain file with these
 // bytes, or none.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <string>
 
-#include "fuzz.h"
 #include "identity/orv_serial.h"
+#include "memory_file.h"
 #include "unit/watch/grant_signer.h"
 #include "watch/feature_source.h"
 
 namespace {
-
-// File is a file in memory with a path.
-struct File {
-    int fd = memfd_create("fuzz", MFD_CLOEXEC);
-    std::string path = "/proc/self/fd/" + std::to_string(fd);
-
-    void put(const std::string& content) const {
-        require(ftruncate(fd, 0) == 0);
-        require(pwrite(fd, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()));
-    }
-};
 
 size_t featuresOf(FeatureSource source) {
     source.load();
@@ -31,7 +17,7 @@ size_t featuresOf(FeatureSource source) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const File input, key;
+    static const MemoryFile input, key;
     ORVSerial::ms_strSerialNumber = "0000abcd";
     ORVSerial::ms_bHasSerialNumber = true;
     const std::string content(reinterpret_cast<const char*>(data), size);
