@@ -2,7 +2,7 @@ find_program(PYTHON3 python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)  # the sys
 
 # orv_system_tests(PREFIX [NAME=VALUE...]) makes every test method of the Python files in the current folder a test of its
 # own, named after PREFIX, in a sandbox of its own with a software TPM. The names with their values go into its environment.
-# Tests that match `left_out`, if the caller has set that, are not made.
+# Tests that match `left_out`, if the caller has set that, are not made. With FEATUREWATCH_THOROUGH their samples are large.
 function(orv_system_tests prefix)
     file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.py)
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${sources})
@@ -15,6 +15,9 @@ function(orv_system_tests prefix)
     string(REPLACE "\n" ";" ids "${ids}")
     if(left_out)
         list(FILTER ids EXCLUDE REGEX "${left_out}")
+    endif()
+    if(FEATUREWATCH_THOROUGH)
+        list(APPEND ARGN FEATUREWATCH_THOROUGH=1)
     endif()
     foreach(id ${ids})
         add_test(NAME ${prefix}.${id}
