@@ -7,6 +7,7 @@ function(orv_system_tests prefix)
     file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.py)
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${sources})
     set(runner ${PROJECT_SOURCE_DIR}/tests/system)
+    set(bytecode ${PROJECT_BINARY_DIR}/tests/bytecode)
     execute_process(
         COMMAND ${PYTHON3} -B ${runner}/list_tests.py ${CMAKE_CURRENT_SOURCE_DIR}
         OUTPUT_VARIABLE ids
@@ -23,7 +24,7 @@ function(orv_system_tests prefix)
         add_test(NAME ${prefix}.${id}
             COMMAND ${SANDBOX} --tpm -- ${PYTHON3} -B ${runner}/run_test.py ${CMAKE_CURRENT_SOURCE_DIR} ${id})
         set_tests_properties(${prefix}.${id} PROPERTIES
-            ENVIRONMENT "FEATUREWATCH=$<TARGET_FILE:featurewatch>;${ARGN}"
+            ENVIRONMENT "FEATUREWATCH=$<TARGET_FILE:featurewatch>;FEATUREWATCH_BYTECODE=${bytecode};${ARGN}"
             SKIP_RETURN_CODE 77
             TIMEOUT 120)
     endforeach()

@@ -19,11 +19,15 @@ LIMIT = 60  # seconds
 
 def load_command(name, *parts):
     """One of the commands as a module, with those parts of its package that it loads when it needs them."""
+    if TOOLS not in sys.path:
+        sys.path.append(TOOLS)
+    for part in ("command_line", *parts):
+        importlib.import_module(f"featurewatch_tools.{part}")
+    keeps_none = sys.dont_write_bytecode
     loader = importlib.machinery.SourceFileLoader(name, os.path.join(TOOLS, name))
     module = importlib.util.module_from_spec(importlib.util.spec_from_loader(name, loader))
     loader.exec_module(module)
-    for part in parts:
-        importlib.import_module(f"featurewatch_tools.{part}")
+    sys.dont_write_bytecode = keeps_none  # the command wants that for itself
     return module
 
 
