@@ -102,8 +102,10 @@ class Shell:
         """Waits until the screen has all these texts and stays as it is; returns it at the deadline in any case."""
         end = time.monotonic() + DEADLINE
         while time.monotonic() < end:
-            is_quiet = not self.read(QUIET)
-            if is_quiet and all(text in self.text() for text in texts):
+            if self.read(QUIET):
+                continue
+            shown = self.text()
+            if all(text in shown for text in texts):
                 break
         return self.text()
 

@@ -28,7 +28,11 @@ def make_agent_reachable():
     os.environ["FEATUREWATCH"] = REACHABLE_AGENT
 
 
-sys.dont_write_bytecode = True
+def keep_bytecode():
+    """Compiled modules are kept in the folder FEATUREWATCH_BYTECODE, and nowhere without it. Programs that the test starts
+    use what the system has."""
+    sys.pycache_prefix = os.environ.pop("FEATUREWATCH_BYTECODE", None)
+    sys.dont_write_bytecode = sys.pycache_prefix is None
 
 
 def main(arguments):
@@ -36,6 +40,7 @@ def main(arguments):
         print("usage: run_test.py FOLDER MODULE.CLASS.METHOD", file=sys.stderr)
         return 1
     folder, name = arguments
+    keep_bytecode()
     make_agent_reachable()
     sys.path[:0] = [os.path.abspath(folder), HERE]
     suite = unittest.defaultTestLoader.loadTestsFromName(name)

@@ -8,8 +8,6 @@ tools/attest.
 
 import base64
 import hashlib
-import importlib.machinery
-import importlib.util
 import json
 import os
 import secrets
@@ -20,8 +18,9 @@ import tempfile
 import unittest
 from unittest import mock
 
+from forked_command import TOOLS, load_command, run_forked
+
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
-TOOLS = os.path.normpath(os.path.join(ROOT, "tools"))
 ATTEST = os.path.join(TOOLS, "attest")
 # After the folder of the tests themselves: it has a module with the name of one over there.
 sys.path[1:1] = [os.path.join(ROOT, "tests", "system"), TOOLS]
@@ -38,21 +37,17 @@ AK_HEAD = bytes.fromhex("0023000B00050072000000100018000B00030010")
 MAGIC, SESSION_AUDIT = 0xFF544347, 0x8016
 
 
-def load_command(name):
-    """One of the commands as a module."""
-    loader = importlib.machinery.SourceFileLoader(name, os.path.join(TOOLS, name))
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(name, loader))
-    loader.exec_module(module)
-    return module
-
-
-attest = load_command("attest")
+attest = load_command("attest", "challenge", "verification")
 
 
 def run_attest(*arguments, **keywords):
-    """Runs the command to its end. None may end with a traceback."""
-    command = [sys.executable, ATTEST, *arguments]
-    result = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=60, **keywords)
+    """Runs the command to its end: in a process made from this one, or with keywords for subprocess.run as a program.
+    None may end with a traceback."""
+    if keywords:
+        command = [sys.executable, ATTEST, *arguments]
+        result = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=60, **keywords)
+    else:
+        result = run_forked(attest.main, arguments)
     if b"Traceback" in result.stderr or result.returncode not in (0, 1, 2):
         raise AssertionError(f"attest {arguments}: {result}")
     return result

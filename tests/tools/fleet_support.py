@@ -7,39 +7,27 @@ A `FleetDevice` finds a challenge's secret out as a TPM does, by formulas of the
 import contextlib
 import hashlib
 import hmac
-import importlib
-import importlib.machinery
 import json
 import os
 import secrets
 import shutil
 import sqlite3
-import sys
 import tempfile
-import types
 import unittest
 from typing import NamedTuple
 
-from attest_support import AK_HEAD, EK_HEAD, ROOT, SoftwareDevice, decoded, name_of, report_text, sha256, sized
+from attest_support import AK_HEAD, EK_HEAD, SoftwareDevice, decoded, name_of, report_text, sha256, sized
 from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import ec
 from cryptography.hazmat.primitives.ciphers import Cipher, algorithms, modes
+from forked_command import TOOLS, load_command, run_forked
 
-FLEET = os.path.normpath(os.path.join(ROOT, "tools", "fleet"))
+FLEET = os.path.join(TOOLS, "fleet")
 PLACES = (serialization.Encoding.DER, serialization.PublicFormat.SubjectPublicKeyInfo)
 
 
-def load_fleet():
-    module = types.ModuleType("fleet")
-    module.__file__ = FLEET
-    importlib.machinery.SourceFileLoader("fleet", FLEET).exec_module(module)
-    return module
-
-
-fleet = load_fleet()
-
-for name in ("challenges", "import", "streams", "verdicts", "views"):
-    importlib.import_module(f"featurewatch_tools.fleet_{name}")  # once for all runs of the program
+PARTS = ("challenges", "import", "streams", "verdicts", "views")
+fleet = load_command("fleet", *(f"fleet_{part}" for part in PARTS))
 
 
 # --- devices ----------------------------------------------------------------------------------------------------------
@@ -120,35 +108,13 @@ class Result(NamedTuple):
 
 
 def run_fleet(*words, content=b"", prepare=lambda: None):
-    """Runs the program to its end, in a process made from this one, which has all modules at hand. `prepare` is called
-    in there before. It may not end with a traceback, nor with a status of its own making."""
-    with contextlib.ExitStack() as stack:
-        streams = [stack.enter_context(tempfile.TemporaryFile()) for _ in range(3)]
-        streams[0].write(content)
-        streams[0].seek(0)
-        process = os.fork()
-        if process == 0:
-            run_child(words, streams, prepare)
-        status = os.waitstatus_to_exitcode(os.waitpid(process, 0)[1])
-        for stream in streams[1:]:
-            stream.seek(0)
-        result = Result(status, streams[1].read(), streams[2].read())
-    if b"Traceback" in result.errors or b"internal error" in result.errors or status not in (-9, 0, 1, 2):
+    """Runs the program to its end, in a process made from this one. `prepare` is called in there before. It may not end
+    with a traceback, nor with a status of its own making."""
+    run = run_forked(fleet.main, words, content, prepare)
+    result = Result(run.returncode, run.stdout, run.stderr)
+    if b"Traceback" in result.errors or b"internal error" in result.errors or result.status not in (-9, 0, 1, 2):
         raise AssertionError(f"fleet {words}: {result}")
     return result
-
-
-def run_child(words, streams, prepare):
-    status = 70
-    try:
-        for number, stream in enumerate(streams):
-            os.dup2(stream.fileno(), number)
-        prepare()
-        status = fleet.main([os.fsdecode(word) for word in words])
-        sys.stdout.flush()
-        sys.stderr.flush()
-    finally:
-        os._exit(status)
 
 
 def lines_of(objects):

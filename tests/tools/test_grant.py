@@ -8,6 +8,7 @@ import subprocess
 import sys
 
 from daemon_harness import open_folder
+from forked_command import TOOLS, load_command, run_forked
 from harness import (
     DEFAULT_SERIAL,
     ETC,
@@ -18,18 +19,24 @@ from harness import (
     write_file,
 )
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-GRANT = os.path.normpath(os.path.join(HERE, "..", "..", "tools", "grant"))
+GRANT = os.path.join(TOOLS, "grant")
 INSTALLED_GRANT, INSTALLED_KEY = "/var/lib/orvanta/features.jws", ETC + "/features.pem"
 ALGORITHMS = ("ES256", "ES384", "RS256")
 BEGIN, END = "2026-01-01T00:00:00Z", "2099-12-31T23:59:59Z"
 
 
+grant_command = load_command("grant", "batches", "grants")
+
+
 def run_grant(*arguments, **keywords):
-    """Runs the command to its end. None may end with a traceback, and one that fails says why in one line."""
-    command = [sys.executable, GRANT, *arguments]
-    keywords.setdefault("stdout", subprocess.PIPE)
-    result = subprocess.run(command, stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, timeout=60, **keywords)
+    """Runs the command to its end: in a process made from this one, or with keywords for subprocess.run as a program.
+    None may end with a traceback, and one that fails says why in one line."""
+    if keywords:
+        command = [sys.executable, GRANT, *arguments]
+        streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
+        result = subprocess.run(command, timeout=60, **{**streams, **keywords})
+    else:
+        result = run_forked(grant_command.main, arguments)
     if b"Traceback" in result.stderr or result.returncode not in (0, 1, 2):
         raise AssertionError(f"grant {arguments}: {result}")
     return result

@@ -6,7 +6,8 @@ import io
 import unittest
 from unittest import mock
 
-from attest_support import Fault, files, load_command
+from attest_support import Fault, files
+from forked_command import load_command
 from cryptography.hazmat.primitives.asymmetric import ec
 from cryptography.hazmat.primitives.asymmetric.utils import decode_dss_signature, encode_dss_signature
 from featurewatch_tools.grants import ALGORITHMS, PrivateKey

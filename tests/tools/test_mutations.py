@@ -4,8 +4,9 @@ import unittest
 from unittest import mock
 
 from mutate_documents import campaign, documents, verification
+from sample_size import sample_size
 
-SAMPLE = 4000
+SAMPLE = sample_size(1000, 4000)
 
 
 class MutationTest(unittest.TestCase):

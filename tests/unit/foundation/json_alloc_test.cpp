@@ -10,6 +10,7 @@
 #include <functional>
 #include <new>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "foundation/json.h"
@@ -215,4 +216,38 @@ TEST(ExhaustedDestruction, OfDeepDocumentsNeedsNeitherMemoryNorStack) {
     ASSERT_EQ(0, pthread_create(&thread, &attributes, destroyDeepDocuments, nullptr));
     pthread_join(thread, nullptr);
     pthread_attr_destroy(&attributes);
+}
+
+namespace {
+
+// LivingAtEnd tells how many blocks are living when its thread's objects have gone. It is to be the thread's first.
+struct LivingAtEnd {
+    std::ptrdiff_t* result = nullptr;
+
+    ~LivingAtEnd() {
+        if (result != nullptr)
+            *result = gs_oAllocFaults.living;
+    }
+};
+
+thread_local LivingAtEnd gs_oLivingAtEnd;
+thread_local JSON::root gs_pOfThreadsLifeTime;
+
+std::ptrdiff_t livingAfterThreadWith(const char* text) {
+    std::ptrdiff_t living = -1;
+    std::thread([&living, text] {
+        gs_oLivingAtEnd.result = &living;
+        const std::ptrdiff_t before = gs_oAllocFaults.living;
+        gs_pOfThreadsLifeTime = JSON::parse(text);
+        EXPECT_LT(before, gs_oAllocFaults.living);
+    }).join();
+    return living;
+}
+
+}  // namespace
+
+TEST(JSONThreads, DocumentOfAThreadsLifeTimeIsLetGoAtItsEnd) {
+    const std::ptrdiff_t living = livingAfterThreadWith(Document);
+    EXPECT_LE(living, 0);  // what a thread starts with was counted by the one that made it
+    EXPECT_EQ(livingAfterThreadWith("null"), living);
 }

@@ -772,13 +772,6 @@ TEST(JSONThreads, DocumentsOfSeveralThreadsDoNotDisturbEachOther) {
     EXPECT_EQ(0, wrong);
 }
 
-TEST(JSONThreads, DocumentOfAThreadsLifeTimeIsLetGoAtItsEnd) {
-    std::thread([] {
-        gs_pAtThreadExit.reset();
-        gs_pAtThreadExit = JSON::parse(Sample);
-    }).join();
-}
-
 TEST(JSONThreads, DocumentOfTheProgramsLifeTimeIsLetGoAtExit) {
     const auto leave = [] {
         gs_pAtExit = JSON::parse(Sample);

@@ -674,9 +674,9 @@ private:
     std::vector<std::string> m_pieces;
 };
 
-const std::vector<std::string> PIECES = {"[[",  "]]",  "[",   "]",   "%",     "%4",   "%41", "%5b", "%5D",
-                                         "%00", "%25", "%zz", "%7e", "a",     "/",    "?",   "#",   "&",
-                                         "=",   "+",   ":",   " ",   "[[%41", "[[&=", "\0"s};
+const std::vector<std::string> PIECES = {"[[",  "]]",  "[",   "]",   "%",   "%4",    "%41",  "%5b", "%5D",
+                                         "%20", "%00", "%25", "%zz", "%7e", "a",     "/",    "?",   "#",
+                                         "&",   "=",   "+",   ":",   " ",   "[[%41", "[[&=", "\0"s};
 
 std::vector<std::string> piecesWithoutPercent() {
     std::vector<std::string> pieces;

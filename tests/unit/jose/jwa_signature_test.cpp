@@ -512,8 +512,12 @@ TEST_F(JwaSignature, SignerKeepsItsKeyWhenTheCallersIsReset) {
 }
 
 TEST_F(JwaSignature, MessageLeftUnfinishedLeaksNothing) {
-    jwa::Signer(usualKey(jwa::ES256)).update("abc", 3);
-    jwa::Verifier(usualKey(jwa::ES256)).update("abc", 3);
+    const jwa::Key& key = usualKey(jwa::ES256);
+    const OpensslWatch watch;
+    jwa::Signer(key).update("abc", 3);
+    jwa::Verifier(key).update("abc", 3);
+    EXPECT_EQ(watch.made("EVP_MD_CTX_new"), 2);
+    EXPECT_EQ(watch.made("EVP_MD_CTX_free"), 2);
 }
 
 // --- Failing calls ---

@@ -93,6 +93,9 @@ EVP_PKEY* EVP_PKEY_new_raw_private_key(int type, ENGINE* engine, const unsigned 
 EVP_MD_CTX* EVP_MD_CTX_new() {
     return OpensslWatch::intercept(__func__, EVP_MD_CTX_new);
 }
+void EVP_MD_CTX_free(EVP_MD_CTX* context) {
+    OpensslWatch::intercept(__func__, EVP_MD_CTX_free, context);
+}
 
 int EVP_DigestSignInit(EVP_MD_CTX* context, EVP_PKEY_CTX** keyContext, const EVP_MD* digest, ENGINE* engine,
                        EVP_PKEY* key) {
