@@ -12,13 +12,13 @@
 #include <glib.h>
 #include <openssl/evp.h>
 
-#include <algorithm>
 #include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "foundation/base64.h"
+#include "least_time.h"
 
 namespace {
 
@@ -172,11 +172,9 @@ void LinesGLibFresh(benchmark::State& state) {
     });
 }
 
-// With repetitions the least time is told too: on a machine with other work it is the figure that repeats.
 void sizes(benchmark::internal::Benchmark* bench) {
     bench->Arg(64)->Arg(1 << 10)->Arg(64 << 10)->Arg(1 << 20);
-    bench->ComputeStatistics(
-        "min", [](const std::vector<double>& times) { return *std::min_element(times.begin(), times.end()); });
+    tellLeastTime(bench);
 }
 
 BENCHMARK(EncodeOurs)->Apply(sizes);

@@ -37,6 +37,7 @@
 #include "foundation/json.h"
 #include "jose/jwa.h"
 #include "jose/jws.h"
+#include "least_time.h"
 
 namespace {
 
@@ -425,11 +426,6 @@ bool isLibjwtPayload(const Material& material, const Holder<jwt_t>& token) {
 
 // --- Registering ---
 
-// With repetitions the least time is told too: on a machine with other work it is the figure that repeats.
-double least(const std::vector<double>& times) {
-    return *std::min_element(times.begin(), times.end());
-}
-
 template <class Job, class Check>
 void add(jwa::Algo algo, const char* what, const char* candidate, Job job, Check check) {
     const std::string name = std::string(what) + '/' + jwa::name(algo) + '/' + candidate;
@@ -441,7 +437,7 @@ void add(jwa::Algo algo, const char* what, const char* candidate, Job job, Check
         }
         for (auto _ : state)
             benchmark::DoNotOptimize(job(material));
-    })->ComputeStatistics("min", least);
+    })->Apply(tellLeastTime);
 }
 
 void addSigning(jwa::Algo algo) {

@@ -6,10 +6,9 @@
 #include <log4cxx/level.h>
 #include <log4cxx/patternlayout.h>
 
-#include <algorithm>
 #include <string>
-#include <vector>
 
+#include "least_time.h"
 #include "runtime/orvlog.h"
 
 namespace {
@@ -64,16 +63,10 @@ void MadeLog4cxx(benchmark::State& state) {
         [](const Arguments& with) { LOG4CXX_INFO(gs_pLogger, "feature " << with.name << ", entry " << with.number); });
 }
 
-// With repetitions the least time is told too: on a machine with other work it is the figure that repeats.
-void withLeast(benchmark::internal::Benchmark* bench) {
-    bench->ComputeStatistics(
-        "min", [](const std::vector<double>& times) { return *std::min_element(times.begin(), times.end()); });
-}
-
-BENCHMARK(DisabledOurs)->Apply(withLeast);
-BENCHMARK(DisabledLog4cxx)->Apply(withLeast);
-BENCHMARK(MadeOurs)->Apply(withLeast);
-BENCHMARK(MadeLog4cxx)->Apply(withLeast);
+BENCHMARK(DisabledOurs)->Apply(tellLeastTime);
+BENCHMARK(DisabledLog4cxx)->Apply(tellLeastTime);
+BENCHMARK(MadeOurs)->Apply(tellLeastTime);
+BENCHMARK(MadeLog4cxx)->Apply(tellLeastTime);
 
 }  // namespace
 

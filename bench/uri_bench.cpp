@@ -18,7 +18,6 @@
 #include <glib.h>
 #include <uriparser/Uri.h>
 
-#include <algorithm>
 #include <deque>
 #include <fstream>
 #include <initializer_list>
@@ -30,6 +29,7 @@
 #include <vector>
 
 #include "foundation/uri.h"
+#include "least_time.h"
 #include "rounds.h"
 
 namespace {
@@ -313,12 +313,10 @@ const char* const PIECES[] = {"[[",      "]]",    "[",   "%",   "%4",  "[[%",   
 
 using Job = void (*)(benchmark::State&, const Texts&);
 
-// With repetitions the least time is told too: on a machine with other work it is the figure that repeats.
 void add(const std::string& name, Job job, const Texts& texts) {
     benchmark::RegisterBenchmark(name.c_str(), [job, texts](benchmark::State& state) { job(state, texts); })
         ->Unit(benchmark::kMicrosecond)
-        ->ComputeStatistics(
-            "min", [](const std::vector<double>& times) { return *std::min_element(times.begin(), times.end()); });
+        ->Apply(tellLeastTime);
 }
 
 void addBesidePeers(const std::string& suffix, const Texts& whole, const Texts& relative) {

@@ -4,41 +4,22 @@ import copy
 import json
 import os
 import random
-import signal
 import subprocess
 
 from attest_support import ATTEST, AttestTest, QuickVerify, decoded, encoded, run_attest
-from harness import IDENTIFIERS, SandboxTest, is_alive, read_file, run_agent, set_cpuinfo, wait_for, write_file
+from harness import IDENTIFIERS, SandboxTest, read_file, run_agent, set_cpuinfo, write_file
 from sample_size import sample_size
+from tpm_harness import TPM_STATE, restart_tpm, tool
 
 QUIET = {"TSS2_LOG": "all+NONE"}  # the TSS library prints its own lines otherwise
-TPM_FOLDER = "/run/sandbox/tpm"
 COUNTER, EK = "0x018C811F", "0x8101000A"
 IDENTIFIER_LINES = "ORV_USER_SN=lobby left\nORV_BOARD_SN=b/17\nORV_SYSTEM_SN=s\nORV_CHASSIS_SN=c-ü\n"
 BASE64 = b"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/="
 
 
-def tpm2(tool, *arguments):
-    """Runs one of the tpm2-tools; gives its standard output."""
-    command = ["tpm2_" + tool, *arguments]
-    result = subprocess.run(command, capture_output=True, env={**os.environ, **QUIET}, timeout=30)
-    if result.returncode != 0:
-        raise AssertionError(f"{command}: {result}")
-    return result.stdout
-
-
 def replace_tpm():
     """Puts a new software TPM in the place of the present one."""
-    pid = int(read_file(os.path.join(TPM_FOLDER, "pid")))
-    tpm2("shutdown", "-c")
-    os.kill(pid, signal.SIGTERM)
-    wait_for(lambda: not is_alive(pid), "the end of the TPM")
-    state = os.path.join(TPM_FOLDER, "other")
-    os.mkdir(state)
-    listen = "type=tcp,port={},bindaddr=127.0.0.1"
-    command = ["swtpm", "socket", "--tpm2", "--tpmstate", f"dir={state}", "--flags", "not-need-init,startup-clear"]
-    command += ["--server", listen.format(2321), "--ctrl", listen.format(2322), "--pid", f"file={TPM_FOLDER}/pid"]
-    subprocess.run([*command, "--daemon"], check=True)
+    restart_tpm(os.path.join(TPM_STATE, "other"))
 
 
 class ExchangeTest(SandboxTest, AttestTest):
@@ -78,12 +59,12 @@ class ExchangeTest(SandboxTest, AttestTest):
         session, areas = self.path("session"), {}
         for name in ("pubTpm2B", "privTpm2B"):
             areas[name] = self.write(name, decoded(report["tpm2"]["ak"][name]))
-        tpm2("startauthsession", "--policy-session", "-S", session)
-        tpm2("policysecret", "-Q", "-S", session, "-c", "e")
+        tool("startauthsession", "--policy-session", "-S", session)
+        tool("policysecret", "-Q", "-S", session, "-c", "e")
         key = ["-u", areas["pubTpm2B"], "-r", areas["privTpm2B"], "-c", self.path("ak.ctx")]
-        tpm2("load", "-Q", "-C", EK, *key, "-P", f"session:{session}")
-        tpm2("flushcontext", session)
-        tpm2("flushcontext", "-t")
+        tool("load", "-Q", "-C", EK, *key, "-P", f"session:{session}")
+        tool("flushcontext", session)
+        tool("flushcontext", "-t")
 
 
 class EndToEndTest(ExchangeTest):
@@ -195,10 +176,10 @@ class EndToEndTest(ExchangeTest):
         self.load_key(report)
         files = {"att": self.path("att"), "sig": self.path("sig")}
         quote = ["-m", files["att"], "-s", files["sig"], "-f", "plain", "-g", "sha256"]
-        tpm2("quote", "-Q", "-c", self.path("ak.ctx"), "-l", "sha256:0", "-q", nonce, *quote)
+        tool("quote", "-Q", "-c", self.path("ak.ctx"), "-l", "sha256:0", "-q", nonce, *quote)
         self.assert_only_other_kind(report, files)
         certify = ["--attestation", files["att"], "-o", files["sig"], "-f", "plain", "-g", "sha256", "-s", "ecdsa"]
-        tpm2("nvcertify", "-C", self.path("ak.ctx"), "-c", COUNTER, "-q", nonce, *certify, "--size", "8", COUNTER)
+        tool("nvcertify", "-C", self.path("ak.ctx"), "-c", COUNTER, "-q", nonce, *certify, "--size", "8", COUNTER)
         self.assert_only_other_kind(report, files)
 
     def assert_only_other_kind(self, report, files):

@@ -13,7 +13,8 @@ from cryptography.hazmat.primitives.asymmetric import ec
 from featurewatch_tools import challenge, structures, verification
 from featurewatch_tools.fault import Fault
 from harness import read_file
-from test_attest_end_to_end import COUNTER, EK, ExchangeTest, tpm2
+from test_attest_end_to_end import COUNTER, EK, ExchangeTest
+from tpm_harness import tool
 
 TOOL_MARK = bytes.fromhex("BADCC0DE 00000001")  # the tpm2-tools' own, in front of a credential
 SPKI_HEAD = bytes.fromhex("3059301306072A8648CE3D020106082A8648CE3D03010703420004")
@@ -49,12 +50,12 @@ class TpmTest(ExchangeTest):
     def activated(self, credential):
         """The secret that the TPM finds in a credential for its EK and this AK."""
         session, output = self.path("session"), self.path("activated")
-        tpm2("startauthsession", "--policy-session", "-S", session)
-        tpm2("policysecret", "-Q", "-S", session, "-c", "e")
+        tool("startauthsession", "--policy-session", "-S", session)
+        tool("policysecret", "-Q", "-S", session, "-c", "e")
         keys = ("-c", self.path("ak.ctx"), "-C", EK, "-P", f"session:{session}")
-        tpm2("activatecredential", "-Q", *keys, "-i", self.write("credential", TOOL_MARK + credential), "-o", output)
-        tpm2("flushcontext", session)
-        tpm2("flushcontext", "-t")
+        tool("activatecredential", "-Q", *keys, "-i", self.write("credential", TOOL_MARK + credential), "-o", output)
+        tool("flushcontext", session)
+        tool("flushcontext", "-t")
         return read_file(output)
 
     def assert_activated(self):
@@ -69,7 +70,7 @@ class TpmTest(ExchangeTest):
         secret = secrets.token_bytes(32)
         files = ("-u", self.write("ek", self.device.ek.whole), "-s", self.write("secret", secret))
         made = ("-n", self.device.ak.name.hex(), "-o", self.path("made"))
-        tpm2("makecredential", "-Q", "-T", "none", *files, *made)
+        tool("makecredential", "-Q", "-T", "none", *files, *made)
         self.assertEqual(self.activated(read_file(self.path("made")).removeprefix(TOOL_MARK)), secret)
 
     def test_coordinates_that_begin_with_zero(self):
@@ -83,11 +84,11 @@ class TpmTest(ExchangeTest):
         "Names and qualified name are those that the TPM states for its EK, its AK and its counter."
         names = {}
         for key, handle in (("ek", EK), ("ak", self.path("ak.ctx"))):
-            tpm2("readpublic", "-Q", "-c", handle, "-n", self.path("name"), "-q", self.path("qualified"))
+            tool("readpublic", "-Q", "-c", handle, "-n", self.path("name"), "-q", self.path("qualified"))
             names[key], qualified = read_file(self.path("name")), read_file(self.path("qualified"))
         self.assertEqual(names, {"ek": self.device.ek.name, "ak": self.device.ak.name})
         self.assertEqual(structures.qualified_name(self.device.ek, self.device.ak), qualified)
-        name = re.search(rb"name: ([0-9a-f]+)", tpm2("nvreadpublic", COUNTER))[1].decode()
+        name = re.search(rb"name: ([0-9a-f]+)", tool("nvreadpublic", COUNTER))[1].decode()
         self.assertEqual(name, structures.COUNTER_NAME.hex())
 
 
@@ -127,7 +128,7 @@ class FormulaTest(AttestTest):
         secret = secrets.token_bytes(32)
         made = challenge.make_credential(self.report.ek, self.report.ak.name, secret)
         files = ("-u", self.write("ek", self.device.ek.whole), "-s", self.write("secret", secret))
-        tpm2("makecredential", "-Q", "-T", "none", *files, "-n", self.device.ak.name.hex(), "-o", self.path("made"))
+        tool("makecredential", "-Q", "-T", "none", *files, "-n", self.device.ak.name.hex(), "-o", self.path("made"))
         other = read_file(self.path("made")).removeprefix(TOOL_MARK)
         self.assertEqual((self.opened(made), self.opened(other)), (secret, secret))
         self.assertEqual(len(made), len(other))

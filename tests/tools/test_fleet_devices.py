@@ -74,7 +74,7 @@ class CommandLineTest(FleetTest):
             pass
         for url, part in (
             (self.path("missing.db"), "`fleet enrol` and `fleet import`"),
-            (self.path("text"), "not a database"),
+            (self.path("text"), f"{self.path('text')}: file is not a database"),
             (self.path("empty"), "no registry is there"),
             (self.folder, "unable to open"),
             ("sqlite://", "a registry is"),

@@ -3,27 +3,20 @@
 import json
 import os
 import shutil
-import signal
 import subprocess
 
 from fleet_support import FLEET, FleetTest, failed_checks
-from harness import IDENTIFIERS, SandboxTest, is_alive, read_file, run_agent, wait_for, write_file
-from test_attest_end_to_end import IDENTIFIER_LINES, QUIET, TPM_FOLDER, replace_tpm, tpm2
+from harness import IDENTIFIERS, SandboxTest, run_agent, write_file
+from test_attest_end_to_end import IDENTIFIER_LINES, QUIET, replace_tpm
+from tpm_harness import TPM_STATE, start_tpm, stop_tpm
 
-STATE = os.path.join(TPM_FOLDER, "tpm2-00.permall")
+STATE = os.path.join(TPM_STATE, "tpm2-00.permall")
 
 
-def restart_tpm(while_off):
-    """Does while_off() with the software TPM switched off."""
-    pid = int(read_file(os.path.join(TPM_FOLDER, "pid")))
-    tpm2("shutdown", "-c")
-    os.kill(pid, signal.SIGTERM)
-    wait_for(lambda: not is_alive(pid), "the end of the TPM")
-    while_off()
-    listen = "type=tcp,port={},bindaddr=127.0.0.1"
-    command = ["swtpm", "socket", "--tpm2", "--tpmstate", f"dir={TPM_FOLDER}", "--flags", "not-need-init,startup-clear"]
-    command += ["--server", listen.format(2321), "--ctrl", listen.format(2322), "--pid", f"file={TPM_FOLDER}/pid"]
-    subprocess.run([*command, "--daemon"], check=True)
+def with_tpm_off(action):
+    stop_tpm()
+    action()
+    start_tpm()
 
 
 class LifeTest(SandboxTest, FleetTest):
@@ -74,10 +67,10 @@ class LifeTest(SandboxTest, FleetTest):
     def test_counter_rolled_back(self):
         "A TPM whose state is set back answers well by itself, but not for whoever remembers its counter."
         self.enrol_agent()
-        restart_tpm(lambda: shutil.copy(STATE, self.path("state")))
+        with_tpm_off(lambda: shutil.copy(STATE, self.path("state")))
         self.assertEqual(failed_checks(self.attest("-R")), set())
         self.assertEqual(self.attest()["counter"], "3")
-        restart_tpm(lambda: shutil.copy(self.path("state"), STATE))
+        with_tpm_off(lambda: shutil.copy(self.path("state"), STATE))
         self.assertEqual(failed_checks(self.attest()), {"counter-floor"})
         self.assertEqual(failed_checks(self.attest("-R")), set())
         self.assertEqual([it["counter"] for it in self.history(self.serial)], ["3", "3", None, "3"])

@@ -5,13 +5,13 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "foundation/uri.h"
 #include "unit/exact_buffer.h"
 #include "unit/foundation/even_growth.h"
+#include "unit/foundation/random_text.h"
 #include "unit/rounds.h"
 
 namespace {
@@ -468,13 +468,6 @@ TEST(UriDataEdge, PlainContentIsPrintedInBase64) {
 }
 
 // ---- Random properties ----
-
-std::string randomFrom(std::mt19937& random, std::string_view alphabet, size_t length) {
-    std::string result;
-    while (length-- > 0)
-        result += alphabet[random() % alphabet.size()];
-    return result;
-}
 
 std::string randomToken(std::mt19937& random) {
     return randomFrom(random, "aZ09!#$%&'*+-.^_`{|}~\x7F", 1 + random() % 4);

@@ -20,6 +20,7 @@
 #include "foundation/uri.h"
 #include "unit/exact_buffer.h"
 #include "unit/foundation/even_growth.h"
+#include "unit/foundation/random_text.h"
 #include "unit/foundation/uri_address_model.h"
 #include "unit/rounds.h"
 
@@ -1155,20 +1156,6 @@ TEST(UriOriginCompare, APrefixDiffersByTheLengths) {
 // ---- Random properties ----
 
 constexpr std::string_view SOUP = "aAzZ019.-_%:/@[]?#+ \x80\xC3\xA4\xFF";
-
-std::string randomFrom(std::mt19937& random, std::string_view alphabet, size_t length) {
-    std::string text;
-    while (length-- > 0)
-        text += alphabet[random() % alphabet.size()];
-    return text;
-}
-
-std::string randomBytes(std::mt19937& random, size_t length) {
-    std::string text;
-    while (length-- > 0)
-        text += static_cast<char>(random());
-    return text;
-}
 
 std::string randomGroup(std::mt19937& random) {
     return randomFrom(random, "0123456789abcdefABCDEF", 1 + random() % 4);

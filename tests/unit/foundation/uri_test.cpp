@@ -7,7 +7,6 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -16,6 +15,7 @@
 #include "unit/exact_buffer.h"
 #include "unit/foundation/dot_segments_model.h"
 #include "unit/foundation/even_growth.h"
+#include "unit/foundation/random_text.h"
 #include "unit/rounds.h"
 
 namespace {
@@ -1011,20 +1011,6 @@ TEST(UriEdge, PlaceholdersSurviveInEveryPart) {
 }
 
 // ---- Random properties ----
-
-std::string randomFrom(std::mt19937& random, std::string_view alphabet, size_t length) {
-    std::string result;
-    while (length-- > 0)
-        result += alphabet[random() % alphabet.size()];
-    return result;
-}
-
-std::string randomBytes(std::mt19937& random, size_t length) {
-    std::string result;
-    while (length-- > 0)
-        result += static_cast<char>(random());
-    return result;
-}
 
 // randomText makes text from the pieces that matter to the parser.
 std::string randomText(std::mt19937& random, bool escapes) {

@@ -19,8 +19,8 @@
 
 #include "unit/record_collector.h"
 #include "unit/rounds.h"
+#include "unit/watch/feature_files.h"
 #include "unit/watch/feature_list_model.h"
-#include "unit/watch/grant_signer.h"
 #include "watch/clock.h"
 #include "watch/feature_provider.h"
 
@@ -33,9 +33,6 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StartsWith;
 
-const std::string PATH = "/etc/orvanta/features.json";
-const std::string GRANT = "/var/lib/orvanta/features.jws";
-const std::string KEY = "/etc/orvanta/features.pem";
 const std::string CPUINFO = "/run/sandbox/cpuinfo";
 
 // NOW is the moment at which most tests look: 2026-06-15T12:00:00Z.
@@ -46,7 +43,7 @@ class Sandbox : public testing::Environment {
 public:
     void SetUp() override {
         ASSERT_TRUE(fs::exists(CPUINFO)) << "not in the sandbox: run this program with scripts/sandbox";
-        ASSERT_FALSE(fs::exists(PATH)) << PATH << " is there already";
+        ASSERT_FALSE(fs::exists(INSTALLED)) << INSTALLED << " is there already";
     }
 };
 
@@ -61,28 +58,17 @@ protected:
     }
     ~FeatureProviderTest() override {
         alarm(0);
-        fs::remove_all(PATH);
-        fs::remove_all(GRANT);
-        fs::remove_all(KEY);
+        removeFeatureFiles();
     }
-
-    // putGrant writes a grant for this device and the key that signed it.
-    static void putGrant(const std::string& entries) {
-        TempFolder::writeTo(KEY, signer::publicPEM(signer::keyOf("P-256")));
-        TempFolder::writeTo(GRANT, signer::grant(R"({"serial":"0000abcd","features":[)" + entries + "]}"));
-    }
-
-    // put writes the input in place, `entries` being the texts in its list.
-    static void put(const std::string& entries) { TempFolder::writeTo(PATH, R"({"features":[)" + entries + "]}"); }
 
     // replace renames a new file over the input, so that it is another one for sure.
     static void replace(const std::string& entries) {
-        TempFolder::writeTo(PATH + ".new", R"({"features":[)" + entries + "]}");
-        fs::rename(PATH + ".new", PATH);
+        TempFolder::writeTo(INSTALLED + ".new", R"({"features":[)" + entries + "]}");
+        fs::rename(INSTALLED + ".new", INSTALLED);
     }
 
     bool load(const std::string& entries) {
-        put(entries);
+        putInstalled(entries);
         return m_oProvider.loadInput(0);
     }
 
@@ -137,10 +123,10 @@ TEST_F(FeatureProviderTest, InitEmptiesTheList) {
 
 TEST_F(FeatureProviderTest, SerialNumberIsThatOfTheDevice) {
     RecordCollector collector;
-    TempFolder::writeTo(PATH, R"({"serial":"00001234","features":[{"name":"a"}]})");
+    TempFolder::writeTo(INSTALLED, R"({"serial":"00001234","features":[{"name":"a"}]})");
     EXPECT_FALSE(m_oProvider.loadInput(0));
     EXPECT_THAT(collector.lines(), SizeIs(1));
-    TempFolder::writeTo(PATH, R"({"serial":"0000abcd","features":[{"name":"a"}]})");
+    TempFolder::writeTo(INSTALLED, R"({"serial":"0000abcd","features":[{"name":"a"}]})");
     EXPECT_TRUE(m_oProvider.loadInput(0));
     EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("a"));
     EXPECT_THAT(collector.lines(), SizeIs(1));
@@ -255,7 +241,7 @@ TEST_F(FeatureProviderTest, BrokenEntriesAreLeftOutWithOneWarningEach) {
     ASSERT_THAT(collector.lines(), SizeIs(2));
     for (const std::string& line : collector.lines()) {
         EXPECT_THAT(line, StartsWith("WARN "));
-        EXPECT_THAT(line, HasSubstr(PATH));
+        EXPECT_THAT(line, HasSubstr(INSTALLED));
     }
     EXPECT_THAT(collector.lines()[0], HasSubstr("1"));
     EXPECT_THAT(collector.lines()[1], HasSubstr("2"));
@@ -271,15 +257,15 @@ TEST_F(FeatureProviderTest, AfterTwentyWarningsOfOneReadingTheRestIsCounted) {
     RecordCollector collector;
     EXPECT_TRUE(load(wrong(20)));
     ASSERT_THAT(collector.lines(), SizeIs(20));
-    EXPECT_EQ(collector.lines()[19], "WARN " + PATH + ": left out feature 20: it is no object");
+    EXPECT_EQ(collector.lines()[19], "WARN " + INSTALLED + ": left out feature 20: it is no object");
     collector.clear();
     load(wrong(21));
     ASSERT_THAT(collector.lines(), SizeIs(21));
-    EXPECT_EQ(collector.lines()[20], "WARN " + PATH + ": left out 1 more");
+    EXPECT_EQ(collector.lines()[20], "WARN " + INSTALLED + ": left out 1 more");
     collector.clear();
     load(wrong(400'000));
     ASSERT_THAT(collector.lines(), SizeIs(21));
-    EXPECT_EQ(collector.lines()[20], "WARN " + PATH + ": left out 399980 more");
+    EXPECT_EQ(collector.lines()[20], "WARN " + INSTALLED + ": left out 399980 more");
     EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("a"));
 }
 
@@ -291,21 +277,21 @@ struct FileRow {
 
 TEST_F(FeatureProviderTest, UnusableFileCountsAsEmptyWithOneErrorHoweverOftenItIsRechecked) {
     const FileRow rows[] = {
-        {"too large", [] { put(R"({"name":"b"})" + std::string(1024 * 1024, ' ')); }},
-        {"broken", [] { TempFolder::writeTo(PATH, R"({"features":[{"name":"b"}])"); }},
-        {"no object", [] { TempFolder::writeTo(PATH, "[]"); }},
-        {"no list", [] { TempFolder::writeTo(PATH, R"({"features":{}})"); }},
-        {"other serial", [] { TempFolder::writeTo(PATH, R"({"features":[{"name":"b"}],"serial":"x"})"); }},
-        {"directory", [] { fs::create_directory(PATH); }},
-        {"FIFO", [] { ASSERT_EQ(mkfifo(PATH.c_str(), 0600), 0); }},
-        {"read fault", [] { fs::create_symlink("/proc/self/mem", PATH); }},
+        {"too large", [] { putInstalled(R"({"name":"b"})" + std::string(1024 * 1024, ' ')); }},
+        {"broken", [] { TempFolder::writeTo(INSTALLED, R"({"features":[{"name":"b"}])"); }},
+        {"no object", [] { TempFolder::writeTo(INSTALLED, "[]"); }},
+        {"no list", [] { TempFolder::writeTo(INSTALLED, R"({"features":{}})"); }},
+        {"other serial", [] { TempFolder::writeTo(INSTALLED, R"({"features":[{"name":"b"}],"serial":"x"})"); }},
+        {"directory", [] { fs::create_directory(INSTALLED); }},
+        {"FIFO", [] { ASSERT_EQ(mkfifo(INSTALLED.c_str(), 0600), 0); }},
+        {"read fault", [] { fs::create_symlink("/proc/self/mem", INSTALLED); }},
     };
     for (const FileRow& row : rows) {
         SCOPED_TRACE(row.what);
-        put(R"({"name":"a"})");
+        putInstalled(R"({"name":"a"})");
         EXPECT_TRUE(m_oProvider.loadInput(0));
         RecordCollector collector;
-        fs::remove_all(PATH);
+        fs::remove_all(INSTALLED);
         row.make();
         EXPECT_TRUE(m_oProvider.loadInput(0));
         EXPECT_THAT(m_oProvider.activeFeatureNames(), IsEmpty());
@@ -315,8 +301,8 @@ TEST_F(FeatureProviderTest, UnusableFileCountsAsEmptyWithOneErrorHoweverOftenItI
         }
         ASSERT_THAT(collector.lines(), SizeIs(1));
         EXPECT_THAT(collector.lines()[0], StartsWith("ERROR "));
-        EXPECT_THAT(collector.lines()[0], HasSubstr(PATH));
-        fs::remove_all(PATH);
+        EXPECT_THAT(collector.lines()[0], HasSubstr(INSTALLED));
+        fs::remove_all(INSTALLED);
     }
 }
 
@@ -384,7 +370,7 @@ TEST_F(FeatureProviderTest, LoadingReturnsWhetherTheListOrItsNextInstantChanged)
     };
     for (const ChangeRow& row : rows) {
         SCOPED_TRACE(row.what);
-        fs::remove_all(PATH);
+        fs::remove_all(INSTALLED);
         m_oProvider.init(NOW);
         load(row.before);
         EXPECT_FALSE(m_oProvider.loadInput(0));
@@ -425,7 +411,7 @@ TEST_F(FeatureProviderTest, RecheckReportsAChangeIfOnlyTheNextInstantIsAnother) 
 
 TEST_F(FeatureProviderTest, DropWithTheFileGoneJudges) {
     load(R"({"name":"a"})");
-    fs::remove(PATH);
+    fs::remove(INSTALLED);
     EXPECT_TRUE(m_oProvider.dropInput(0));
     EXPECT_THAT(m_oProvider.activeFeatureNames(), IsEmpty());
     EXPECT_THAT(namesAt(NOW), IsEmpty());
@@ -435,14 +421,14 @@ TEST_F(FeatureProviderTest, DropWithTheFileGoneJudges) {
 
 TEST_F(FeatureProviderTest, DropOfAFutureFeatureWithTheFileGoneIsAChange) {
     load(window("a", FAR, -1));
-    fs::remove(PATH);
+    fs::remove(INSTALLED);
     EXPECT_TRUE(m_oProvider.dropInput(0));
     EXPECT_EQ(next(NOW), 0);
 }
 
 TEST_F(FeatureProviderTest, DropOfWhatWasNotShownWithTheFileGoneIsNoChange) {
     load(window("a", LONG_AGO, PAST));
-    fs::remove(PATH);
+    fs::remove(INSTALLED);
     EXPECT_FALSE(m_oProvider.dropInput(0));
 }
 
@@ -479,15 +465,15 @@ TEST_F(FeatureProviderTest, RecheckReadsADroppedFileThatIsStillThere) {
 TEST_F(FeatureProviderTest, RecheckNoticesThatADroppedFileWentAway) {
     load(R"({"name":"a"})");
     EXPECT_FALSE(m_oProvider.dropInput(0));
-    fs::remove(PATH);
+    fs::remove(INSTALLED);
     EXPECT_TRUE(m_oProvider.recheckAll(currentSeconds()));
     EXPECT_THAT(m_oProvider.activeFeatureNames(), IsEmpty());
 }
 
 TEST_F(FeatureProviderTest, FileThatBecameUnusableIsStillThere) {
     load(R"({"name":"a"})");
-    fs::remove(PATH);
-    fs::create_directory(PATH);
+    fs::remove(INSTALLED);
+    fs::create_directory(INSTALLED);
     EXPECT_FALSE(m_oProvider.dropInput(0));
     EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("a"));
 }
@@ -523,7 +509,7 @@ TEST_F(FeatureProviderTest, NewContentOfADroppedInputIsTakenByWhoeverJudgesFirst
 }
 
 TEST_F(FeatureProviderTest, InputThatWasNeverReadIsNotReadWithTheOther) {
-    TempFolder::writeTo(PATH, "bad");
+    TempFolder::writeTo(INSTALLED, "bad");
     RecordCollector collector;
     m_oProvider.dropInput(1);
     m_oProvider.loadInput(1);
@@ -538,11 +524,11 @@ TEST_F(FeatureProviderTest, InputThatWasNeverReadIsNotReadWithTheOther) {
 
 TEST_F(FeatureProviderTest, RecheckReadsAFileThatAppearedAndNoticesOneThatWent) {
     EXPECT_FALSE(m_oProvider.recheckAll(NOW));
-    put(R"({"name":"a"})");
+    putInstalled(R"({"name":"a"})");
     EXPECT_TRUE(m_oProvider.recheckAll(NOW));
     EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("a"));
     EXPECT_FALSE(m_oProvider.recheckAll(NOW));
-    fs::remove(PATH);
+    fs::remove(INSTALLED);
     EXPECT_TRUE(m_oProvider.recheckAll(NOW));
     EXPECT_THAT(m_oProvider.activeFeatureNames(), IsEmpty());
     EXPECT_FALSE(m_oProvider.recheckAll(NOW));
@@ -558,31 +544,31 @@ TEST_F(FeatureProviderTest, RecheckReadsAReplacedFile) {
 
 void setModified(int64_t seconds) {
     const timespec times[2] = {{seconds, 0}, {seconds, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, PATH.c_str(), times, 0), 0);
+    ASSERT_EQ(utimensat(AT_FDCWD, INSTALLED.c_str(), times, 0), 0);
 }
 
 TEST_F(FeatureProviderTest, RecheckReadsNoFileThatKeptItsInodeSizeAndModificationTime) {
-    put(R"({"name":"a"})");
+    putInstalled(R"({"name":"a"})");
     setModified(1000);
     EXPECT_TRUE(m_oProvider.loadInput(0));
-    put(R"({"name":"b"})");
+    putInstalled(R"({"name":"b"})");
     setModified(1000);
     EXPECT_FALSE(m_oProvider.recheckAll(NOW));
     EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("a"));
     setModified(1001);
     EXPECT_TRUE(m_oProvider.recheckAll(NOW));
     EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("b"));
-    put(R"({"name":"cc"})");
+    putInstalled(R"({"name":"cc"})");
     setModified(1001);
     EXPECT_TRUE(m_oProvider.recheckAll(NOW)) << "another size";
     EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("cc"));
 }
 
 TEST_F(FeatureProviderTest, LoadInputAlwaysReads) {
-    put(R"({"name":"a"})");
+    putInstalled(R"({"name":"a"})");
     setModified(1000);
     EXPECT_TRUE(m_oProvider.loadInput(0));
-    put(R"({"name":"b"})");
+    putInstalled(R"({"name":"b"})");
     setModified(1000);
     EXPECT_TRUE(m_oProvider.loadInput(0));
     EXPECT_THAT(m_oProvider.activeFeatureNames(), ElementsAre("b"));

@@ -22,7 +22,7 @@
 #include "identity/orv_serial.h"
 #include "unit/record_collector.h"
 #include "unit/rounds.h"
-#include "unit/watch/grant_signer.h"
+#include "unit/watch/feature_files.h"
 #include "watch/clock.h"
 #include "watch/feature_provider.h"
 
@@ -35,9 +35,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-const std::string INSTALLED = "/etc/orvanta/features.json";
-const std::string GRANT = "/var/lib/orvanta/features.jws";
-const std::string KEY = "/etc/orvanta/features.pem";
 const std::string CPUINFO = "/proc/cpuinfo";
 
 // Fault is the call that fails, the file for which it does, the error and how often it still has to.
@@ -104,22 +101,24 @@ namespace {
 
 class PassingFaults : public testing::Test {
 protected:
-    // A hang is a failure: SIGALRM ends the program. The first test that runs is the one that learns the serial number,
-    // so each forgets it.
+    // A hang is a failure: SIGALRM ends the program.
     PassingFaults() {
         alarm(patience(60));
-        ORVSerial::ms_bLoaded = false;
-        ORVSerial::ms_bHasSerialNumber = false;
-        TempFolder::writeTo(INSTALLED, R"({"features":[{"name":"installed"}]})");
-        TempFolder::writeTo(KEY, signer::publicPEM(signer::keyOf("P-256")));
-        TempFolder::writeTo(GRANT, signer::grant(R"({"serial":"0000abcd","features":[{"name":"granted"}]})"));
-        m_oProvider.init(currentSeconds());
+        putInstalled(R"({"name":"installed"})");
+        putGrant(R"({"name":"granted"})");
+        forgetAll();
     }
     ~PassingFaults() override {
         alarm(0);
         gs_oFault = Fault();
-        for (const std::string& path : {INSTALLED, GRANT, KEY})
-            fs::remove_all(path);
+        removeFeatureFiles();
+    }
+
+    // forgetAll empties the lists and forgets the serial number, which the first test that runs would learn for all.
+    void forgetAll() {
+        ORVSerial::ms_bLoaded = false;
+        ORVSerial::ms_bHasSerialNumber = false;
+        m_oProvider.init(currentSeconds());
     }
 
     bool recheck() { return m_oProvider.recheckAll(currentSeconds()); }
@@ -145,9 +144,7 @@ TEST_F(PassingFaults, NextLookReadsTheInputAgain) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.path + " " + row.call + " " + strerror(row.error));
-        ORVSerial::ms_bLoaded = false;
-        ORVSerial::ms_bHasSerialNumber = false;
-        m_oProvider.init(currentSeconds());
+        forgetAll();
         RecordCollector collector;
         gs_oFault = {row.call, row.path, row.error, 1};
         m_oProvider.loadInput(row.inputId);
@@ -195,7 +192,7 @@ TEST_F(PassingFaults, FaultWithAnotherFileIsReportedAgain) {
     RecordCollector collector;
     gs_oFault = {"open", INSTALLED, EMFILE, 2};
     m_oProvider.loadInput(0);
-    TempFolder::writeTo(INSTALLED, R"({"features":[{"name":"other one"}]})");
+    putInstalled(R"({"name":"other one"})");
     m_oProvider.loadInput(0);
     EXPECT_THAT(collector.lines(), SizeIs(2));
 }
