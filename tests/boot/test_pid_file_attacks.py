@@ -213,7 +213,7 @@ class SuccessorTest(AttackTest):
         daemon = self.start(f"until [ -e {gate} ]; do sleep 0.02; done")
         [launcher] = [pid for pid in processes_of(AGENT) if status_of(pid, "PPid") == [str(daemon)]]
         os.kill(daemon, signal.SIGKILL)
-        wait_for(lambda: not is_alive(daemon), "the end of the daemon")
+        wait_for(lambda: not os.path.exists(f"/proc/{daemon}"), "the end of the daemon")  # a zombie still holds its id
         successor = self.start("true")
         with open(gate, "w"):
             pass

@@ -30,6 +30,7 @@ from harness import (
     FEATURES_DOCUMENT,
     INSTALLED_FEATURES,
     PID_FILE,
+    SLOWNESS,
     USER,
     WORK,
     Result,
@@ -93,6 +94,11 @@ INSTANT = "%Y-%m-%dT%H:%M:%SZ"
 def instant(seconds):
     """Seconds since the epoch in the form of checkDate."""
     return time.strftime(INSTANT, time.gmtime(seconds))
+
+
+def soon(seconds):
+    """The whole second that comes so many seconds from now, or later where everything takes longer."""
+    return int(time.time() + seconds * SLOWNESS)
 
 
 def seconds_of(text):

@@ -7,7 +7,7 @@ import random
 import subprocess
 import time
 
-from daemon_harness import HOOK, UNCHANGED, WatchTest, instant, modified, started, updated
+from daemon_harness import HOOK, UNCHANGED, WatchTest, instant, modified, soon, started, updated
 from harness import (
     DEFAULT_CPUINFO,
     DEFAULT_SERIAL,
@@ -533,8 +533,7 @@ class DaemonTest(GrantTest):
 
     def test_windows_open_and_close(self):
         "Granted features begin and end by themselves, each at its instant, and none earlier."
-        now = int(time.time())
-        begins, ends = now + 4, now + 7
+        begins, ends = soon(4), soon(7)
         write_file(
             GRANT,
             self.signer.grant(

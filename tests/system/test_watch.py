@@ -27,6 +27,7 @@ from daemon_harness import (
     scheduled,
     seconds_of,
     small_disk,
+    soon,
     started,
     unmount,
     updated,
@@ -422,7 +423,7 @@ class TimerTest(WatchTest):
 
     def test_feature_expires(self):
         "A feature's validUntil arms the timer; when it has passed, a document without the feature is published."
-        end = int(time.time()) + 3
+        end = soon(3)
         install_features("stays", {"name": "goes", "validUntil": instant(end)})
         with Daemon(hook=HOOK) as daemon:
             self.assertEqual(daemon.names(), ["goes", "stays"])
@@ -439,7 +440,7 @@ class TimerTest(WatchTest):
     def test_future_feature_arms_the_timer(self):
         "A file that brings only a future feature is published at once, which arms the timer for the feature."
         with Daemon(hook=HOOK) as daemon:
-            start = int(time.time()) + 3
+            start = soon(3)
             install_features({"name": "later", "validFrom": instant(start), "validUntil": instant(start + 4000)})
             self.wait_for_record(updated(), 2)
             wait_for(lambda: any("scheduled in" in text for _, text in self.records()), "the schedule")
@@ -453,10 +454,9 @@ class TimerTest(WatchTest):
 
     def test_new_publication_replaces_the_timer(self):
         "A publication sets the timer again: the moment of the features that were replaced passes unnoticed."
-        now = int(time.time())
-        install_features({"name": "short", "validUntil": instant(now + 2)})
+        install_features({"name": "short", "validUntil": instant(soon(2))})
         with Daemon(hook=HOOK) as daemon:
-            self.change(daemon, {"name": "longer", "validUntil": instant(now + 3)})
+            self.change(daemon, {"name": "longer", "validUntil": instant(soon(3))})
             daemon.wait_for_names()
             daemon.stop()
         records = self.records(daemon.pid)
@@ -489,7 +489,7 @@ class TimerTest(WatchTest):
         "A scheduled check that finds nothing new publishes nothing and schedules nothing; later changes still do."
         with Daemon(hook=HOOK) as daemon:
             self.wait_for_record(started(daemon.pid))
-            end = int(time.time()) + (1 << 32) + 4  # the seconds to it are cut to 32 bits
+            end = soon(4) + (1 << 32)  # the seconds to it are cut to 32 bits
             self.change(daemon, {"name": "a", "validUntil": instant(end)})
             before = daemon.document_bytes()
             self.wait_for_record(UNCHANGED)
@@ -731,8 +731,7 @@ class FailedPublicationTest(WatchTest):
 
     def test_timer_fails(self):
         "A failed publication at a scheduled check ends the daemon too."
-        end = int(time.time()) + 2
-        install_features({"name": "a", "validUntil": instant(end)})
+        install_features({"name": "a", "validUntil": instant(soon(2))})
         folder = open_folder("folder")
         with Daemon(hook=HOOK, document=folder + "/doc.json", foreground=True) as daemon:
             daemon.wait_for_record("started")
