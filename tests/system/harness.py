@@ -317,7 +317,8 @@ def program_of(pid):
     """A path of the file that the process runs; under an emulator, of the program that this was given."""
     path = f"/proc/{pid}/exe"
     if os.path.basename(os.readlink(path)).startswith("qemu-"):
-        return decode(read_file(f"/proc/{pid}/cmdline").split(b"\0")[1])
+        words = read_file(f"/proc/{pid}/cmdline").split(b"\0")
+        return decode(words[1]) if len(words) > 1 else path  # an ending process has no words any more
     return path
 
 
