@@ -817,7 +817,7 @@ std::pair<Bytes, Bytes> TPM2Attestor::certifyCounterWithAudit(uint64_t* counter,
         return {};
     AuditedReading reading;
     readAudited(reading, data);
-    if (setSessionAttributes(0, AUDIT_ATTRIBUTES) != TSS2_RC_SUCCESS)
+    if (setSessionAttributes(0, AUDIT_ATTRIBUTES) != TSS2_RC_SUCCESS)  // kept: the code told is the reading's
         recordWarning("failed to restore session attributes after reading tally counter NV index", reading.rc);
     if (!reading.checkStep(reading.rc) ||
         !reading.checkStep(Tss2_MU_UINT64_Unmarshal(reading.counter->buffer, reading.counter->size, nullptr, counter)))

@@ -27,7 +27,7 @@ function(orv_system_tests prefix)
             ENVIRONMENT "FEATUREWATCH=$<TARGET_FILE:featurewatch>;FEATUREWATCH_BYTECODE=${bytecode};${ARGN}"
             SKIP_RETURN_CODE 77
             TIMEOUT ${test_timeout})
-        if(id MATCHES "^test_fleet_(faults|postgresql)\\.|[.]test_timer_survives_or_reports_each_failed_call$")
+        if(id MATCHES "^test_fleet_(faults|page|postgresql)\\.|[.]test_timer_survives_or_reports_each_failed_call$")
             set_tests_properties(${prefix}.${id} PROPERTIES TIMEOUT 300 COST 100)  # first, as they take longest
         endif()
     endforeach()
