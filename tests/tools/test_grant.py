@@ -55,9 +55,9 @@ def decoded(text):
     return base64.urlsafe_b64decode(text + "=" * (-len(text) % 4))
 
 
-def nested(depth):
-    """As many objects around the number 1."""
-    return '{"a":' * depth + "1" + "}" * depth
+def nested(depth, value="1"):
+    """As many objects around a value."""
+    return '{"a":' * depth + value + "}" * depth
 
 
 class GrantToolTest(SandboxTest):
@@ -263,8 +263,9 @@ class SignTest(GrantToolTest):
 
     def test_limits_are_those_of_the_agent(self):
         "What is just within the limits is signed and taken."
-        deep = self.sign("--feature", f"deep,params={nested(100)}")
-        self.assertEqual([entry["name"] for entry in self.features_on_device(deep)], ["deep"])
+        for value in ("1", "{}", "[]"):
+            deep = self.sign("--feature", f"deep,params={nested(100, value)}")
+            self.assertEqual([entry["name"] for entry in self.features_on_device(deep)], ["deep"], value)
         for number in ("9007199254740992", "-0.1", "1e300", "1.5E-300", "123456789012345.6", "-0", "1e22"):
             grant = self.sign("--feature", f'n,params={{"n":{number}}}')
             self.assertEqual(self.features_on_device(grant)[0]["params"], {"n": float(number)}, number)
@@ -327,6 +328,7 @@ class SignTest(GrantToolTest):
             'a,params={"a":0.12345678901234567}',
             'a,params={"a":' + "9" * 5000 + "}",
             f"a,params={nested(101)}",
+            f"a,params={nested(100, '[[]]')}",
             f"a,params={nested(5000)}",
         ):
             self.assert_not_signed("--feature", "good", "--feature", feature, part="--feature")

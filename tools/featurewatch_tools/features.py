@@ -7,7 +7,7 @@ from decimal import Decimal
 from .documents import parse_json, shown
 from .fault import Fault
 
-DEPTH_LIMIT = 100  # a device leaves out an entry whose parameters nest deeper
+DEPTH_LIMIT = 100  # a device leaves out an entry that has anything deeper in its parameters
 
 
 def exact_number(parse):
@@ -83,7 +83,7 @@ def check_params(params, what):
     pending = [(params, 1)]
     while pending:
         value, depth = pending.pop()
-        if type(value) in (dict, list) and depth > DEPTH_LIMIT:
+        if type(value) in (dict, list) and value and depth > DEPTH_LIMIT:
             raise Fault(f"{what} nests deeper than {DEPTH_LIMIT}")
         if type(value) is str and "\0" in value:
             raise Fault(f"{what} has a NUL character")
