@@ -48,14 +48,14 @@ AsyncResetHandler::~AsyncResetHandler() {
     } catch (...) {
         // a destructor cannot report it
     }
-    if (m_pReadEnd != nullptr)
-        apr_file_close(m_pReadEnd);
-    if (m_pWriteEnd != nullptr)
-        apr_file_close(m_pWriteEnd);
+    if (m_pWriteEnd == nullptr)
+        return;
+    apr_file_close(m_pReadEnd);
+    apr_file_close(m_pWriteEnd);
 }
 
 bool AsyncResetHandler::start() {
-    if (m_pReadEnd == nullptr || m_pWriteEnd == nullptr)
+    if (m_pWriteEnd == nullptr)
         return false;
     try {
         ORVThread::start();

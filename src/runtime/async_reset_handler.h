@@ -45,7 +45,7 @@ private:
     void run() override;
 
     APRPool m_oPool;
-    apr_file_t* m_pReadEnd = nullptr;
+    apr_file_t* m_pReadEnd = nullptr;  // null without a pipe, as the other end is
     apr_file_t* m_pWriteEnd = nullptr;
 };
 
