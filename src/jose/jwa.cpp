@@ -80,10 +80,10 @@ void prepareContext(DigestContext& context) {
         throw opensslError(ORVError::NoMemory, "EVP_MD_CTX_new");
 }
 
-// allowRetry makes the initialised context one that can be finished again after an error, or once only.
-void allowRetry(EVP_MD_CTX* context, Retry retry) {
-    if (retry == Retry::Never)
-        EVP_MD_CTX_set_flags(context, EVP_MD_CTX_FLAG_FINALISE);
+// finishOnce makes OpenSSL finish the message on the initialised context itself. It else takes a copy, which only
+// serves those who finish the message again after an error.
+void finishOnce(const DigestContext& context) {
+    EVP_MD_CTX_set_flags(context.get(), EVP_MD_CTX_FLAG_FINALISE);
 }
 
 bool isECDSA(const Key& key) {
@@ -332,7 +332,6 @@ void Signer::init() {
     const int result = EVP_DigestSignInit(m_pContext.get(), nullptr, digest, nullptr, m_oKey.pkey());
     if (result != 1)
         throw opensslError(result == -2 ? ORVError::StringNotValid : ORVError::SystemUnknown, "EVP_DigestSignInit");
-    allowRetry(m_pContext.get(), m_eRetry);
     m_bInitialised = true;
     m_bFinished = false;
 }
@@ -395,7 +394,6 @@ void Verifier::init() {
     const int result = EVP_DigestVerifyInit(m_pContext.get(), nullptr, digest, nullptr, m_oKey.pkey());
     if (result != 1)
         throw opensslError(result == -2 ? ORVError::StringNotValid : ORVError::NoMemory, "EVP_DigestVerifyInit");
-    allowRetry(m_pContext.get(), m_eRetry);
     m_bInitialised = true;
 }
 
@@ -425,13 +423,17 @@ int Verifier::verifyFinal(const std::vector<unsigned char>& signature) {
 // --- one call ---
 
 std::vector<unsigned char> sign(const void* data, size_t length, const Key& key) {
-    Signer signer(key, Retry::Never);
+    Signer signer(key);
+    signer.init();
+    finishOnce(signer.m_pContext);
     signer.update(data, length);
     return signer.get();
 }
 
 bool verify(const void* data, size_t length, const Key& key, const std::vector<unsigned char>& signature) {
-    Verifier verifier(key, Retry::Never);
+    Verifier verifier(key);
+    verifier.init();
+    finishOnce(verifier.m_pContext);
     verifier.update(data, length);
     return verifier.matches(signature);
 }
