@@ -17,6 +17,15 @@ int64_t earlier(int64_t first, int64_t second) {
     return first == 0 ? second : std::min(first, second);
 }
 
+// textSize returns how long the texts of all entries are together. Whoever puts them together makes room first, because
+// a text that grows takes up to twice its size.
+size_t textSize(const std::vector<const Feature*>& features) {
+    size_t size = 0;
+    for (const Feature* feature : features)
+        size += feature->text.size();
+    return size;
+}
+
 }  // namespace
 
 FeatureProvider::FeatureProvider()
@@ -66,7 +75,9 @@ void FeatureProvider::drop(FeatureSource& source) {
 int64_t FeatureProvider::writeFeatures(int64_t now, std::ostream& stream) const {
     const FeatureList list = listAt(now);
     const std::string date = svg::UTCClockValue(now * NANOSECONDS_PER_SECOND).get_as_iso8601_date();
-    std::string text = "{\n\t\"checkDate\": \"" + date + "\",\n\t\"features\": [";
+    std::string text;
+    text.reserve(64 + 4 * list.features.size() + textSize(list.features));  // the frame, the separators, the entries
+    text.append("{\n\t\"checkDate\": \"").append(date).append("\",\n\t\"features\": [");
     const char* separator = "\n\t\t";
     for (const Feature* feature : list.features) {
         text.append(separator).append(feature->text);
@@ -96,6 +107,8 @@ bool FeatureProvider::judge(int64_t now) {
         return false;
     m_oList = makeList(now);
     Judgement judgement;
+    judgement.names.reserve(m_oList->features.size());
+    judgement.entries.reserve(textSize(m_oList->features));
     for (const Feature* feature : m_oList->features) {
         judgement.names.push_back(feature->name);
         judgement.entries += feature->text;
