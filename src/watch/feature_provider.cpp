@@ -1,8 +1,6 @@
 #include "watch/feature_provider.h"
 
 #include <algorithm>
-#include <map>
-#include <string_view>
 #include <utility>
 
 #include "foundation/clock_value.h"
@@ -124,23 +122,33 @@ FeatureProvider::FeatureList FeatureProvider::listAt(int64_t now) const {
     return m_oList && m_oList->holdsAt(now) ? *m_oList : makeList(now);
 }
 
-// makeList walks all entries by rank. The entry listed under a name gives way when its time ends, or when one of higher
-// rank begins; entries of lower rank can't change the list before that.
+// entriesByName returns the entries that are active at `now` or will be, ordered by name and those of one name by rank.
+std::vector<const Feature*> FeatureProvider::entriesByName(int64_t now) const {
+    std::vector<const Feature*> entries;
+    for (const FeatureSource& source : m_aSources)
+        for (const Feature& feature : source.features())
+            if (feature.isActive(now) || feature.startsAfter(now))
+                entries.push_back(&feature);
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](const Feature* one, const Feature* other) { return one->name < other->name; });
+    return entries;
+}
+
+// makeList lists the first active entry of each name. It gives way when its time ends, or when one of higher rank
+// begins; entries of lower rank can't change the list before that.
 FeatureProvider::FeatureList FeatureProvider::makeList(int64_t now) const {
     FeatureList list{{}, now, 0};
-    std::map<std::string_view, const Feature*> listed;
-    for (const FeatureSource& source : m_aSources) {
-        for (const Feature& feature : source.features()) {
-            if (feature.startsAfter(now) && !listed.contains(feature.name))
-                list.next = earlier(list.next, feature.validFrom);
-            if (!feature.isActive(now))
-                continue;
-            const bool isFirst = listed.emplace(feature.name, &feature).second;
-            if (isFirst && feature.ends())
-                list.next = earlier(list.next, feature.validUntil);
+    for (const Feature* entry : entriesByName(now)) {
+        const bool isListed = !list.features.empty() && list.features.back()->name == entry->name;
+        if (isListed)
+            continue;
+        if (!entry->isActive(now)) {
+            list.next = earlier(list.next, entry->validFrom);
+            continue;
         }
+        list.features.push_back(entry);
+        if (entry->ends())
+            list.next = earlier(list.next, entry->validUntil);
     }
-    for (const auto& [name, feature] : listed)
-        list.features.push_back(feature);
     return list;
 }
