@@ -80,8 +80,8 @@ void prepareContext(DigestContext& context) {
         throw opensslError(ORVError::NoMemory, "EVP_MD_CTX_new");
 }
 
-// finishOnce makes OpenSSL finish the message on the initialised context itself. It else takes a copy, which only
-// serves those who finish the message again after an error.
+// finishOnce makes OpenSSL finish the message on the initialised context itself. By default it finishes a copy, which
+// is of use only to those who finish the message again after an error.
 void finishOnce(const DigestContext& context) {
     EVP_MD_CTX_set_flags(context.get(), EVP_MD_CTX_FLAG_FINALISE);
 }

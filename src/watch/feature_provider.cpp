@@ -15,8 +15,8 @@ int64_t earlier(int64_t first, int64_t second) {
     return first == 0 ? second : std::min(first, second);
 }
 
-// textSize returns how long the texts of all entries are together. Whoever puts them together makes room first, because
-// a text that grows takes up to twice its size.
+// textSize returns the length of all entries' texts together. Room is made for it first, because a string that grows
+// takes up to twice its size.
 size_t textSize(const std::vector<const Feature*>& features) {
     size_t size = 0;
     for (const Feature* feature : features)

@@ -79,13 +79,13 @@ std::optional<std::string> whyUnfit(const JSON* params) {
     return isObject(params) ? whyUnprintable(*params) : "params is no object";
 }
 
-// isMember returns whether a feature has a member `key`; others are ignored.
+// isMember returns whether `key` is a member of a feature; others are ignored.
 bool isMember(const std::string& key) {
     return key == "name" || key == "params" || key == "validFrom" || key == "validUntil";
 }
 
-// printEntry appends the entry as the features document shows it. It changes the entry for that, because making another
-// object took a tenth of the time of a reading.
+// printEntry appends the entry as the features document shows it. It changes the entry itself, because building a
+// second object took a tenth of a reading's time.
 void printEntry(JSON& entry, const std::string& label, std::string& text) {
     std::erase_if(entry.each(), [](const auto& member) { return !isMember(member.first); });
     entry.set("source", JSON::String(label));
