@@ -80,10 +80,10 @@ void prepareContext(DigestContext& context) {
         throw opensslError(ORVError::NoMemory, "EVP_MD_CTX_new");
 }
 
-// allowRetry makes the initialised context one that can be finished again after an error, or once only.
-void allowRetry(EVP_MD_CTX* context, Retry retry) {
-    if (retry == Retry::Never)
-        EVP_MD_CTX_set_flags(context, EVP_MD_CTX_FLAG_FINALISE);
+// finishOnce makes OpenSSL finish the message on the initialised context itself. By default it finishes a copy, which
+// is of use only to those who finish the message again after an error.
+void finishOnce(const DigestContext& context) {
+    EVP_MD_CTX_set_flags(context.get(), EVP_MD_CTX_FLAG_FINALISE);
 }
 
 bool isECDSA(const Key& key) {
@@ -192,6 +192,45 @@ std::vector<unsigned char> derOf(const std::vector<unsigned char>& raw) {
     if (i2d_ECDSA_SIG(signature.get(), &end) != length)
         throw opensslError(ORVError::SystemUnknown, "i2d_ECDSA_SIG");
     return der;
+}
+
+// Secret is the bytes of an HMAC key, wiped when they are no longer needed.
+class Secret {
+public:
+    explicit Secret(const EVP_PKEY* key) {
+        size_t length = 0;
+        if (EVP_PKEY_get_raw_private_key(key, nullptr, &length) != 1)
+            throw opensslError(ORVError::SystemUnknown, "EVP_PKEY_get_raw_private_key");
+        m_aBytes.resize(length);
+        if (EVP_PKEY_get_raw_private_key(key, m_aBytes.data(), &length) != 1)
+            throw opensslError(ORVError::SystemUnknown, "EVP_PKEY_get_raw_private_key");
+    }
+    Secret(const Secret&) = delete;
+    Secret& operator=(const Secret&) = delete;
+    ~Secret() { OPENSSL_cleanse(m_aBytes.data(), m_aBytes.size()); }
+
+    const std::vector<unsigned char>& bytes() const { return m_aBytes; }
+
+private:
+    std::vector<unsigned char> m_aBytes;
+};
+
+bool signsByHMAC(const Key& key) {
+    return describe(key.algo()).keyType == EVP_PKEY_HMAC && typeOf(key.pkey()) == EVP_PKEY_HMAC;
+}
+
+// signHMAC signs by the one call that OpenSSL has for a message authentication code. It takes half as long as a Signer,
+// for which OpenSSL looks up more algorithms by name.
+std::vector<unsigned char> signHMAC(const void* data, size_t length, const Key& key) {
+    ERR_clear_error();
+    const Secret secret(key.pkey());
+    const Algorithm& algorithm = describe(key.algo());
+    std::vector<unsigned char> signature(algorithm.signatureSize);
+    if (EVP_Q_mac(nullptr, "HMAC", nullptr, EVP_MD_get0_name(algorithm.digest()), nullptr, secret.bytes().data(),
+                  secret.bytes().size(), static_cast<const unsigned char*>(data), length, signature.data(),
+                  signature.size(), nullptr) == nullptr)
+        throw opensslError(ORVError::SystemUnknown, "EVP_Q_mac");
+    return signature;
 }
 
 }  // namespace
@@ -332,7 +371,6 @@ void Signer::init() {
     const int result = EVP_DigestSignInit(m_pContext.get(), nullptr, digest, nullptr, m_oKey.pkey());
     if (result != 1)
         throw opensslError(result == -2 ? ORVError::StringNotValid : ORVError::SystemUnknown, "EVP_DigestSignInit");
-    allowRetry(m_pContext.get(), m_eRetry);
     m_bInitialised = true;
     m_bFinished = false;
 }
@@ -395,7 +433,6 @@ void Verifier::init() {
     const int result = EVP_DigestVerifyInit(m_pContext.get(), nullptr, digest, nullptr, m_oKey.pkey());
     if (result != 1)
         throw opensslError(result == -2 ? ORVError::StringNotValid : ORVError::NoMemory, "EVP_DigestVerifyInit");
-    allowRetry(m_pContext.get(), m_eRetry);
     m_bInitialised = true;
 }
 
@@ -425,13 +462,19 @@ int Verifier::verifyFinal(const std::vector<unsigned char>& signature) {
 // --- one call ---
 
 std::vector<unsigned char> sign(const void* data, size_t length, const Key& key) {
-    Signer signer(key, Retry::Never);
+    if (signsByHMAC(key))
+        return signHMAC(data, length, key);
+    Signer signer(key);
+    signer.init();
+    finishOnce(signer.m_pContext);
     signer.update(data, length);
     return signer.get();
 }
 
 bool verify(const void* data, size_t length, const Key& key, const std::vector<unsigned char>& signature) {
-    Verifier verifier(key, Retry::Never);
+    Verifier verifier(key);
+    verifier.init();
+    finishOnce(verifier.m_pContext);
     verifier.update(data, length);
     return verifier.matches(signature);
 }

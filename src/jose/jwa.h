@@ -87,10 +87,6 @@ private:
 // DigestContext owns the state of a message that is being signed or verified; null when empty.
 using DigestContext = OpenSSLHolder<EVP_MD_CTX>;
 
-// Retry is whether a message can be finished again after an error. Then OpenSSL finishes it on a copy of the context,
-// which a single call needn't pay.
-enum class Retry : bool { Never, Possible };
-
 // Signer signs messages, one after the other, with one key. After an error the message is intact: `get` tries to finish
 // it again, and `update` continues it.
 class Signer {
@@ -113,12 +109,10 @@ public:
 private:
     friend std::vector<unsigned char> sign(const void* data, size_t length, const Key& key);
 
-    Signer(const Key& key, Retry retry) : m_oKey(key), m_eRetry(retry) {}
     void finishRaw();
     void finishECDSA();
 
     Key m_oKey;
-    Retry m_eRetry = Retry::Possible;
     DigestContext m_pContext;
     bool m_bInitialised = false;
     bool m_bFinished = false;
@@ -147,11 +141,9 @@ public:
 private:
     friend bool verify(const void* data, size_t length, const Key& key, const std::vector<unsigned char>& signature);
 
-    Verifier(const Key& key, Retry retry) : m_oKey(key), m_eRetry(retry) {}
     int verifyFinal(const std::vector<unsigned char>& signature);
 
     Key m_oKey;
-    Retry m_eRetry = Retry::Possible;
     DigestContext m_pContext;
     bool m_bInitialised = false;
 };

@@ -1,8 +1,6 @@
 #include "watch/feature_provider.h"
 
 #include <algorithm>
-#include <map>
-#include <string_view>
 #include <utility>
 
 #include "foundation/clock_value.h"
@@ -15,6 +13,15 @@ constexpr int64_t NANOSECONDS_PER_SECOND = 1000000000;
 // earlier returns the earlier of two instants; `first` is 0 if there is only the second.
 int64_t earlier(int64_t first, int64_t second) {
     return first == 0 ? second : std::min(first, second);
+}
+
+// textSize returns the length of all entries' texts together. Room is made for it first, because a string that grows
+// takes up to twice its size.
+size_t textSize(const std::vector<const Feature*>& features) {
+    size_t size = 0;
+    for (const Feature* feature : features)
+        size += feature->text.size();
+    return size;
 }
 
 }  // namespace
@@ -66,7 +73,9 @@ void FeatureProvider::drop(FeatureSource& source) {
 int64_t FeatureProvider::writeFeatures(int64_t now, std::ostream& stream) const {
     const FeatureList list = listAt(now);
     const std::string date = svg::UTCClockValue(now * NANOSECONDS_PER_SECOND).get_as_iso8601_date();
-    std::string text = "{\n\t\"checkDate\": \"" + date + "\",\n\t\"features\": [";
+    std::string text;
+    text.reserve(64 + 4 * list.features.size() + textSize(list.features));  // the frame, the separators, the entries
+    text.append("{\n\t\"checkDate\": \"").append(date).append("\",\n\t\"features\": [");
     const char* separator = "\n\t\t";
     for (const Feature* feature : list.features) {
         text.append(separator).append(feature->text);
@@ -96,6 +105,8 @@ bool FeatureProvider::judge(int64_t now) {
         return false;
     m_oList = makeList(now);
     Judgement judgement;
+    judgement.names.reserve(m_oList->features.size());
+    judgement.entries.reserve(textSize(m_oList->features));
     for (const Feature* feature : m_oList->features) {
         judgement.names.push_back(feature->name);
         judgement.entries += feature->text;
@@ -111,23 +122,33 @@ FeatureProvider::FeatureList FeatureProvider::listAt(int64_t now) const {
     return m_oList && m_oList->holdsAt(now) ? *m_oList : makeList(now);
 }
 
-// makeList walks all entries by rank. The entry listed under a name gives way when its time ends, or when one of higher
-// rank begins; entries of lower rank can't change the list before that.
+// entriesByName returns the entries that are active at `now` or will be, ordered by name and those of one name by rank.
+std::vector<const Feature*> FeatureProvider::entriesByName(int64_t now) const {
+    std::vector<const Feature*> entries;
+    for (const FeatureSource& source : m_aSources)
+        for (const Feature& feature : source.features())
+            if (feature.isActive(now) || feature.startsAfter(now))
+                entries.push_back(&feature);
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](const Feature* one, const Feature* other) { return one->name < other->name; });
+    return entries;
+}
+
+// makeList lists the first active entry of each name. It gives way when its time ends, or when one of higher rank
+// begins; entries of lower rank can't change the list before that.
 FeatureProvider::FeatureList FeatureProvider::makeList(int64_t now) const {
     FeatureList list{{}, now, 0};
-    std::map<std::string_view, const Feature*> listed;
-    for (const FeatureSource& source : m_aSources) {
-        for (const Feature& feature : source.features()) {
-            if (feature.startsAfter(now) && !listed.contains(feature.name))
-                list.next = earlier(list.next, feature.validFrom);
-            if (!feature.isActive(now))
-                continue;
-            const bool isFirst = listed.emplace(feature.name, &feature).second;
-            if (isFirst && feature.ends())
-                list.next = earlier(list.next, feature.validUntil);
+    for (const Feature* entry : entriesByName(now)) {
+        const bool isListed = !list.features.empty() && list.features.back()->name == entry->name;
+        if (isListed)
+            continue;
+        if (!entry->isActive(now)) {
+            list.next = earlier(list.next, entry->validFrom);
+            continue;
         }
+        list.features.push_back(entry);
+        if (entry->ends())
+            list.next = earlier(list.next, entry->validUntil);
     }
-    for (const auto& [name, feature] : listed)
-        list.features.push_back(feature);
     return list;
 }

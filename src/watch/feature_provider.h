@@ -77,6 +77,7 @@ private:
     void drop(FeatureSource& source);
     FeatureList listAt(int64_t now) const;
     FeatureList makeList(int64_t now) const;
+    std::vector<const Feature*> entriesByName(int64_t now) const;
     bool judge(int64_t now);
     bool judgeNow();
 
