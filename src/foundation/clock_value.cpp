@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <boost/multiprecision/cpp_int.hpp>
+#include <charconv>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
@@ -312,7 +313,11 @@ std::string UTCClockValue::get_as_rfc822_date() const {
 std::optional<int64_t> parseInstant(const std::string& text) {
     if (!hasForm(text, "dddd-dd-ddTdd:dd:ddZ"))
         return std::nullopt;
-    const auto number = [&text](size_t position, size_t count) { return std::stoi(text.substr(position, count)); };
+    const auto number = [&text](size_t position, size_t count) {
+        int value = 0;
+        std::from_chars(text.data() + position, text.data() + position + count, value);
+        return value;
+    };
     const auto date =
         std::chrono::year(number(0, 4)) / std::chrono::month(number(5, 2)) / std::chrono::day(number(8, 2));
     const std::chrono::hours hours(number(11, 2));
