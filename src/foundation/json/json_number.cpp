@@ -180,10 +180,10 @@ bool convert(const std::string& token, double& value) {
 }
 
 // Zero and numbers from MIN_FIXED to MAX_WHOLE are printed by hand, at a quarter of the price of std::to_chars with a
-// precision, which prints all others. Whole numbers among them are exact integers. The fractions are below 2^52, so their binary
-// exponent is -14 to 51, the decimals are 0 to 19 and each shift is 1 to 46 bits; the product stays below 2^100. Digits
-// that are rounded up to one place more are seen to be too large and are computed again from the number itself, so that
-// nothing is rounded twice.
+// precision, which prints all others. Whole numbers among them are exact integers. The fractions are below 2^52, so
+// their binary exponent is -14 to 51, the decimals are 0 to 19 and each shift is 1 to 46 bits; the product stays below
+// 2^100. Digits that are rounded up to one place more are seen to be too large and are computed again from the number
+// itself, so that nothing is rounded twice.
 
 __extension__ typedef unsigned __int128 Wide;
 
