@@ -5,8 +5,8 @@
 #include <cstring>
 
 #include "foundation/base64.h"
-#include "foundation/uri/uri_output.h"
 #include "foundation/uri/uri_text.h"
+#include "foundation/uri/uri_write.h"
 
 namespace {
 
@@ -86,58 +86,76 @@ bool parse(const char* text, URI& uri, bool skipPatterns) {
 
 // --- printing --------------------------------------------------------------------------------------------------------
 
-// putAuthority writes "//" and the authority. Without a host only "udp" and "rtp" have one: their port is where a
+// Printer writes one of the two texts of a URI, with these user information, query and fragment.
+struct Printer {
+    const URI& uri;
+    std::string_view userInfo;
+    std::string_view query;
+    std::string_view fragment;
+    const UriEscaping& escaping;
+    bool skipPatterns;
+
+    std::string text() const;
+
+private:
+    char* write(char* out) const;
+    char* writeAuthority(char* out) const;
+    size_t room() const;
+};
+
+std::string Printer::text() const {
+    return uriWritten(room(), [this](char* out) { return write(out); });
+}
+
+// writeAuthority writes "//" and the authority. Without a host only "udp" and "rtp" have one: their port is where a
 // multicast is received.
-void putAuthority(UriOutput& out, const URI::Origin& origin, std::string_view userInfo) {
+char* Printer::writeAuthority(char* out) const {
+    const URI::Origin& origin = uri.origin;
     if (!origin.host.empty()) {
-        out.put("//");
-        if (!userInfo.empty()) {
-            out.put(userInfo);
-            out.put('@');
-        }
-        uriPutHostPort(out, origin);
-    } else if (origin.scheme == "udp" || origin.scheme == "rtp") {
-        out.put("//@");
-        uriPutHostPort(out, origin);
+        out = uriWrite(out, "//");
+        if (!userInfo.empty())
+            out = uriWrite(uriWrite(out, userInfo), '@');
+        return uriWriteHostPort(out, origin);
     }
+    if (origin.scheme == "udp" || origin.scheme == "rtp")
+        return uriWriteHostPort(uriWrite(out, "//@"), origin);
+    return out;
 }
 
-void putMarked(UriOutput& out, char mark, std::string_view component) {
-    if (component.empty())
-        return;
-    out.put(mark);
-    out.put(component);
+char* writeMarked(char* out, char mark, std::string_view component) {
+    return component.empty() ? out : uriWrite(uriWrite(out, mark), component);
 }
 
-void putMimeType(UriOutput& out, const URI::Data& data) {
+char* Printer::write(char* out) const {
+    out = uriWriteScheme(out, uri.origin);
+    out = writeAuthority(out);
+    if (!isEmpty(uri.path))
+        out = uriWritePath(out, uri.path, escaping, skipPatterns);
+    out = writeMarked(out, '?', query);
+    return writeMarked(out, '#', fragment);
+}
+
+size_t Printer::room() const {
+    return uriRoomOrigin(uri.origin) + uriRoomPath(uri.path) + userInfo.size() + query.size() + fragment.size() +
+           std::strlen("//@?#");
+}
+
+// dataStart returns the text of a data URI up to its content; without data just the scheme.
+std::string dataStart(const URI& uri) {
     static constexpr UriEscaping escaping(UriBytes(URI_UNRESERVED).add("!$&'()*+=;:@/[]\""));
-    out.putEscaped(data.mimeType, escaping);
+    const std::string_view type = uri.data != nullptr ? uri.data->mimeType : std::string_view();
+    return uriWritten(uriRoomOrigin(uri.origin) + uriRoomEscaped(type),
+                      [&](char* out) { return uriWriteEscaped(uriWriteScheme(out, uri.origin), type, escaping); });
 }
 
-void putData(UriOutput& out, const URI::Data& data) {
-    putMimeType(out, data);
-    out.put(";base64,");
-    out.put(orv::base64Encode(data.bytes.data(), data.bytes.size()));
+std::string printData(const URI& uri) {
+    if (uri.data == nullptr)
+        return dataStart(uri);
+    return dataStart(uri) + ";base64," + orv::base64Encode(uri.data->bytes.data(), uri.data->bytes.size());
 }
 
-void putUserData(UriOutput& out, const URI::Data& data) {
-    putMimeType(out, data);
-    out.put(",[...]");
-}
-
-// print returns the text of `uri`, whose scheme is written here, and all that follows by one of the two: `putContent`
-// for a data URI with its data, `putRest` for any other.
-template <typename PutContent, typename PutRest>
-std::string print(const URI& uri, PutContent&& putContent, PutRest&& putRest) {
-    std::string text;
-    UriOutput out(text);
-    uriPutScheme(out, uri.origin);
-    if (uri.origin.scheme != DATA_SCHEME)
-        putRest(out);
-    else if (uri.data != nullptr)
-        putContent(out, *uri.data);
-    out.flush();
-    return text;
+std::string printUserData(const URI& uri) {
+    return uri.data == nullptr ? dataStart(uri) : dataStart(uri) + ",[...]";
 }
 
 // --- resolving -------------------------------------------------------------------------------------------------------
@@ -204,23 +222,19 @@ URI URI::commonBase(const URI& a, const URI& b) {
 }
 
 std::string URI::toString(bool skipPatterns) const {
-    return print(*this, putData, [&](UriOutput& out) {
-        putAuthority(out, origin, userInfo);
-        if (!isEmpty(path))
-            uriPutPath(out, path, origin.scheme == "rtsp" ? URI_PATH_ESCAPING_PLUS : URI_PATH_ESCAPING, skipPatterns);
-        putMarked(out, '?', query);
-        putMarked(out, '#', fragment);
-    });
+    if (origin.scheme == DATA_SCHEME)
+        return printData(*this);
+    const UriEscaping& escaping = origin.scheme == "rtsp" ? URI_PATH_ESCAPING_PLUS : URI_PATH_ESCAPING;
+    return Printer{*this, userInfo, query, fragment, escaping, skipPatterns}.text();
 }
 
 std::string URI::toUserString(bool skipPatterns) const {
-    return print(*this, putUserData, [&](UriOutput& out) {
-        putAuthority(out, origin, smartUnescapeURIComponent(userInfo, "@:/?#[]"));
-        if (!isEmpty(path))
-            uriPutPath(out, path, URI_PATH_USER_ESCAPING, skipPatterns);
-        putMarked(out, '?', smartUnescapeURIComponent(query, "&=#", skipPatterns));
-        putMarked(out, '#', smartUnescapeURIComponent(fragment, "#", skipPatterns));
-    });
+    if (origin.scheme == DATA_SCHEME)
+        return printUserData(*this);
+    const std::string user = smartUnescapeURIComponent(userInfo, "@:/?#[]");
+    const std::string userQuery = smartUnescapeURIComponent(query, "&=#", skipPatterns);
+    const std::string userFragment = smartUnescapeURIComponent(fragment, "#", skipPatterns);
+    return Printer{*this, user, userQuery, userFragment, URI_PATH_USER_ESCAPING, skipPatterns}.text();
 }
 
 std::string URI::getFileName() const {

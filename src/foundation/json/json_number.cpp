@@ -179,11 +179,11 @@ bool convert(const std::string& token, double& value) {
     return true;
 }
 
-// Numbers from MIN_FIXED to MAX_WHOLE are printed by hand, at a quarter of the price of std::to_chars with a precision,
-// which prints all others. Whole numbers among them are exact integers. The fractions are below 2^52, so their binary
-// exponent is -14 to 51, the decimals are 0 to 19 and each shift is 1 to 46 bits; the product stays below 2^100. Digits
-// that are rounded up to one place more are seen to be too large and are computed again from the number itself, so that
-// nothing is rounded twice.
+// Zero and numbers from MIN_FIXED to MAX_WHOLE are printed by hand, at a quarter of the price of std::to_chars with a
+// precision, which prints all others. Whole numbers among them are exact integers. The fractions are below 2^52, so
+// their binary exponent is -14 to 51, the decimals are 0 to 19 and each shift is 1 to 46 bits; the product stays below
+// 2^100. Digits that are rounded up to one place more are seen to be too large and are computed again from the number
+// itself, so that nothing is rounded twice.
 
 __extension__ typedef unsigned __int128 Wide;
 
@@ -244,6 +244,13 @@ constexpr std::uint64_t powerOf10(int exponent) {
     return powerOf5(exponent) << exponent;
 }
 
+constexpr auto POWERS_OF_10 = [] {
+    std::array<std::uint64_t, 20> powers{};
+    for (int exponent = 0; exponent < 20; ++exponent)
+        powers[exponent] = powerOf10(exponent);
+    return powers;
+}();
+
 // dropZeros drops `zeros` zeros at the end of the decimals if they are there. The count is a template argument because
 // a division by a constant is far cheaper.
 template <int zeros>
@@ -284,14 +291,16 @@ char* formatDigits(char* out, std::uint64_t digits, int count) {
     return out + count;
 }
 
+// formatWhole writes a whole number below MAX_WHOLE. Its highest bit tells the number of its digits, or one less.
+char* formatWhole(char* out, std::uint64_t number) {
+    const int count = decimalExponent(std::bit_width(number | 1) - 1) + 1;
+    return formatDigits(out, number, number < POWERS_OF_10[count] ? count : count + 1);
+}
+
 char* formatFraction(char* out, double value) {
-    static constexpr std::uint64_t POWERS[] = {
-        powerOf10(0),  powerOf10(1),  powerOf10(2),  powerOf10(3),  powerOf10(4),  powerOf10(5),  powerOf10(6),
-        powerOf10(7),  powerOf10(8),  powerOf10(9),  powerOf10(10), powerOf10(11), powerOf10(12), powerOf10(13),
-        powerOf10(14), powerOf10(15), powerOf10(16), powerOf10(17), powerOf10(18), powerOf10(19)};
     Digits number = sixteenDigits(value);
     dropAllZeros(number);
-    const std::uint64_t power = POWERS[number.decimals];
+    const std::uint64_t power = POWERS_OF_10[number.decimals];
     out = std::to_chars(out, out + DIGITS, number.digits / power).ptr;
     if (number.decimals == 0)
         return out;
@@ -313,12 +322,11 @@ const char* jsonScanNumber(const char* text, double& value) {
 char* jsonFormatNumber(char* out, double value) {
     char* const end = out + JSON_NUMBER_LENGTH;
     const double magnitude = std::abs(value);
-    if (!(magnitude >= MIN_FIXED && magnitude < static_cast<double>(MAX_WHOLE)))
+    const bool isPlain = magnitude == 0 || (magnitude >= MIN_FIXED && magnitude < static_cast<double>(MAX_WHOLE));
+    if (!isPlain)
         return std::to_chars(out, end, value, std::chars_format::general, DIGITS).ptr;
-    const auto whole = static_cast<std::int64_t>(value);
-    if (static_cast<double>(whole) == value)
-        return std::to_chars(out, end, whole).ptr;
-    if (value < 0)
+    if (std::signbit(value))
         *out++ = '-';
-    return formatFraction(out, magnitude);
+    const auto whole = static_cast<std::uint64_t>(magnitude);
+    return static_cast<double>(whole) == magnitude ? formatWhole(out, whole) : formatFraction(out, magnitude);
 }

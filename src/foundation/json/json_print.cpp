@@ -153,6 +153,14 @@ void addScalar(Output& out, const JSON& value) {
     }
 }
 
+const JSON::Vector& elementsOf(const JSON& array) {
+    return static_cast<const JSONArray&>(array);
+}
+
+const JSON::Map& membersOf(const JSON& object) {
+    return static_cast<const JSONObject&>(object);
+}
+
 // Printer writes a tree of containers without nested calls: a container waits in a list while one inside it is written.
 class Printer {
 public:
@@ -169,7 +177,7 @@ private:
     };
 
     bool writeValue(const JSON& value);
-    void open(const JSON& container);
+    bool open(const Open& container, bool empty, std::string_view brackets);
     void writeElements();
     void writeMembers();
     void beginItem(bool first);
@@ -194,30 +202,35 @@ void Printer::print(const JSON& container) {
 
 // writeValue writes a whole value; of a container with contents only the opening, and then it returns true.
 bool Printer::writeValue(const JSON& value) {
-    if (value.type != JSON::ArrayType && value.type != JSON::ObjectType) {
+    switch (value.type) {
+    case JSON::ArrayType:
+        return open({&value, 0, {}}, elementsOf(value).empty(), "[ ]");
+    case JSON::ObjectType:
+        return open({&value, 0, membersOf(value).begin()}, membersOf(value).empty(), "{ }");
+    default:
         addScalar(m_out, value);
         return false;
     }
-    if (value.empty()) {
-        m_out.add(value.type == JSON::ArrayType ? "[ ]" : "{ }");
-        return false;
-    }
-    open(value);
-    return true;
 }
 
-void Printer::open(const JSON& container) {
-    m_vOpen.push_back({&container, 0, container.each().begin()});
-    m_out.add(isObject(&container) ? '{' : '[');
+// open does so for a container, which is written as its two brackets if it is empty.
+bool Printer::open(const Open& container, bool empty, std::string_view brackets) {
+    if (empty) {
+        m_out.add(brackets);
+        return false;
+    }
+    m_vOpen.push_back(container);
+    m_out.add(brackets.front());
     m_out.add(m_bMultiLine ? '\n' : ' ');
     if (m_bMultiLine)
         ++m_nIndent;
+    return true;
 }
 
 // writeElements continues the innermost container, an array, up to its end or its next container.
 void Printer::writeElements() {
     Open& here = m_vOpen.back();
-    const auto& elements = static_cast<const JSONArray&>(*here.container);
+    const JSON::Vector& elements = elementsOf(*here.container);
     while (here.element < elements.size()) {
         beginItem(here.element == 0);
         if (writeValue(*elements[here.element++]))
@@ -229,7 +242,7 @@ void Printer::writeElements() {
 // writeMembers continues the innermost container, an object, up to its end or its next container.
 void Printer::writeMembers() {
     Open& here = m_vOpen.back();
-    const auto& members = static_cast<const JSONObject&>(*here.container);
+    const JSON::Map& members = membersOf(*here.container);
     while (here.member != members.end()) {
         beginItem(here.member == members.begin());
         const auto& [key, value] = *here.member++;

@@ -5,9 +5,9 @@
 
 #include <algorithm>
 
-#include "foundation/uri/uri_output.h"
 #include "foundation/uri/uri_region.h"
 #include "foundation/uri/uri_text.h"
+#include "foundation/uri/uri_write.h"
 
 namespace {
 
@@ -44,11 +44,8 @@ bool appendWhole(std::string& out, std::string_view text, const UriBytes& bytes)
 // --- escaping --------------------------------------------------------------------------------------------------------
 
 std::string escaped(std::string_view text, const UriEscaping& escaping, bool skipPatterns) {
-    std::string out;
-    UriOutput output(out);
-    output.putEscaped(text, escaping, skipPatterns);
-    output.flush();
-    return out;
+    return uriWritten(uriRoomEscaped(text),
+                      [&](char* out) { return uriWriteEscaped(out, text, escaping, skipPatterns); });
 }
 
 // --- unescaping ------------------------------------------------------------------------------------------------------
@@ -62,21 +59,21 @@ bool appendDecoded(std::string& out, std::string_view text, const UriBytes& keep
         out += text;
         return true;
     }
-    UriOutput output(out);
     bool valid = true;
-    size_t copied = 0;
-    while (percent != NONE) {
-        const int value = uriDecodeEscape(text, percent);
-        valid = valid && value >= 0;
-        if (value >= 0 && !keep.has(static_cast<char>(value))) {
-            output.put(text.substr(copied, percent - copied));
-            output.put(static_cast<char>(value));
-            copied = percent + 3;
+    uriAppendWritten(out, text.size(), [&](char* place) {
+        size_t copied = 0;
+        while (percent != NONE) {
+            const int value = uriDecodeEscape(text, percent);
+            valid = valid && value >= 0;
+            if (value >= 0 && !keep.has(static_cast<char>(value))) {
+                place = uriWrite(place, text.substr(copied, percent - copied));
+                place = uriWrite(place, static_cast<char>(value));
+                copied = percent + 3;
+            }
+            percent = percents.find(percent + (value < 0 ? 1 : 3));
         }
-        percent = percents.find(percent + (value < 0 ? 1 : 3));
-    }
-    output.put(text.substr(copied));
-    output.flush();
+        return uriWrite(place, text.substr(copied));
+    });
     return valid;
 }
 
@@ -90,11 +87,28 @@ bool allEscapesValid(std::string_view text, Search percents) {
 
 // --- normalising -----------------------------------------------------------------------------------------------------
 
-void putByte(UriOutput& output, char byte, bool raw) {
-    if (raw)
-        output.put(byte);
-    else
-        output.putEscape(byte);
+char* writeByte(char* out, char byte, bool raw) {
+    return raw ? uriWrite(out, byte) : URI_ALL_ESCAPING.write(out, byte);
+}
+
+// writeNormalized writes text without regions in its normal form.
+char* writeNormalized(char* out, std::string_view text, const UriNormalForm& form) {
+    for (size_t at = 0;;) {
+        const size_t end = runEnd(text, at, form.runs);
+        out = uriWrite(out, text.substr(at, end - at));
+        at = end;
+        if (at == text.size())
+            return out;
+        const int value = text[at] == '%' ? uriDecodeEscape(text, at) : -1;
+        if (value >= 0) {
+            const char byte = static_cast<char>(value);
+            out = writeByte(out, byte, form.decoded.has(byte));
+            at += 3;
+        } else {
+            out = writeByte(out, text[at], form.bare.has(text[at]));
+            ++at;
+        }
+    }
 }
 
 }  // namespace
@@ -106,29 +120,10 @@ bool uriAppendUnescaped(std::string& out, std::string_view text) {
 void uriAppendNormalized(std::string& out, std::string_view text, const UriNormalForm& form, bool skipPatterns) {
     if (appendWhole(out, text, form.runs))
         return;
-    out.reserve(out.size() + text.size());
-    if (skipPatterns) {
+    if (skipPatterns)
         appendAround(out, text, [&](std::string_view piece) { uriAppendNormalized(out, piece, form, false); });
-        return;
-    }
-    UriOutput output(out);
-    for (size_t at = 0; at < text.size();) {
-        const size_t end = runEnd(text, at, form.runs);
-        output.put(text.substr(at, end - at));
-        at = end;
-        if (at == text.size())
-            break;
-        const int value = text[at] == '%' ? uriDecodeEscape(text, at) : -1;
-        if (value >= 0) {
-            const char byte = static_cast<char>(value);
-            putByte(output, byte, form.decoded.has(byte));
-            at += 3;
-        } else {
-            putByte(output, text[at], form.bare.has(text[at]));
-            ++at;
-        }
-    }
-    output.flush();
+    else
+        uriAppendWritten(out, uriRoomEscaped(text), [&](char* place) { return writeNormalized(place, text, form); });
 }
 
 bool uriHasValidEscapes(std::string_view text, bool skipPatterns) {

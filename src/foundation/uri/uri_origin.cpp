@@ -2,17 +2,20 @@
 #include <idna.h>
 
 #include <algorithm>
+#include <charconv>
+#include <cstring>
 #include <memory>
 #include <string_view>
 
 #include "foundation/ascii.h"
 #include "foundation/uri.h"
-#include "foundation/uri/uri_output.h"
 #include "foundation/uri/uri_text.h"
+#include "foundation/uri/uri_write.h"
 
 namespace {
 
 constexpr uint32_t MAX_PORT = 65535;
+constexpr size_t PORT_ROOM = 10;  // digits of any uint32_t: one that was set by hand is not checked
 constexpr size_t MAX_GROUP_DIGITS = 4;
 constexpr unsigned IPV6_GROUPS = 8;
 constexpr unsigned QUAD_DOTS = 3;
@@ -159,7 +162,8 @@ bool isGroupCount(unsigned groups, bool compressed) {
 // isIPv6Address is not a full test of RFC 4291. Kept: "::" alone is not an address, a group before a zone is not
 // counted, and a single ":" may be at the end.
 bool isIPv6Address(std::string_view text) {
-    if (text.find(':') == text.npos)
+    const std::string_view firstGroup = text.substr(0, MAX_GROUP_DIGITS + 1);
+    if (std::find(firstGroup.begin(), firstGroup.end(), ':') == firstGroup.end())
         return false;
     bool compressed = false;
     if (takeCompression(text, compressed) && text.empty())
@@ -304,29 +308,17 @@ bool toASCII(std::string& name) {
 
 // --- printing --------------------------------------------------------------------------------------------------------
 
-void putHost(UriOutput& out, const URI::Origin& origin) {
+char* writeHost(char* out, const URI::Origin& origin) {
     const std::string_view host = origin.host;
-    if (isOpaqueHostScheme(origin.scheme)) {
-        out.putEscaped(host, URI_STRICT_ESCAPING);
-    } else if (origin.isIPv6()) {
-        const size_t zone = std::min(host.find('%'), host.size());
-        out.put('[');
-        out.put(host.substr(0, zone));
-        out.putEscaped(host.substr(zone), URI_STRICT_ESCAPING);
-        out.put(']');
-    } else {
-        out.put(host);
-    }
-}
-
-// printed returns what `print` writes to an output.
-template <typename Print>
-std::string printed(Print&& print) {
-    std::string text;
-    UriOutput output(text);
-    print(output);
-    output.flush();
-    return text;
+    if (isOpaqueHostScheme(origin.scheme))
+        return uriWriteEscaped(out, host, URI_STRICT_ESCAPING);
+    if (!isIPv6Address(host))
+        return uriWrite(out, host);
+    const size_t zone = std::min(host.find('%'), host.size());
+    out = uriWrite(out, '[');
+    out = uriWrite(out, host.substr(0, zone));
+    out = uriWriteEscaped(out, host.substr(zone), URI_STRICT_ESCAPING);
+    return uriWrite(out, ']');
 }
 
 }  // namespace
@@ -424,37 +416,33 @@ int URI::Origin::compare(const Origin& other) const {
 }
 
 std::string URI::Origin::escapedHost() const {
-    return printed([this](UriOutput& out) { putHost(out, *this); });
+    return uriWritten(uriRoomOrigin(*this), [this](char* out) { return writeHost(out, *this); });
 }
 
 std::string URI::Origin::escapedHostPort() const {
-    return printed([this](UriOutput& out) { uriPutHostPort(out, *this); });
+    return uriWritten(uriRoomOrigin(*this), [this](char* out) { return uriWriteHostPort(out, *this); });
 }
 
 std::string URI::Origin::toString() const {
-    return printed([this](UriOutput& out) {
-        uriPutScheme(out, *this);
+    return uriWritten(uriRoomOrigin(*this) + std::strlen("///"), [this](char* out) {
+        out = uriWriteScheme(out, *this);
         if (host.empty())
-            return;
-        out.put("//");
-        uriPutHostPort(out, *this);
-        out.put('/');
+            return out;
+        out = uriWrite(out, "//");
+        out = uriWriteHostPort(out, *this);
+        return uriWrite(out, '/');
     });
 }
 
-void uriPutScheme(UriOutput& out, const URI::Origin& origin) {
-    if (origin.scheme.empty())
-        return;
-    out.put(origin.scheme);
-    out.put(':');
+char* uriWriteHostPort(char* out, const URI::Origin& origin) {
+    out = writeHost(out, origin);
+    if (origin.port == URI::defaultPort(origin.scheme) || isOpaqueHostScheme(origin.scheme))
+        return out;
+    return std::to_chars(uriWrite(out, ':'), out + 1 + PORT_ROOM, origin.port).ptr;
 }
 
-void uriPutHostPort(UriOutput& out, const URI::Origin& origin) {
-    putHost(out, origin);
-    if (origin.port == URI::defaultPort(origin.scheme) || isOpaqueHostScheme(origin.scheme))
-        return;
-    out.put(':');
-    out.put(std::to_string(origin.port));
+size_t uriRoomOrigin(const URI::Origin& origin) {
+    return origin.scheme.size() + uriRoomEscaped(origin.host) + PORT_ROOM + std::strlen(":[]:");
 }
 
 uint32_t URI::defaultPort(const std::string& scheme) {

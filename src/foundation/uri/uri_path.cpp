@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <iterator>
 
-#include "foundation/uri/uri_output.h"
 #include "foundation/uri/uri_region.h"
 #include "foundation/uri/uri_text.h"
+#include "foundation/uri/uri_write.h"
 
 namespace {
 
@@ -86,11 +86,7 @@ bool storeDecoded(URI::Path::Segments& segments, std::string_view escaped, bool 
 }
 
 std::string pathText(const URI::Path& path, const UriEscaping& escaping, bool skipPatterns) {
-    std::string out;
-    UriOutput output(out);
-    uriPutPath(output, path, escaping, skipPatterns);
-    output.flush();
-    return out;
+    return uriWritten(uriRoomPath(path), [&](char* out) { return uriWritePath(out, path, escaping, skipPatterns); });
 }
 
 // sharedSegments returns the number of leading segments that both have.
@@ -193,20 +189,24 @@ std::string URI::Path::toUserURIPath(bool skipPatterns) const {
     return pathText(*this, URI_PATH_USER_ESCAPING, skipPatterns);
 }
 
-void uriPutPath(UriOutput& out, const URI::Path& path, const UriEscaping& escaping, bool skipPatterns) {
-    if (path.segments.empty()) {
-        out.put(path.absolute ? "/" : path.trailingSlash ? "./" : "");
-        return;
-    }
+char* uriWritePath(char* out, const URI::Path& path, const UriEscaping& escaping, bool skipPatterns) {
+    if (path.segments.empty())
+        return uriWrite(out, path.absolute ? "/" : path.trailingSlash ? "./" : "");
     bool separate = path.absolute;
     for (const std::string& segment : path.segments) {
         if (separate)
-            out.put('/');
+            out = uriWrite(out, '/');
         separate = true;
-        out.putEscaped(segment, escaping, skipPatterns);
+        out = uriWriteEscaped(out, segment, escaping, skipPatterns);
     }
-    if (path.trailingSlash)
-        out.put('/');
+    return path.trailingSlash ? uriWrite(out, '/') : out;
+}
+
+size_t uriRoomPath(const URI::Path& path) {
+    size_t room = 2;  // "./", or the slashes at both ends
+    for (const std::string& segment : path.segments)
+        room += uriRoomEscaped(segment) + 1;
+    return room;
 }
 
 // --- looking ---------------------------------------------------------------------------------------------------------

@@ -4,9 +4,9 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/uri/uri_output.h"
 #include "foundation/uri/uri_region.h"
 #include "foundation/uri/uri_text.h"
+#include "foundation/uri/uri_write.h"
 
 namespace {
 
@@ -76,18 +76,20 @@ URI::Query URI::queryStringCanonical() const {
 }
 
 std::string URI::makeQueryString(const Query& items, bool skipPatterns) {
-    std::string out;
-    UriOutput output(out);
-    const char* separator = "";
-    for (const auto& [key, value] : items) {
-        output.put(separator);
-        separator = "&";
-        output.putEscaped(key, URI_STRICT_ESCAPING, skipPatterns);
-        output.put('=');
-        output.putEscaped(value, URI_STRICT_ESCAPING, skipPatterns);
-    }
-    output.flush();
-    return out;
+    size_t room = 0;
+    for (const auto& [key, value] : items)
+        room += uriRoomEscaped(key) + uriRoomEscaped(value) + 2;
+    return uriWritten(room, [&](char* out) {
+        std::string_view separator = "";
+        for (const auto& [key, value] : items) {
+            out = uriWrite(out, separator);
+            separator = "&";
+            out = uriWriteEscaped(out, key, URI_STRICT_ESCAPING, skipPatterns);
+            out = uriWrite(out, '=');
+            out = uriWriteEscaped(out, value, URI_STRICT_ESCAPING, skipPatterns);
+        }
+        return out;
+    });
 }
 
 void URI::setQuery(const Query& items, bool skipPatterns) {

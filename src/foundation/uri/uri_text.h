@@ -1,7 +1,7 @@
-// uri_text.h: what the sources of `URI` share: byte classes of their own (no locale), escapes, normal forms, the
-// texts of paths and origins. For this folder only.
+// uri_text.h: what the sources of `URI` share: byte classes of their own (no locale), escapes, normal forms.
+// For this folder only.
 //
-// The uriAppend functions append to a string, the uriPut ones write to an output.
+// The uriAppend functions append to a string.
 #pragma once
 
 #include <array>
@@ -12,8 +12,6 @@
 
 #include "foundation/ascii.h"
 #include "foundation/uri.h"
-
-class UriOutput;
 
 // UriBytes is a set of bytes, as a table.
 class UriBytes {
@@ -156,10 +154,3 @@ void uriAppendNormalized(std::string& out, std::string_view text, const UriNorma
 
 // uriHasValidEscapes is `URI::validateEscaping`.
 bool uriHasValidEscapes(std::string_view text, bool skipPatterns);
-
-// uriPutScheme writes the scheme and its colon, if there is one, uriPutHostPort `Origin::escapedHostPort`.
-void uriPutScheme(UriOutput& out, const URI::Origin& origin);
-void uriPutHostPort(UriOutput& out, const URI::Origin& origin);
-
-// uriPutPath writes a path with its segments escaped.
-void uriPutPath(UriOutput& out, const URI::Path& path, const UriEscaping& escaping, bool skipPatterns);

@@ -523,6 +523,34 @@ TEST(UriPrint, FieldsSetByHand) {
     }
 }
 
+// Each component at its widest, in sizes around those that fit into memory at hand.
+TEST(UriPrint, ComponentsOfAnyLengthAreWrittenWhole) {
+    const auto times = [](size_t count, const std::string& piece) {
+        std::string text;
+        for (; count > 0; --count)
+            text += piece;
+        return text;
+    };
+    for (const size_t length : {1, 100, 254, 255, 256, 1000, 1023, 1024, 1025, 4095, 4096, 4097, 20000}) {
+        const std::string raw = times(length, "\xE4");
+        const std::string escaped = times(length, "%E4");
+        URI uri(Origin("http", "1::2%" + raw, 4294967295), Path({raw, raw}, true));
+        uri.setUserInfo(times(length, "u"));
+        uri.setQuery(times(length, "q"));
+        uri.setFragment(times(length, "f"));
+        const std::string host = "[1::2%25" + escaped + "]:4294967295/";
+        EXPECT_EQ("http://" + uri.userInfo + "@" + host + escaped + "/" + escaped + "/?" + uri.query + "#" +
+                      uri.fragment,
+                  uri.toString());
+        EXPECT_EQ("http://" + host, uri.origin.toString());
+        EXPECT_EQ("/" + escaped + "/" + escaped + "/", uri.path.toEscapedURIPath());
+        EXPECT_EQ("a=&" + escaped + "=" + escaped, URI::makeQueryString({{"a", ""}, {raw, raw}}));
+        EXPECT_EQ(escaped, URI::escapeURIComponent(raw, ""));
+        EXPECT_EQ(escaped, URI::normalizeURIComponent(raw, "", ""));
+        EXPECT_EQ(raw, URI::unescapeURI(escaped));
+    }
+}
+
 TEST(UriPrint, TheTextForPeople) {
     const struct {
         std::string text, expected;
