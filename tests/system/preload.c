@@ -12,6 +12,7 @@
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <time.h>
 #include <tss2/tss2_esys.h>
@@ -97,6 +98,20 @@ int setgid(gid_t group) {
 
 int setuid(uid_t user) {
     return fails("setuid") ? -1 : NEXT(int (*)(uid_t), "setuid")(user);
+}
+
+int setresuid(uid_t real, uid_t effective, uid_t saved) {
+    if (fails("setresuid"))
+        return -1;
+    return NEXT(int (*)(uid_t, uid_t, uid_t), "setresuid")(real, effective, saved);
+}
+
+int chmod(const char* path, mode_t mode) {
+    return fails("chmod") ? -1 : NEXT(int (*)(const char*, mode_t), "chmod")(path, mode);
+}
+
+int lstat(const char* path, struct stat* status) {
+    return fails("lstat") ? -1 : NEXT(int (*)(const char*, struct stat*), "lstat")(path, status);
 }
 
 int prctl(int option, ...) {

@@ -31,6 +31,7 @@ from harness import (
     has_user_switch,
     install_features,
     is_alive,
+    preload,
     process_state,
     read_file,
     read_pid_file,
@@ -213,6 +214,29 @@ class OwnersFileTest(PidFileTest):
             self.change(daemon, "a")
             daemon.stop()
         self.assertEqual(os.listdir(RUN), [os.path.basename(FEATURES_DOCUMENT)])
+
+
+class FailingCallTest(PidFileTest):
+    AGAIN = os.strerror(errno.EAGAIN)
+
+    def test_file_that_cannot_be_secured_is_removed(self):
+        "A PID file whose state cannot be kept, or that stays readable for others, fails the start and is not left."
+        for function in ("lstat", "chmod"):
+            with self.subTest(function):
+                self.syslog.clear()
+                failure = ("FATAL", f"could not create PID file: {self.AGAIN}")
+                self.assert_start_fails(failure, env=preload(TEST_FAIL=function))
+                self.assertEqual(os.listdir(RUN), [])
+
+    def test_rights_that_cannot_be_given_up_kill_nobody(self):
+        "Where -k cannot take the rights of the file's owner it signals nobody, not even the process that is named."
+        self.require_user_switch()
+        process = self.start_process(**as_user())
+        give_to_user(write_file(PID_FILE, f"{process.pid}\n"))
+        result = run_agent("-k", env=preload(TEST_FAIL="setresuid"))
+        self.assert_failure(result, ("FATAL", f"failed to kill daemon: {self.AGAIN}"))
+        self.assertTrue(is_alive(process.pid))
+        self.assertTrue(os.path.exists(PID_FILE))
 
 
 class OutlivingLauncherTest(PidFileTest):

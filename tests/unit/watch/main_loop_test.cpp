@@ -1,0 +1,269 @@
+// main_loop_test.cpp: what the loop does with a provider that has an unused input, and with events that come late.
+//
+// The provider here is a stand-in, linked in place of the real one: it answers what a test told it to. GLib's timers,
+// signal sources and signal handlers are caught as they are registered, so that a test calls them at the moment that it
+// chooses.
+
+#include <gio/gio.h>
+#include <glib-unix.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <csignal>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "unit/record_collector.h"
+#include "unit/rounds.h"
+#include "watch/clock.h"
+#include "watch/main_loop.h"
+#include "watch/program.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+// Answers are what the stand-in says, and what it was asked.
+struct Answers {
+    std::array<std::string, FeatureProvider::INPUT_COUNT> paths;
+    bool changed = false;
+    int64_t next = 0;
+    std::function<void()> duringRecheck = [] {};
+    std::vector<std::string> asked;
+
+    void note(const char* call, int inputId) { asked.push_back(call + std::to_string(inputId)); }
+};
+Answers gs_oAnswers;
+
+// Callback is a function of GLib's sources with its data.
+struct Callback {
+    GSourceFunc function = nullptr;
+    gpointer data = nullptr;
+
+    gboolean call() const { return function(data); }
+};
+
+// FileHandler is what an input's monitor calls.
+struct FileHandler {
+    using Function = void(GFileMonitor*, GFile*, GFile*, GFileMonitorEvent, gpointer);
+    Function* function = nullptr;
+    gpointer data = nullptr;
+    GFileMonitor* monitor = nullptr;
+};
+
+std::map<guint, Callback> gs_aTimers;  // by their intervals
+std::map<gint, Callback> gs_aSignals;
+std::vector<FileHandler> gs_aFileHandlers;
+
+}  // namespace
+
+FeatureProvider::FeatureProvider() : m_aSources{FeatureSource("", ""), FeatureSource("", "")} {}
+
+void FeatureProvider::init(int64_t) {}
+
+std::string FeatureProvider::inputPath(int inputId) const {
+    return gs_oAnswers.paths[inputId];
+}
+
+bool FeatureProvider::dropInput(int inputId) {
+    gs_oAnswers.note("drop ", inputId);
+    return gs_oAnswers.changed;
+}
+
+bool FeatureProvider::loadInput(int inputId) {
+    gs_oAnswers.note("load ", inputId);
+    return gs_oAnswers.changed;
+}
+
+bool FeatureProvider::recheckAll(int64_t) {
+    gs_oAnswers.duringRecheck();
+    return gs_oAnswers.changed;
+}
+
+int64_t FeatureProvider::writeFeatures(int64_t, std::ostream& stream) const {
+    stream << "document\n";
+    return gs_oAnswers.next;
+}
+
+std::vector<std::string> FeatureProvider::activeFeatureNames() const {
+    return {"name"};
+}
+
+extern "C" guint g_timeout_add_seconds(guint interval, GSourceFunc function, gpointer data) {
+    gs_aTimers[interval] = {function, data};
+    return interval;
+}
+
+extern "C" gboolean g_source_remove(guint interval) {
+    return gs_aTimers.erase(interval) == 1;
+}
+
+extern "C" guint g_unix_signal_add(gint number, GSourceFunc function, gpointer data) {
+    gs_aSignals[number] = {function, data};
+    return static_cast<guint>(number);
+}
+
+extern "C" gulong g_signal_connect_data(gpointer instance, const gchar* signal, GCallback handler, gpointer data,
+                                        GClosureNotify, GConnectFlags) {
+    EXPECT_STREQ(signal, "changed");
+    gs_aFileHandlers.push_back(
+        {reinterpret_cast<FileHandler::Function*>(handler), data, static_cast<GFileMonitor*>(instance)});
+    return gs_aFileHandlers.size();
+}
+
+namespace {
+
+constexpr guint HOUR = 3600;
+constexpr guint SOON = 100;
+
+class MainLoopTest : public testing::Test {
+protected:
+    // A hang is a failure: SIGALRM ends the program.
+    MainLoopTest() {
+        alarm(patience(60));
+        gs_oAnswers = Answers();
+        gs_oAnswers.paths = {m_oFolder / "0", m_oFolder / "1"};
+        gs_aTimers.clear();
+        gs_aSignals.clear();
+        gs_aFileHandlers.clear();
+        g_strWatchFile = m_oFolder / "document";
+        g_strScriptCmdline = "echo run >> " + (m_oFolder / "runs");
+    }
+    ~MainLoopTest() override { alarm(0); }
+
+    void start(MainLoop& loop) const {
+        ASSERT_TRUE(loop.startLauncher());
+        ASSERT_TRUE(loop.start());
+        gs_oAnswers.asked.clear();
+    }
+
+    // callTimer calls the timer of about so many seconds: the clock may have gone on since the test asked for it.
+    static gboolean callTimer(guint seconds) {
+        const auto timer = gs_aTimers.lower_bound(seconds - 1);
+        EXPECT_NE(timer, gs_aTimers.end());
+        return timer->second.call();
+    }
+
+    // callFileHandler reports that the file of an input was created.
+    static void callFileHandler(const FileHandler& handler, int inputId) {
+        GFile* file = g_file_new_for_path(gs_oAnswers.paths[inputId].c_str());
+        handler.function(handler.monitor, file, nullptr, G_FILE_MONITOR_EVENT_CREATED, handler.data);
+        g_object_unref(file);
+    }
+
+    void forbidPublication() const { g_strWatchFile = m_oFolder / "missing/document"; }
+    std::string runs() const { return TempFolder::contentOf(m_oFolder / "runs"); }
+
+    TempFolder m_oFolder;
+    RecordCollector m_oCollector;
+};
+
+TEST_F(MainLoopTest, UnusedInputIsNeitherReadNorWatched) {
+    for (const int unused : {0, 1}) {
+        SCOPED_TRACE(unused);
+        const int used = 1 - unused;
+        gs_oAnswers.paths[unused].clear();
+        gs_oAnswers.paths[used] = m_oFolder / "used";
+        gs_aFileHandlers.clear();
+        const std::string number = std::to_string(used);
+        MainLoop loop;
+        ASSERT_TRUE(loop.startLauncher());
+        ASSERT_TRUE(loop.start());
+        EXPECT_THAT(gs_oAnswers.asked, ElementsAre("drop " + number, "load " + number));
+        ASSERT_EQ(gs_aFileHandlers.size(), 1U);
+        gs_oAnswers.asked.clear();
+        gs_aSignals[SIGHUP].call();
+        callFileHandler(gs_aFileHandlers[0], used);
+        EXPECT_THAT(gs_oAnswers.asked,
+                    ElementsAre("drop " + number, "load " + number, "drop " + number, "load " + number));
+        gs_oAnswers.asked.clear();
+    }
+}
+
+TEST_F(MainLoopTest, LoopWithoutInputsStillPublishes) {
+    gs_oAnswers.paths = {"", ""};
+    {
+        MainLoop loop;
+        start(loop);
+        gs_oAnswers.changed = true;
+        EXPECT_TRUE(gs_aSignals[SIGHUP].call());
+    }
+    EXPECT_THAT(gs_aFileHandlers, IsEmpty());
+    EXPECT_EQ(TempFolder::contentOf(m_oFolder / "document"), "document\n");
+    EXPECT_EQ(runs(), "run\nrun\n");
+}
+
+// LateEvents have been queued before the loop was told to quit.
+class LateEvents : public MainLoopTest {
+protected:
+    // checkNothingHappens calls every handler but that of the signal which has stopped the loop, if one has.
+    void checkNothingHappens(int stopSignal) const {
+        gs_oAnswers.changed = true;
+        EXPECT_FALSE(callTimer(SOON));
+        EXPECT_TRUE(callTimer(HOUR));
+        EXPECT_TRUE(gs_aSignals[SIGHUP].call());
+        EXPECT_FALSE(gs_aSignals[stopSignal].call());
+        for (const int inputId : {0, 1})
+            callFileHandler(gs_aFileHandlers[inputId], inputId);
+        EXPECT_THAT(gs_oAnswers.asked, IsEmpty());
+    }
+};
+
+TEST_F(LateEvents, DoNothingAfterAStop) {
+    {
+        gs_oAnswers.next = currentSeconds() + SOON;
+        MainLoop loop;
+        start(loop);
+        m_oCollector.clear();
+        EXPECT_FALSE(gs_aSignals[SIGTERM].call());
+        checkNothingHappens(SIGINT);
+        EXPECT_FALSE(loop.m_bFailed);
+    }
+    EXPECT_THAT(m_oCollector.lines(), ElementsAre("INFO terminating on signal"));
+    EXPECT_EQ(runs(), "run\n");
+}
+
+TEST_F(LateEvents, DoNothingAfterAFailure) {
+    {
+        gs_oAnswers.next = currentSeconds() + SOON;
+        MainLoop loop;
+        start(loop);
+        m_oCollector.clear();
+        gs_oAnswers.changed = true;
+        gs_oAnswers.next = 0;
+        const Callback scheduled = gs_aTimers.begin()->second;
+        forbidPublication();
+        EXPECT_TRUE(callTimer(HOUR));
+        EXPECT_TRUE(loop.m_bFailed);
+        gs_aTimers[SOON] = scheduled;
+        checkNothingHappens(SIGTERM);
+        EXPECT_TRUE(loop.m_bFailed);
+    }
+    const std::string open = "ERROR failed to open " + g_strWatchFile + ".tmp: No such file or directory";
+    EXPECT_THAT(m_oCollector.lines(), ElementsAre("INFO periodic features check", "INFO features list updated: name",
+                                                  open, "FATAL terminating on failure to update features"));
+    EXPECT_EQ(runs(), "run\n");
+}
+
+TEST_F(MainLoopTest, StopDuringAFailingUpdateIsAStop) {
+    MainLoop loop;
+    start(loop);
+    m_oCollector.clear();
+    forbidPublication();
+    gs_oAnswers.changed = true;
+    gs_oAnswers.duringRecheck = [] { gs_aSignals[SIGTERM].call(); };
+    EXPECT_TRUE(callTimer(HOUR));
+    EXPECT_FALSE(loop.m_bFailed);
+    EXPECT_THAT(m_oCollector.lines(), Contains("INFO terminating on signal"));
+    EXPECT_THAT(m_oCollector.lines(), Not(Contains(StartsWith("FATAL"))));
+}
+
+}  // namespace
