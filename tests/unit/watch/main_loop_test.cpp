@@ -2,14 +2,17 @@
 //
 // The provider here is a stand-in, linked in place of the real one: it answers what a test told it to. GLib's timers,
 // signal sources and signal handlers are caught as they are registered, so that a test calls them at the moment that it
-// chooses.
+// chooses. A call of inotify's can be made to fail.
 
+#include <dlfcn.h>
 #include <gio/gio.h>
 #include <glib-unix.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <functional>
@@ -38,6 +41,7 @@ struct Answers {
     int64_t next = 0;
     std::function<void()> duringRecheck = [] {};
     std::vector<std::string> asked;
+    int rechecks = 0;
 
     void note(const char* call, int inputId) { asked.push_back(call + std::to_string(inputId)); }
 };
@@ -62,6 +66,7 @@ struct FileHandler {
 std::map<guint, Callback> gs_aTimers;  // by their intervals
 std::map<gint, Callback> gs_aSignals;
 std::vector<FileHandler> gs_aFileHandlers;
+int gs_nInotifyFault = 0;  // the errno of the next instance that is asked for, or 0
 
 }  // namespace
 
@@ -84,6 +89,7 @@ bool FeatureProvider::loadInput(int inputId) {
 }
 
 bool FeatureProvider::recheckAll(int64_t) {
+    ++gs_oAnswers.rechecks;
     gs_oAnswers.duringRecheck();
     return gs_oAnswers.changed;
 }
@@ -119,6 +125,12 @@ extern "C" gulong g_signal_connect_data(gpointer instance, const gchar* signal, 
     return gs_aFileHandlers.size();
 }
 
+extern "C" int inotify_init1(int flags) noexcept {
+    errno = gs_nInotifyFault;
+    gs_nInotifyFault = 0;
+    return errno != 0 ? -1 : reinterpret_cast<decltype(inotify_init1)*>(dlsym(RTLD_NEXT, "inotify_init1"))(flags);
+}
+
 namespace {
 
 constexpr guint HOUR = 3600;
@@ -134,15 +146,18 @@ protected:
         gs_aTimers.clear();
         gs_aSignals.clear();
         gs_aFileHandlers.clear();
+        gs_nInotifyFault = 0;
         g_strWatchFile = m_oFolder / "document";
         g_strScriptCmdline = "echo run >> " + (m_oFolder / "runs");
     }
     ~MainLoopTest() override { alarm(0); }
 
-    void start(MainLoop& loop) const {
+    void start(MainLoop& loop) {
         ASSERT_TRUE(loop.startLauncher());
         ASSERT_TRUE(loop.start());
         gs_oAnswers.asked.clear();
+        gs_oAnswers.rechecks = 0;
+        m_oCollector.clear();
     }
 
     // callTimer calls the timer of about so many seconds: the clock may have gone on since the test asked for it.
@@ -152,10 +167,11 @@ protected:
         return timer->second.call();
     }
 
-    // callFileHandler reports that the file of an input was created.
-    static void callFileHandler(const FileHandler& handler, int inputId) {
-        GFile* file = g_file_new_for_path(gs_oAnswers.paths[inputId].c_str());
-        handler.function(handler.monitor, file, nullptr, G_FILE_MONITOR_EVENT_CREATED, handler.data);
+    // callFileHandler reports an event of the file at `path`.
+    static void callFileHandler(const FileHandler& handler, const std::string& path,
+                                GFileMonitorEvent event = G_FILE_MONITOR_EVENT_CREATED) {
+        GFile* file = g_file_new_for_path(path.c_str());
+        handler.function(handler.monitor, file, nullptr, event, handler.data);
         g_object_unref(file);
     }
 
@@ -181,7 +197,7 @@ TEST_F(MainLoopTest, UnusedInputIsNeitherReadNorWatched) {
         ASSERT_EQ(gs_aFileHandlers.size(), 1U);
         gs_oAnswers.asked.clear();
         gs_aSignals[SIGHUP].call();
-        callFileHandler(gs_aFileHandlers[0], used);
+        callFileHandler(gs_aFileHandlers[0], gs_oAnswers.paths[used]);
         EXPECT_THAT(gs_oAnswers.asked,
                     ElementsAre("drop " + number, "load " + number, "drop " + number, "load " + number));
         gs_oAnswers.asked.clear();
@@ -201,6 +217,61 @@ TEST_F(MainLoopTest, LoopWithoutInputsStillPublishes) {
     EXPECT_EQ(runs(), "run\nrun\n");
 }
 
+TEST_F(MainLoopTest, WatchThatTheSystemRefusesIsWarnedOfOnce) {
+    gs_nInotifyFault = EMFILE;
+    MainLoop loop;
+    ASSERT_TRUE(loop.startLauncher());
+    ASSERT_TRUE(loop.start());
+    EXPECT_THAT(m_oCollector.lines(), ElementsAre("INFO features list updated: name",
+                                                  "WARN failed to watch " + gs_oAnswers.paths[0] +
+                                                      ", its changes will be noticed late: Too many open files"));
+    EXPECT_EQ(gs_aFileHandlers.size(), 2U);
+}
+
+// EventRow is an event that a monitor reports of a file, and what follows from it.
+struct EventRow {
+    GFileMonitorEvent event;
+    std::string file;
+    Lines asked;
+};
+
+TEST_F(MainLoopTest, EventsOfAnInputReadItOrDropItAndOthersDoNothing) {
+    const std::string own = gs_oAnswers.paths[1];
+    const std::string other = m_oFolder / "other";
+    const EventRow rows[] = {
+        {G_FILE_MONITOR_EVENT_CREATED, own, {"drop 1", "load 1"}},
+        {G_FILE_MONITOR_EVENT_CHANGED, own, {"drop 1", "load 1"}},
+        {G_FILE_MONITOR_EVENT_DELETED, own, {"drop 1"}},
+        {G_FILE_MONITOR_EVENT_UNMOUNTED, own, {"drop 1"}},
+        {G_FILE_MONITOR_EVENT_UNMOUNTED, m_oFolder.path(), {"drop 1"}},
+        {G_FILE_MONITOR_EVENT_CREATED, other, {}},
+        {G_FILE_MONITOR_EVENT_CHANGED, other, {}},
+        {G_FILE_MONITOR_EVENT_DELETED, other, {}},
+        {G_FILE_MONITOR_EVENT_CHANGES_DONE_HINT, own, {}},
+        {G_FILE_MONITOR_EVENT_ATTRIBUTE_CHANGED, own, {}},
+        {G_FILE_MONITOR_EVENT_PRE_UNMOUNT, own, {}},
+        {G_FILE_MONITOR_EVENT_MOVED, own, {}},
+        {G_FILE_MONITOR_EVENT_RENAMED, own, {}},
+        {G_FILE_MONITOR_EVENT_MOVED_IN, own, {}},
+        {G_FILE_MONITOR_EVENT_MOVED_OUT, own, {}},
+    };
+    MainLoop loop;
+    start(loop);
+    for (const EventRow& row : rows) {
+        SCOPED_TRACE(std::to_string(row.event) + " of " + row.file);
+        for (const bool changed : {false, true}) {
+            gs_oAnswers.changed = changed;
+            gs_oAnswers.asked.clear();
+            gs_oAnswers.rechecks = 0;
+            m_oCollector.clear();
+            callFileHandler(gs_aFileHandlers[1], row.file, row.event);
+            EXPECT_EQ(gs_oAnswers.asked, row.asked);
+            EXPECT_EQ(gs_oAnswers.rechecks, changed && !row.asked.empty() ? 1 : 0);
+            EXPECT_EQ(m_oCollector.lines().empty(), row.asked.empty());
+        }
+    }
+}
+
 // LateEvents have been queued before the loop was told to quit.
 class LateEvents : public MainLoopTest {
 protected:
@@ -212,7 +283,7 @@ protected:
         EXPECT_TRUE(gs_aSignals[SIGHUP].call());
         EXPECT_FALSE(gs_aSignals[stopSignal].call());
         for (const int inputId : {0, 1})
-            callFileHandler(gs_aFileHandlers[inputId], inputId);
+            callFileHandler(gs_aFileHandlers[inputId], gs_oAnswers.paths[inputId]);
         EXPECT_THAT(gs_oAnswers.asked, IsEmpty());
     }
 };
@@ -222,7 +293,6 @@ TEST_F(LateEvents, DoNothingAfterAStop) {
         gs_oAnswers.next = currentSeconds() + SOON;
         MainLoop loop;
         start(loop);
-        m_oCollector.clear();
         EXPECT_FALSE(gs_aSignals[SIGTERM].call());
         checkNothingHappens(SIGINT);
         EXPECT_FALSE(loop.m_bFailed);
@@ -236,7 +306,6 @@ TEST_F(LateEvents, DoNothingAfterAFailure) {
         gs_oAnswers.next = currentSeconds() + SOON;
         MainLoop loop;
         start(loop);
-        m_oCollector.clear();
         gs_oAnswers.changed = true;
         gs_oAnswers.next = 0;
         const Callback scheduled = gs_aTimers.begin()->second;
@@ -256,7 +325,6 @@ TEST_F(LateEvents, DoNothingAfterAFailure) {
 TEST_F(MainLoopTest, StopDuringAFailingUpdateIsAStop) {
     MainLoop loop;
     start(loop);
-    m_oCollector.clear();
     forbidPublication();
     gs_oAnswers.changed = true;
     gs_oAnswers.duringRecheck = [] { gs_aSignals[SIGTERM].call(); };
