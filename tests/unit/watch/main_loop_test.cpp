@@ -2,7 +2,7 @@
 //
 // The provider here is a stand-in, linked in place of the real one: it answers what a test told it to. GLib's timers,
 // signal sources and signal handlers are caught as they are registered, so that a test calls them at the moment that it
-// chooses. A call of inotify's can be made to fail.
+// chooses. A call of inotify's and one of GIO's can be made to fail.
 
 #include <dlfcn.h>
 #include <gio/gio.h>
@@ -66,7 +66,8 @@ struct FileHandler {
 std::map<guint, Callback> gs_aTimers;  // by their intervals
 std::map<gint, Callback> gs_aSignals;
 std::vector<FileHandler> gs_aFileHandlers;
-int gs_nInotifyFault = 0;  // the errno of the next instance that is asked for, or 0
+int gs_nInotifyFault = 0;       // the errno of the next instance that is asked for, or 0
+int gs_nUntilMonitorFault = 0;  // how many monitors of files until one can't be made; 0 for none
 
 }  // namespace
 
@@ -131,6 +132,16 @@ extern "C" int inotify_init1(int flags) noexcept {
     return errno != 0 ? -1 : reinterpret_cast<decltype(inotify_init1)*>(dlsym(RTLD_NEXT, "inotify_init1"))(flags);
 }
 
+extern "C" GFileMonitor* g_file_monitor_file(GFile* file, GFileMonitorFlags flags, GCancellable* cancellable,
+                                             GError** error) {
+    if (gs_nUntilMonitorFault > 0 && --gs_nUntilMonitorFault == 0) {
+        g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "no monitor left");
+        return nullptr;
+    }
+    const auto make = reinterpret_cast<decltype(g_file_monitor_file)*>(dlsym(RTLD_NEXT, "g_file_monitor_file"));
+    return make(file, flags, cancellable, error);
+}
+
 namespace {
 
 constexpr guint HOUR = 3600;
@@ -147,6 +158,7 @@ protected:
         gs_aSignals.clear();
         gs_aFileHandlers.clear();
         gs_nInotifyFault = 0;
+        gs_nUntilMonitorFault = 0;
         g_strWatchFile = m_oFolder / "document";
         g_strScriptCmdline = "echo run >> " + (m_oFolder / "runs");
     }
@@ -226,6 +238,34 @@ TEST_F(MainLoopTest, WatchThatTheSystemRefusesIsWarnedOfOnce) {
                                                   "WARN failed to watch " + gs_oAnswers.paths[0] +
                                                       ", its changes will be noticed late: Too many open files"));
     EXPECT_EQ(gs_aFileHandlers.size(), 2U);
+}
+
+TEST_F(MainLoopTest, EachInputThatCannotBeWatchedFailsTheStart) {
+    for (const int inputId : {0, 1}) {
+        m_oCollector.clear();
+        gs_nUntilMonitorFault = inputId + 1;
+        MainLoop loop;
+        ASSERT_TRUE(loop.startLauncher());
+        EXPECT_FALSE(loop.start());
+        EXPECT_THAT(m_oCollector.lines(),
+                    ElementsAre("INFO features list updated: name",
+                                "FATAL failed to watch " + gs_oAnswers.paths[inputId] + ": no monitor left"));
+    }
+}
+
+TEST_F(MainLoopTest, InstantThatIsNotAheadArmsNoTimer) {
+    for (const int64_t next : {int64_t(0), int64_t(-1), int64_t(1), currentSeconds() - 1, currentSeconds()}) {
+        SCOPED_TRACE(next);
+        gs_aTimers.clear();
+        m_oCollector.clear();
+        gs_oAnswers.next = next;
+        MainLoop loop;
+        ASSERT_TRUE(loop.startLauncher());
+        ASSERT_TRUE(loop.start());
+        EXPECT_THAT(m_oCollector.lines(), ElementsAre("INFO features list updated: name"));
+        EXPECT_EQ(gs_aTimers.size(), 1U);
+        EXPECT_TRUE(gs_aTimers.contains(HOUR));
+    }
 }
 
 // EventRow is an event that a monitor reports of a file, and what follows from it.

@@ -41,6 +41,7 @@ struct Faults {
     int prctl = 0;
     int system = 0;
     int openNull = 0;
+    int pipeSize = 0;
 
     // largestPipe is the size above which a pipe can't be enlarged; 0 is no limit.
     intptr_t largestPipe = 0;
@@ -110,6 +111,8 @@ extern "C" int fcntl(int fd, int command, ...) {
     va_start(arguments, command);
     const intptr_t value = va_arg(arguments, intptr_t);
     va_end(arguments);
+    if (command == F_GETPIPE_SZ && fails(gs_oFaults.pipeSize))
+        return -1;
     const bool tooLarge = command == F_SETPIPE_SZ && gs_oFaults.largestPipe != 0 && value > gs_oFaults.largestPipe;
     return fails(tooLarge ? EPERM : 0) ? -1 : realCall<int(int, int, ...)>("fcntl")(fd, command, value);
 }
@@ -486,6 +489,18 @@ TEST_F(ScriptLauncherTest, PipeIsAsLargeAsTheSystemAllows) {
         EXPECT_EQ(fcntl(fd, F_GETPIPE_SZ), expected);
         launcher.stop();
     }
+}
+
+TEST_F(ScriptLauncherTest, PipeWhoseSizeIsUnknownStaysAsItIs) {
+    const Descriptors before = openDescriptors(getpid());
+    gs_oFaults.pipeSize = EPERM;
+    ScriptLauncher launcher(append("run"));
+    ASSERT_TRUE(launcher.start());
+    gs_oFaults.pipeSize = 0;
+    EXPECT_EQ(fcntl(newDescriptor(before), F_GETPIPE_SZ), sizeOfNewPipe());
+    EXPECT_TRUE(launcher.launch());
+    launcher.stop();
+    EXPECT_THAT(linesOf(), ElementsAre("run"));
 }
 
 TEST_F(ScriptLauncherTest, LauncherHasTheReadEndAlone) {
