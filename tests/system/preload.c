@@ -18,6 +18,7 @@
 #include <sys/types.h>
 #include <time.h>
 #include <tss2/tss2_esys.h>
+#include <tss2/tss2_mu.h>
 #include <unistd.h>
 
 #define NEXT(type, name) ((type)dlsym(RTLD_NEXT, name))
