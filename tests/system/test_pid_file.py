@@ -211,6 +211,15 @@ class OwnersFileTest(PidFileTest):
         self.assertEqual(process.wait(10), -signal.SIGTERM)
         self.assertEqual(killer.wait(10), 0)
 
+    def test_users_own_stale_file_is_replaced(self):
+        "An ordinary user's own file that names a dead process is not foreign: a start replaces it without a record."
+        self.victim.kill()
+        self.victim.wait()
+        give_to_user(write_file(PID_FILE, f"{self.victim.pid}\n"))
+        with Daemon(arguments=["--no-switch-user"], **as_user()) as daemon:
+            self.assert_records(daemon.start_result)
+            self.assertEqual(read_pid_file(), daemon.pid)
+
     def test_lock_of_another_user_holds_up_nobody(self):
         "A file of the daemon's user with a lock on it is foreign: neither -k nor a start waits for the lock."
         holder = self.start_process(**as_user())
