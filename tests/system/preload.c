@@ -3,18 +3,22 @@
 //   TEST_PERIOD=N          a timer of 3600 seconds becomes one of N seconds; all others stay
 //   TEST_HOLD_RENAME=FILE  each rename waits until FILE is gone
 //   TEST_FAIL=NAME         the function NAME fails at each call with errno EAGAIN; the last ones here can. That of GLib
-//                          reports "no monitor left", inotify_add_watch has ENOSPC
+//                          reports "no monitor left", inotify_add_watch has ENOSPC. With F_GETLK fcntl fails that asks
+//                          for a lock
 //   TEST_NV_VALUE=N        each read of eight bytes of the TPM's NV memory gives N, whatever the TPM said
 
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <time.h>
 #include <tss2/tss2_esys.h>
+#include <tss2/tss2_mu.h>
 #include <unistd.h>
 
 #define NEXT(type, name) ((type)dlsym(RTLD_NEXT, name))
@@ -97,6 +101,37 @@ int setgid(gid_t group) {
 
 int setuid(uid_t user) {
     return fails("setuid") ? -1 : NEXT(int (*)(uid_t), "setuid")(user);
+}
+
+int setresuid(uid_t real, uid_t effective, uid_t saved) {
+    if (fails("setresuid"))
+        return -1;
+    return NEXT(int (*)(uid_t, uid_t, uid_t), "setresuid")(real, effective, saved);
+}
+
+int chmod(const char* path, mode_t mode) {
+    return fails("chmod") ? -1 : NEXT(int (*)(const char*, mode_t), "chmod")(path, mode);
+}
+
+int lstat(const char* path, struct stat* status) {
+    return fails("lstat") ? -1 : NEXT(int (*)(const char*, struct stat*), "lstat")(path, status);
+}
+
+int fcntl(int fd, int command, ...) {
+    va_list list;
+    va_start(list, command);
+    void* argument = va_arg(list, void*);
+    va_end(list);
+    if (command == F_GETLK && fails("F_GETLK"))
+        return -1;
+    return NEXT(int (*)(int, int, ...), "fcntl")(fd, command, argument);
+}
+
+TSS2_RC Tss2_MU_TPM2B_PUBLIC_Marshal(TPM2B_PUBLIC const* area, uint8_t buffer[], size_t size, size_t* offset) {
+    typedef TSS2_RC Marshal(TPM2B_PUBLIC const*, uint8_t*, size_t, size_t*);
+    if (fails("Tss2_MU_TPM2B_PUBLIC_Marshal"))
+        return TSS2_MU_RC_GENERAL_FAILURE;
+    return NEXT(Marshal*, "Tss2_MU_TPM2B_PUBLIC_Marshal")(area, buffer, size, offset);
 }
 
 int prctl(int option, ...) {

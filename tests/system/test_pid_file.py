@@ -31,6 +31,7 @@ from harness import (
     has_user_switch,
     install_features,
     is_alive,
+    preload,
     process_state,
     read_file,
     read_pid_file,
@@ -153,6 +154,27 @@ class ForeignFileTest(PidFileTest):
         with Daemon() as daemon:
             self.assertEqual([record.level for record in daemon.start_result.records], ["WARN"])
 
+    def test_empty_file_of_another_user_is_removed(self):
+        "A file of the daemon's user without a number is foreign: it may not hold up a start."
+        self.require_user_switch()
+        give_to_user(write_file(PID_FILE, ""))
+        self.assert_failure(run_agent("-k"), NOT_KILLED)
+        with Daemon() as daemon:
+            self.assertEqual([record.level for record in daemon.start_result.records], ["WARN"])
+            daemon.stop()
+
+    def test_file_that_the_caller_may_not_read_is_not_believed(self):
+        "For a third user a file without the right to read it is foreign: the start that can't remove it is refused."
+        self.require_user_switch()
+        process = self.start_process(**as_user())
+        give_to_user(write_file(PID_FILE, f"{process.pid}\n"))
+        os.chmod(PID_FILE, 0o600)
+        nobody = pwd.getpwnam("nobody")
+        third = {"user": nobody.pw_uid, "group": nobody.pw_gid, "extra_groups": []}
+        result = start_daemon(HOOK, arguments=["--no-switch-user"], **third)
+        text = f"failed to remove PID file {PID_FILE}, which is {OTHERS}: {os.strerror(errno.EACCES)}"
+        self.assert_failure(result, ("FATAL", text))
+
     def test_negative_number_names_no_process(self):
         "A negative number is not a process group: -k says that it is invalid, and a start replaces the file."
         group = self.start_process(start_new_session=True)
@@ -180,6 +202,23 @@ class OwnersFileTest(PidFileTest):
         killer = self.start_process(agent_path(), "-k", env=agent_environment())  # waits until we have buried it
         self.assertEqual(process.wait(10), -signal.SIGTERM)
         self.assertEqual(killer.wait(10), 0)
+
+    def test_users_own_daemon_is_ended_by_that_user(self):
+        "An ordinary user's -k ends the process that the user's own file names."
+        process = self.start_process(**as_user())
+        give_to_user(write_file(PID_FILE, f"{process.pid}\n"))
+        killer = self.start_process(agent_path(), "-k", env=agent_environment(), **as_user())
+        self.assertEqual(process.wait(10), -signal.SIGTERM)
+        self.assertEqual(killer.wait(10), 0)
+
+    def test_users_own_stale_file_is_replaced(self):
+        "An ordinary user's own file that names a dead process is not foreign: a start replaces it without a record."
+        self.victim.kill()
+        self.victim.wait()
+        give_to_user(write_file(PID_FILE, f"{self.victim.pid}\n"))
+        with Daemon(arguments=["--no-switch-user"], **as_user()) as daemon:
+            self.assert_records(daemon.start_result)
+            self.assertEqual(read_pid_file(), daemon.pid)
 
     def test_lock_of_another_user_holds_up_nobody(self):
         "A file of the daemon's user with a lock on it is foreign: neither -k nor a start waits for the lock."
@@ -213,6 +252,50 @@ class OwnersFileTest(PidFileTest):
             self.change(daemon, "a")
             daemon.stop()
         self.assertEqual(os.listdir(RUN), [os.path.basename(FEATURES_DOCUMENT)])
+
+
+class FailingCallTest(PidFileTest):
+    AGAIN = os.strerror(errno.EAGAIN)
+
+    def test_file_that_cannot_be_secured_is_removed(self):
+        "A PID file whose state cannot be kept, or that stays readable for others, fails the start and is not left."
+        for function in ("lstat", "chmod"):
+            with self.subTest(function):
+                self.syslog.clear()
+                failure = ("FATAL", f"could not create PID file: {self.AGAIN}")
+                self.assert_start_fails(failure, env=preload(TEST_FAIL=function))
+                self.assertEqual(os.listdir(RUN), [])
+
+    def test_rights_that_cannot_be_given_up_kill_nobody(self):
+        "Where -k cannot take the rights of the file's owner it signals nobody, not even the process that is named."
+        self.require_user_switch()
+        process = self.start_process(**as_user())
+        give_to_user(write_file(PID_FILE, f"{process.pid}\n"))
+        result = run_agent("-k", env=preload(TEST_FAIL="setresuid"))
+        self.assert_failure(result, ("FATAL", f"failed to kill daemon: {self.AGAIN}"))
+        self.assertTrue(is_alive(process.pid))
+        self.assertTrue(os.path.exists(PID_FILE))
+
+    def test_file_whose_locks_are_unknown_is_not_believed(self):
+        "A file of the daemon's user counts as locked where the system does not tell: -k signals nobody."
+        self.require_user_switch()
+        process = self.start_process(**as_user())
+        give_to_user(write_file(PID_FILE, f"{process.pid}\n"))
+        self.assert_failure(run_agent("-k", env=preload(TEST_FAIL="F_GETLK")), NOT_KILLED)
+        self.assertTrue(is_alive(process.pid))
+
+
+class RewrittenFileTest(PidFileTest):
+    def test_file_that_was_written_since_is_spared(self):
+        "A daemon leaves its PID file at its end if that was written again, by a second or by a nanosecond."
+        for difference in (1_000_000_000, 1):
+            with self.subTest(difference), Daemon() as daemon:
+                written = os.stat(PID_FILE).st_mtime_ns
+                os.utime(PID_FILE, ns=(written, written + difference))
+                self.stop_and_wait(daemon)
+                wait_for(lambda: not agent_processes(), "the end of the launcher")
+                self.assertEqual(read_file(PID_FILE), f"{daemon.pid}\n".encode())
+                os.unlink(PID_FILE)
 
 
 class OutlivingLauncherTest(PidFileTest):

@@ -6,7 +6,7 @@ import os
 import re
 import subprocess
 
-from harness import RUN, document_bytes, run_agent, set_cpuinfo, write_file
+from harness import RUN, document_bytes, preload, run_agent, set_cpuinfo, write_file
 from tpm_harness import (
     AES,
     AK_ATTRIBUTES,
@@ -594,6 +594,15 @@ class BrokenPipeTest(PreparedTpmTest):
         self.assert_nothing_loaded()
         self.assertEqual(counter(), report.value)
         self.assertEqual(len(self.syslog.texts()), 3)
+
+
+class UnprintableKeyTest(PreparedTpmTest):
+    def test_endorsement_key_that_cannot_be_serialised_refuses_the_report(self):
+        "An EK whose area cannot be written out refuses the report with the record on it, and leaves nothing loaded."
+        result = run_agent("-d", env=preload(TEST_FAIL="Tss2_MU_TPM2B_PUBLIC_Marshal"))
+        failure = tss_failure("failed serializing EK public area", 0x90001)
+        self.assert_failure(result, failure, NO_REPORT)
+        self.assertEqual([handles("transient"), handles("loaded-session")], [[], []])
 
 
 class NoTpmTest(TpmTest):

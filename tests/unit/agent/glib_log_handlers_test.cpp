@@ -35,6 +35,7 @@ std::ostream& operator<<(std::ostream& stream, const SyslogLine& line) {
 
 std::vector<SyslogLine> gs_aSyslog;
 bool gs_bNoClock = false;
+bool gs_bNoTimeText = false;
 
 }  // namespace
 
@@ -57,6 +58,11 @@ extern "C" GDateTime* g_date_time_new_now_local() {
     return gs_bNoClock ? nullptr : reinterpret_cast<Now*>(dlsym(RTLD_NEXT, "g_date_time_new_now_local"))();
 }
 
+extern "C" gchar* g_date_time_format(GDateTime* time, const gchar* format) {
+    using Format = gchar*(GDateTime*, const gchar*);
+    return gs_bNoTimeText ? nullptr : reinterpret_cast<Format*>(dlsym(RTLD_NEXT, "g_date_time_format"))(time, format);
+}
+
 namespace {
 
 using testing::ElementsAre;
@@ -69,6 +75,7 @@ protected:
     ~GLibLogHandlersTest() override {
         g_log_set_default_handler(g_log_default_handler, nullptr);
         gs_bNoClock = false;
+        gs_bNoTimeText = false;
     }
 
     // installedHandler returns the current default handler, to be called with levels that GLib would abort on.
@@ -206,6 +213,8 @@ TEST_F(GLibLogFileTest, LineBeginsWithABlankWhenNoTimeCanBeMade) {
     set_glib_default_log_handler_to_file(m_pStream, false);
     gs_bNoClock = true;
     g_log("D", G_LOG_LEVEL_WARNING, "text");
+    gs_bNoClock = false;
+    gs_bNoTimeText = true;
     g_log(nullptr, G_LOG_LEVEL_WARNING, "text");
     EXPECT_EQ(content(), " D: text\n text\n");
 }

@@ -216,6 +216,27 @@ TEST_F(StrfmtWithoutMemory, TextThatOnlyTheBufferFindsMemoryForIsEmpty) {
         },
         testing::ExitedWithCode(0), "");
 }
+
+// takeAllMemory takes what can be had without mapping more, in blocks down to the smallest; where nothing limits it, it
+// stops at 64 MiB.
+void takeAllMemory() {
+    rlim_t taken = 0;
+    for (size_t size = 1 << 16; size >= sizeof(void*); size -= sizeof(void*)) {
+        void* volatile block = nullptr;  // else the compiler may leave the allocation out
+        do {
+            block = malloc(size);
+            taken += size;
+        } while (block != nullptr && taken < 64 * MEBIBYTE);
+    }
+}
+
+TEST_F(StrfmtWithoutMemory, BufferThatFindsNoMemoryGivesEmptyText) {
+    const auto withoutMemory = [] {
+        takeAllMemory();
+        return strfmt("text");
+    };
+    EXPECT_EXIT(exitWithin(0, withoutMemory), testing::ExitedWithCode(0), "");
+}
 #endif
 
 // A character that the locale has no bytes for fails at every size, so the buffer grows until memory ends.

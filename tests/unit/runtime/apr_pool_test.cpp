@@ -41,6 +41,7 @@ struct Books {
     const char* tag;
     bool failInitialize;
     bool failCreate;
+    bool failCreateOnceInitialized;  // APR makes a pool itself as it is initialised
 };
 
 constinit Books gs_oBooks{};
@@ -56,7 +57,9 @@ extern "C" apr_status_t apr_initialize() {
     gs_oBooks.initialized++;
     if (gs_oBooks.failInitialize)
         return APR_ENOMEM;
-    return realCall<decltype(apr_initialize)>("apr_initialize")();
+    const apr_status_t status = realCall<decltype(apr_initialize)>("apr_initialize")();
+    gs_oBooks.failCreate |= gs_oBooks.failCreateOnceInitialized;
+    return status;
 }
 
 extern "C" void apr_terminate() {
@@ -262,7 +265,7 @@ TEST(APRInitializer, FailedStartAborts) {
 TEST(APRInitializer, FailedTemporaryPoolAborts) {
     const int status = childStatus([] {
         endStatic();
-        gs_oBooks.failCreate = true;
+        gs_oBooks.failCreateOnceInitialized = true;
         startStatic();
     });
     EXPECT_TRUE(WIFSIGNALED(status)) << status;

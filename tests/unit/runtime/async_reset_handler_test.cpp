@@ -1,8 +1,8 @@
 // async_reset_handler_test.cpp: requests, the resets they cause, the thread's end, and log files that are moved away
 // while others log.
 //
-// This file replaces pthread_create and APR's maker of pipes for its test program, so that they can fail. (The
-// undefined behaviour sanitizer makes pipes of its own: they must not fail.)
+// This file replaces pthread_create and APR's maker and reader of pipes for its test program, so that they can fail.
+// (The undefined behaviour sanitizer makes pipes of its own: they must not fail.)
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -51,6 +51,7 @@ constexpr std::chrono::seconds LIMIT{60};
 std::atomic<bool> gs_bNoThreads{false};
 bool gs_bRefusePipes = false;
 int gs_nRefusedPipes = 0;
+std::atomic<int> gs_nFailingReads{0};
 
 }  // namespace
 
@@ -62,6 +63,16 @@ extern "C" int apr_file_pipe_create(apr_file_t** readEnd, apr_file_t** writeEnd,
     static const auto create =
         reinterpret_cast<decltype(apr_file_pipe_create)*>(dlsym(RTLD_NEXT, "apr_file_pipe_create"));
     return create(readEnd, writeEnd, pool);
+}
+
+extern "C" int apr_file_read(apr_file_t* file, void* buffer, size_t* length) {
+    if (gs_nFailingReads > 0) {
+        --gs_nFailingReads;
+        *length = 0;
+        return EINTR;
+    }
+    static const auto read = reinterpret_cast<decltype(apr_file_read)*>(dlsym(RTLD_NEXT, "apr_file_read"));
+    return read(file, buffer, length);
 }
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
@@ -434,6 +445,16 @@ TEST(AsyncResetHandler, FailedResetIsReportedAndTheNextOneIsMade) {
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.error, "ERROR: orvlog::reset() failed (disk 100%s full)\n"
                              "ERROR: orvlog::reset() failed (disk 100%s full)\n");
+}
+
+TEST(AsyncResetHandler, FailedReadIsMadeAgain) {
+    ResetCounter counter;
+    AsyncResetHandler handler;
+    gs_nFailingReads = 3;
+    ASSERT_TRUE(handler.start());
+    handler.reset();
+    EXPECT_TRUE(counter.waitFor(1));
+    EXPECT_EQ(gs_nFailingReads, 0);
 }
 
 TEST(AsyncResetHandler, AnyThreadMaySend) {

@@ -1125,6 +1125,25 @@ TEST(Priority, BeforeTheStartIsAppliedAsTheThreadStarts) {
     EXPECT_THAT(seen, ElementsAre("prio 27"));
 }
 
+TEST(Priority, BeforeTheNextStartCanBeTakenBack) {
+    Lines seen;
+    Worker worker("delayed", [&](Worker& self) {
+        self.stopUnderLock();
+        seen = changes();
+    });
+    const UseScheduler use(scheduler(SCHED_RR, 10));
+    EXPECT_TRUE(worker.setPriority(ORVThread::High));
+    worker.start();
+    worker.join();
+    EXPECT_THAT(seen, ElementsAre("prio 27"));
+    gs_oScheduler.calls.clear();
+    EXPECT_TRUE(worker.setPriority(ORVThread::Low));
+    EXPECT_TRUE(worker.setPriority(ORVThread::High));
+    worker.start();
+    worker.join();
+    EXPECT_THAT(seen, IsEmpty());
+}
+
 TEST(Priority, WhileStartingIsDelayedToo) {
     Gate hold;
     Lines seen;

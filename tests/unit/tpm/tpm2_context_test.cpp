@@ -155,6 +155,20 @@ TEST_F(Holders, DestructorsRelease) {
     EXPECT_EQ(loadedSessions(), "");
 }
 
+TEST_F(Holders, AssignedToItselfKeepsWhatItHolds) {
+    const ESYS_TR session = newSession();
+    const ESYS_TR index = newIndex();
+    ESysTransient transient = holding<ESysTransient>(session);
+    ESysClosable closable = holding<ESysClosable>(index);
+    ESysTransient& sameTransient = transient;
+    ESysClosable& sameClosable = closable;
+    transient = std::move(sameTransient);
+    closable = std::move(sameClosable);
+    EXPECT_EQ(transient.handle, session);
+    EXPECT_EQ(closable.handle, index);
+    EXPECT_THAT(g_oFaults.calls(), IsEmpty());
+}
+
 TEST_F(Holders, FailureInADestructorIsPrintedAndSwallowed) {
     const ESYS_TR session = newSession();
     const ESYS_TR index = newIndex();

@@ -657,6 +657,11 @@ TEST_F(FeatureSourceTest, EmptyPathIsNotInUse) {
     EXPECT_THAT(collector.lines(), IsEmpty());
 }
 
+TEST_F(FeatureSourceTest, FileBelowAFileDoesNotExist) {
+    const FeatureSource source(m_oFolder.write("file", "") + "/features.json", "installed");
+    EXPECT_FALSE(source.fileExists());
+}
+
 TEST_F(FeatureSourceTest, FileIsAnotherOneWhenItAppearsAndWhenItGoes) {
     EXPECT_FALSE(m_oSource.fileChanged()) << "absent, never read";
     m_oFolder.write("features.json", R"({"features":[]})");

@@ -197,6 +197,17 @@ TEST_F(PassingFaults, FaultWithAnotherFileIsReportedAgain) {
     EXPECT_THAT(collector.lines(), SizeIs(2));
 }
 
+TEST_F(PassingFaults, FaultWithAnotherKeyIsReportedAgain) {
+    RecordCollector collector;
+    gs_oFault = {"open", GRANT, EMFILE, 3};
+    m_oProvider.loadInput(1);
+    m_oProvider.loadInput(1);
+    EXPECT_THAT(collector.lines(), SizeIs(1));
+    TempFolder::writeTo(KEY, "another key");
+    m_oProvider.loadInput(1);
+    EXPECT_THAT(collector.lines(), SizeIs(2));
+}
+
 TEST_F(PassingFaults, SerialNumberThatBecomesKnownMakesTheGrantGood) {
     const std::string cpuinfo = TempFolder::contentOf("/run/sandbox/cpuinfo");
     TempFolder::writeTo("/run/sandbox/cpuinfo", "processor\t: 0\n");

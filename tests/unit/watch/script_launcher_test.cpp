@@ -1,7 +1,7 @@
 // script_launcher_test.cpp: the hook's process, with real processes and real commands.
 //
 // This file replaces a few libc calls for its test program: each can be made to fail, and the pid of the launcher is
-// taken from fork. The launcher inherits that.
+// taken from fork. The launcher inherits that. Of open it is the one of /dev/null that fails.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -16,7 +16,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <sstream>
@@ -38,6 +40,11 @@ struct Faults {
     int fork = 0;
     int prctl = 0;
     int system = 0;
+    int openNull = 0;
+    int pipeSize = 0;
+
+    // largestPipe is the size above which a pipe can't be enlarged; 0 is no limit.
+    intptr_t largestPipe = 0;
 };
 
 Faults gs_oFaults;
@@ -52,6 +59,11 @@ bool fails(int fault) {
     if (fault)
         errno = fault;
     return fault != 0;
+}
+
+// openFails returns whether this call of open fails, with errno set.
+bool openFails(const char* path) {
+    return strcmp(path, "/dev/null") == 0 && fails(gs_oFaults.openNull);
 }
 
 }  // namespace
@@ -79,6 +91,30 @@ extern "C" int prctl(int option, ...) noexcept {
     if (option == PR_SET_NAME && fails(gs_oFaults.prctl))
         return -1;
     return realCall<int(int, ...)>("prctl")(option, values[0], values[1], values[2], values[3]);
+}
+
+extern "C" int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    return openFails(path) ? -1 : realCall<int(const char*, int, ...)>("open")(path, flags, mode);
+}
+
+// __open_2 is what a fortified open becomes where the compiler doesn't know the flags.
+extern "C" int __open_2(const char* path, int flags) {
+    return openFails(path) ? -1 : realCall<int(const char*, int, ...)>("open")(path, flags);
+}
+
+extern "C" int fcntl(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    const intptr_t value = va_arg(arguments, intptr_t);
+    va_end(arguments);
+    if (command == F_GETPIPE_SZ && fails(gs_oFaults.pipeSize))
+        return -1;
+    const bool tooLarge = command == F_SETPIPE_SZ && gs_oFaults.largestPipe != 0 && value > gs_oFaults.largestPipe;
+    return fails(tooLarge ? EPERM : 0) ? -1 : realCall<int(int, int, ...)>("fcntl")(fd, command, value);
 }
 
 extern "C" int system(const char* command) {
@@ -422,6 +458,51 @@ TEST_F(ScriptLauncherTest, DaemonKeepsTheWriteEndOfAPacketPipeAlone) {
     EXPECT_EQ(openDescriptors(getpid()), before);
 }
 
+// sizeOfNewPipe returns how many bytes a pipe can hold that nobody has enlarged.
+int sizeOfNewPipe() {
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    const int size = fcntl(ends[0], F_GETPIPE_SZ);
+    close(ends[0]);
+    close(ends[1]);
+    return size;
+}
+
+// largestSize returns how many bytes an ordinary process may let a pipe hold.
+int largestSize() {
+    return std::stoi(TempFolder::contentOf("/proc/sys/fs/pipe-max-size"));
+}
+
+TEST_F(ScriptLauncherTest, PipeIsAsLargeAsTheSystemAllows) {
+    const int largest = largestSize();
+    const int smallest = sizeOfNewPipe();
+    ASSERT_GE(largest, 4 * smallest);
+    for (const auto& [limit, expected] : std::map<int, int>{
+             {1, smallest}, {2 * smallest - 1, smallest}, {largest - 1, largest / 2}, {largest, largest}}) {
+        SCOPED_TRACE(limit);
+        const Descriptors before = openDescriptors(getpid());
+        gs_oFaults.largestPipe = limit;
+        ScriptLauncher launcher("true");
+        ASSERT_TRUE(launcher.start());
+        const int fd = newDescriptor(before);
+        ASSERT_NE(fd, -1);
+        EXPECT_EQ(fcntl(fd, F_GETPIPE_SZ), expected);
+        launcher.stop();
+    }
+}
+
+TEST_F(ScriptLauncherTest, PipeWhoseSizeIsUnknownStaysAsItIs) {
+    const Descriptors before = openDescriptors(getpid());
+    gs_oFaults.pipeSize = EPERM;
+    ScriptLauncher launcher(append("run"));
+    ASSERT_TRUE(launcher.start());
+    gs_oFaults.pipeSize = 0;
+    EXPECT_EQ(fcntl(newDescriptor(before), F_GETPIPE_SZ), sizeOfNewPipe());
+    EXPECT_TRUE(launcher.launch());
+    launcher.stop();
+    EXPECT_THAT(linesOf(), ElementsAre("run"));
+}
+
 TEST_F(ScriptLauncherTest, LauncherHasTheReadEndAlone) {
     const Descriptors before = openDescriptors(getpid());
     ScriptLauncher launcher(gated());
@@ -638,6 +719,22 @@ TEST_F(ScriptLauncherTest, FailedForkIsReportedAndLeavesNothingOpen) {
     EXPECT_TRUE(launcher.launch());
     launcher.stop();
     EXPECT_EQ(collector.lines().size(), 1U);
+}
+
+TEST_F(ScriptLauncherTest, CommandKeepsTheStandardDescriptorsWhereThereIsNoNullDevice) {
+    m_oFolder.write("in", "read\n");
+    const int input = open((m_oFolder / "in").c_str(), O_RDONLY | O_CLOEXEC);
+    const int saved = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+    ASSERT_EQ(dup2(input, STDIN_FILENO), STDIN_FILENO);
+    gs_oFaults.openNull = EMFILE;
+    ScriptLauncher launcher("cat >> " + (m_oFolder / "out") + "; readlink /proc/$PPID/fd/1 >> " + (m_oFolder / "out"));
+    ASSERT_TRUE(launcher.start());
+    EXPECT_TRUE(launcher.launch());
+    launcher.stop();
+    dup2(saved, STDIN_FILENO);
+    close(saved);
+    close(input);
+    EXPECT_THAT(linesOf(), ElementsAre("read", openDescriptors(getpid())[STDOUT_FILENO]));
 }
 
 TEST_F(ScriptLauncherTest, FailedProcessNameIsReportedAndTheLauncherGoesOn) {
