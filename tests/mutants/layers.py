@@ -54,7 +54,7 @@ LAYERS = {
             r"system\.test_(cli|plain_mode|attestation_context|device_report)\.",
             r"system\.test_(daemon|pid_file|logging)\.",
             r"system\.test_(tpm_report|hook|watch)\.",
-            r"faults\.test_system_calls\.",
+            r"faults\.test_(?!allocations)",
         ),
     ),
     "tools": Layer(("tools",), (), (r"tools\.",), r"tools\.test_fleet_postgresql\."),
