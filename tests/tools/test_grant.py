@@ -160,7 +160,7 @@ class CommandLineTest(GrantToolTest):
             ["show"],
             ["show", "a", "b"],
         ):
-            self.assert_fault(*words)
+            self.assert_fault(*words, part="--help")
         self.assertFalse(os.path.exists("a.pem"))
 
     def test_standard_output_that_takes_nothing(self):
