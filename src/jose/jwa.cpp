@@ -194,45 +194,6 @@ std::vector<unsigned char> derOf(const std::vector<unsigned char>& raw) {
     return der;
 }
 
-// Secret is the bytes of an HMAC key, wiped when they are no longer needed.
-class Secret {
-public:
-    explicit Secret(const EVP_PKEY* key) {
-        size_t length = 0;
-        if (EVP_PKEY_get_raw_private_key(key, nullptr, &length) != 1)
-            throw opensslError(ORVError::SystemUnknown, "EVP_PKEY_get_raw_private_key");
-        m_aBytes.resize(length);
-        if (EVP_PKEY_get_raw_private_key(key, m_aBytes.data(), &length) != 1)
-            throw opensslError(ORVError::SystemUnknown, "EVP_PKEY_get_raw_private_key");
-    }
-    Secret(const Secret&) = delete;
-    Secret& operator=(const Secret&) = delete;
-    ~Secret() { OPENSSL_cleanse(m_aBytes.data(), m_aBytes.size()); }
-
-    const std::vector<unsigned char>& bytes() const { return m_aBytes; }
-
-private:
-    std::vector<unsigned char> m_aBytes;
-};
-
-bool signsByHMAC(const Key& key) {
-    return describe(key.algo()).keyType == EVP_PKEY_HMAC && typeOf(key.pkey()) == EVP_PKEY_HMAC;
-}
-
-// signHMAC signs by the one call that OpenSSL has for a message authentication code. It takes half as long as a Signer,
-// for which OpenSSL looks up more algorithms by name.
-std::vector<unsigned char> signHMAC(const void* data, size_t length, const Key& key) {
-    ERR_clear_error();
-    const Secret secret(key.pkey());
-    const Algorithm& algorithm = describe(key.algo());
-    std::vector<unsigned char> signature(algorithm.signatureSize);
-    if (EVP_Q_mac(nullptr, "HMAC", nullptr, EVP_MD_get0_name(algorithm.digest()), nullptr, secret.bytes().data(),
-                  secret.bytes().size(), static_cast<const unsigned char*>(data), length, signature.data(),
-                  signature.size(), nullptr) == nullptr)
-        throw opensslError(ORVError::SystemUnknown, "EVP_Q_mac");
-    return signature;
-}
-
 }  // namespace
 
 const char* name(Algo algo) {
@@ -462,8 +423,6 @@ int Verifier::verifyFinal(const std::vector<unsigned char>& signature) {
 // --- one call ---
 
 std::vector<unsigned char> sign(const void* data, size_t length, const Key& key) {
-    if (signsByHMAC(key))
-        return signHMAC(data, length, key);
     Signer signer(key);
     signer.init();
     finishOnce(signer.m_pContext);

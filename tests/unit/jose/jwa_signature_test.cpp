@@ -134,28 +134,6 @@ TEST_F(JwaSignature, HMACSignaturesEqualThoseOfTheOpensslCommand) {
     }
 }
 
-// One call signs with HMAC in a way of its own.
-TEST_F(JwaSignature, HMACSignaturesOfOneCallEqualThoseOfASigner) {
-    for (const jwa::Algo algo : HMAC_ALGOS) {
-        for (const size_t length : {0, 1, 63, 64, 65, 128, 129, 100000}) {
-            const jwa::Key key = hmacKey(algo, std::string(length, 'k'));
-            for (const std::string& message : MESSAGES) {
-                jwa::Signer signer(key);
-                signer.update(message.data(), message.size());
-                EXPECT_EQ(sign(message, key), signer.get()) << jwa::name(algo) << " " << length;
-            }
-        }
-    }
-}
-
-TEST_F(JwaSignature, HMACInOneCallSetsUpNoSigningContext) {
-    const jwa::Key key = hmacKey(jwa::HS256, "secret");
-    const OpensslWatch watch;
-    sign("abc", key);
-    EXPECT_EQ(watch.made("EVP_DigestSignInit"), 0) << "takes longer than the signature";
-    EXPECT_EQ(watch.made("EVP_Q_mac"), 1);
-}
-
 // --- The forms of signatures ---
 
 TEST_F(JwaSignature, ES256SignatureOfAbcIs64BytesAndVerifiesWithThePublicPart) {
@@ -603,18 +581,6 @@ TEST_F(JwaSignature, EachFailedCallOfSigningHasItsCodeAndName) {
         });
         EXPECT_TRUE(watch.failed()) << row.function;
         EXPECT_EQ(failure, std::string(row.failure) + " : " + row.call + ": " + NO_TEXT);
-    }
-}
-
-TEST_F(JwaSignature, EachFailedCallOfSigningWithHMACInOneCallHasItsCodeAndName) {
-    const jwa::Key key = hmacKey(jwa::HS256, "secret");
-    for (const auto& [function, nth] :
-         {std::pair("EVP_PKEY_get_raw_private_key", 1), {"EVP_PKEY_get_raw_private_key", 2}, {"EVP_Q_mac", 1}}) {
-        polluteErrorQueue();
-        const OpensslWatch watch(function, 0, nth);
-        EXPECT_EQ(failureOf([&] { sign("abc", key); }),
-                  std::string("17 Unknown System Error : ") + function + ": " + NO_TEXT);
-        EXPECT_TRUE(watch.failed());
     }
 }
 

@@ -90,17 +90,6 @@ EVP_PKEY* EVP_PKEY_new_raw_private_key(int type, ENGINE* engine, const unsigned 
     return OpensslWatch::intercept(__func__, EVP_PKEY_new_raw_private_key, type, engine, bytes, length);
 }
 
-int EVP_PKEY_get_raw_private_key(const EVP_PKEY* key, unsigned char* bytes, size_t* length) {
-    return OpensslWatch::intercept(__func__, EVP_PKEY_get_raw_private_key, key, bytes, length);
-}
-
-unsigned char* EVP_Q_mac(OSSL_LIB_CTX* library, const char* name, const char* properties, const char* digest,
-                         const OSSL_PARAM* parameters, const void* key, size_t keyLength, const unsigned char* data,
-                         size_t dataLength, unsigned char* mac, size_t size, size_t* length) {
-    return OpensslWatch::intercept(__func__, EVP_Q_mac, library, name, properties, digest, parameters, key, keyLength,
-                                   data, dataLength, mac, size, length);
-}
-
 EVP_MD_CTX* EVP_MD_CTX_new() {
     return OpensslWatch::intercept(__func__, EVP_MD_CTX_new);
 }
