@@ -612,13 +612,13 @@ bool TPM2Attestor::loadAK(const TPM2B_PUBLIC* publicArea, const TPM2B_PRIVATE* p
                              &key.handle),
                    "failed to load attestation key in endorsement hierarchy"))
         return false;
-    if (publicArea != m_pAKPublic.get())
+    if (publicArea != m_pAKPublic.get() || privateArea != m_pAKPrivate.get())
         keepAKAreas(*publicArea, *privateArea);
     m_oAK = std::move(key);
     return true;
 }
 
-// keepAKAreas copies both areas before it drops the old ones: without memory for them the old pair stays together.
+// keepAKAreas copies both areas before it drops the old ones, as the arguments may be the old ones.
 void TPM2Attestor::keepAKAreas(const TPM2B_PUBLIC& publicArea, const TPM2B_PRIVATE& privateArea) {
     auto publicCopy = std::make_unique<TPM2B_PUBLIC>(publicArea);
     auto privateCopy = std::make_unique<TPM2B_PRIVATE>(privateArea);

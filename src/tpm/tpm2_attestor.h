@@ -156,8 +156,7 @@ public:
     // createAK makes a new AK without loading it. An AK that was loaded until now is flushed.
     bool createAK();
 
-    // loadAK loads an AK and keeps copies of its areas; on false nothing changes. Both areas are the attestor's own,
-    // which then stay as they are, or both are the caller's.
+    // loadAK loads an AK and keeps copies of its areas; on false nothing changes.
     bool loadAK(const TPM2B_PUBLIC* publicArea, const TPM2B_PRIVATE* privateArea);
 
     // activateAK answers a credential challenge with the loaded AK.
