@@ -19,7 +19,7 @@
 // AttestationContext is one such file in binary form. An empty field means that the member was absent; `cbData` alone
 // may also be present and empty. After a successful parse `akPub` and `akPriv` are both empty or both not.
 struct AttestationContext {
-    // cbData is an opaque text that the report echoes.
+    // cbData is an opaque text that the report echoes, up to a NUL byte.
     std::string cbData;
 
     // nonce is what the certification of the counter is bound to.

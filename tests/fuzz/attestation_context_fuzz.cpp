@@ -1,5 +1,5 @@
-// A context that is accepted has both areas of the key or none, and the report echoes its text; for any other nothing
-// is printed. The TPM answers as one did to a good context.
+// A context that is accepted has both areas of the key or none, and the report echoes its text, up to a NUL byte as all
+// texts are printed; for any other nothing is printed. The TPM answers as one did to a good context.
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -34,6 +34,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(report == nullptr || accepted);
     require(!accepted || context.akPub.empty() == context.akPriv.empty());
     const std::string* echo = report == nullptr ? nullptr : jsonText(report->get("cbData"));
-    require(report == nullptr || (echo == nullptr ? "" : *echo) == context.cbData);
+    require(report == nullptr || (echo == nullptr ? "" : *echo) == context.cbData.c_str());
     return 0;
 }

@@ -49,6 +49,7 @@ class ShapeTest(ContextTest):
             ('{"cbdata":5,"NONCE":[],"Tpm2":7,"cbData ":1}', None),
             ('{"other":[[],{},null,true,-1e5,"\\u00fc"],"cbData":"x"}', "x"),
             ('{"cbData":"x"}\0garbage', "x"),
+            ('{"cbData":"cut\\ud84d\\u0000off"}', "cut"),
         ]
         for content, cb_data in rows:
             with self.subTest(content):
