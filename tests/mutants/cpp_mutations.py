@@ -4,19 +4,22 @@ The sources are formatted, and so a binary operator has a blank on both sides, a
 or a pointer has not: no parser is needed to tell them apart. A change that is not C++ does no harm: it does not compile
 and is not counted.
 
-Left alone are comments, preprocessor lines, strings, static assertions, debug records, and sizes of buffers and
-reservations: a larger one changes nothing that can be observed.
+Left alone are comments, preprocessor lines, what is compiled for the other processor alone, strings, static assertions,
+debug records, and sizes of buffers and reservations: a larger one changes nothing that can be observed.
 """
 
 import bisect
+import platform
 import re
 from typing import NamedTuple
 
 from mutation import Mutation, shown
 
+OTHER_PROCESSOR = "__SSE2__" if platform.machine() == "aarch64" else "__ARM_NEON"
 TOKEN = re.compile(
-    r"""
-      (?P<comment> //[^\n]* | /\*.*?\*/ )
+    rf"""
+      (?P<other_processor> ^\#(?:if|elif)[^\n]*{OTHER_PROCESSOR}.*?(?=^\#) )
+    | (?P<comment> //[^\n]* | /\*.*?\*/ )
     | (?P<preprocessor> ^[ \t]*\#(?:[^\n\\]|\\.)* )
     | (?P<string> (?:u8|[uUL])?R"(?P<mark>[^(\s]*)\(.*?\)(?P=mark)" | (?:u8|[uUL])?"(?:[^"\\]|\\.)*" )
     | (?P<char> (?:u8|[uUL])?'(?:[^'\\]|\\.)+' )
@@ -63,6 +66,9 @@ BEFORE_BODIES = {")", "else", "do", "try", "const", "noexcept", "override", ";",
 INTEGER = re.compile(r"(0[xX][0-9a-fA-F']+|\d[\d']*)([uUlLzZ]*)\Z")
 
 
+LEFT_ALONE = ("comment", "preprocessor", "other_processor")
+
+
 class Token(NamedTuple):
     kind: str
     text: str
@@ -75,7 +81,7 @@ class Token(NamedTuple):
 
 def tokens_of(source):
     found = (Token(match.lastgroup, match.group(), match.start()) for match in TOKEN.finditer(source))
-    kept = (token for token in found if token.kind not in ("comment", "preprocessor") and not token.text.isspace())
+    kept = (token for token in found if token.kind not in LEFT_ALONE and not token.text.isspace())
     return [token._replace(kind="string") if token.kind == "mark" else token for token in kept]
 
 

@@ -5,7 +5,8 @@ import random
 import tempfile
 import unittest
 
-from cpp_mutations import cpp_mutations
+from cpp_mutations import OTHER_PROCESSOR, cpp_mutations
+from equivalents import LIST, equivalents, lines_of, without_equivalents
 from judging import NOT_COMPILED, SURVIVED, Judge
 from layers import LAYERS, likeness, mutations_of
 from mutation import Mutation
@@ -105,6 +106,12 @@ class CppTest(unittest.TestCase):
                 self.assertEqual(cpp(line), [])
         self.assertEqual(cpp('f("a < b", R"x(c && 1)x", \'<\');'), [";"])
 
+    def test_code_for_the_other_processor_stays(self):
+        "What is not compiled here is left alone; what follows it is not."
+        source = "#if defined(__SSE2__)\nint a = 1;\n#elif defined(__ARM_NEON)\nint a = 1;\n#else\nint a = 1;\n#endif\n"
+        lines = [mutation.line for mutation in cpp_mutations("p", source.encode())]
+        self.assertEqual(lines, [4, 6] if OTHER_PROCESSOR == "__SSE2__" else [2, 6])
+
     def test_sizes_of_buffers_stay(self):
         "A larger buffer changes nothing that can be seen."
         self.assertEqual(cpp("char a[64];"), [])
@@ -153,6 +160,15 @@ class SourcesTest(unittest.TestCase):
                 with open(os.path.join(ROOT, mutation.path), "rb") as stream:
                     source = stream.read()
                 self.assertNotEqual(mutation.apply(source), source, str(mutation))
+
+    def test_each_equivalent_is_a_mutation(self):
+        "The list of mutants that no test can notice has nothing that is no mutant, and each of it is left out."
+        found = [mutation for layer in LAYERS.values() for mutation in mutations_of(ROOT, layer)]
+        drawn = without_equivalents(ROOT, found)
+        with open(LIST, encoding="utf-8") as stream:
+            self.assertEqual(len(equivalents()), stream.read().count("\n+ "))
+        self.assertEqual({lines_of(ROOT, mutation) for mutation in set(found) - set(drawn)}, equivalents())
+        self.assertEqual({lines_of(ROOT, mutation) for mutation in drawn} & equivalents(), set())
 
     def test_tests_named_like_the_source_come_first(self):
         "A source's own tests are run first, then those that noticed something, then the others."
