@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <type_traits>
@@ -598,6 +599,29 @@ TEST_F(JwaSignature, EachFailedCallOfVerifyingHasItsCodeAndName) {
         EXPECT_TRUE(watch.failed()) << row.function;
         EXPECT_EQ(failure, std::string(row.failure) + " : " + row.call + ": " + NO_TEXT);
     }
+}
+
+// Whoever uses OpenSSL between two calls may leave its errors there.
+TEST_F(JwaSignature, ForeignErrorsBetweenTheCallsDoNotReachTheText) {
+    const jwa::Key key = usualKey(jwa::ES256);
+    const Bytes signature = sign("abc", key);
+    const auto failureOfCall = [](const char* function, const std::function<void()>& call) {
+        polluteErrorQueue();
+        const OpensslWatch watch(function, -1);
+        return failureOf(call);
+    };
+    jwa::Signer signer(key);
+    signer.update("a", 1);
+    EXPECT_EQ(failureOfCall("EVP_DigestUpdate", [&] { signer.update("bc", 2); }),
+              "19 No Memory : EVP_DigestSignUpdate: " + NO_TEXT);
+    EXPECT_EQ(failureOfCall("EVP_DigestSignFinal", [&] { signer.get(); }),
+              "17 Unknown System Error : EVP_DigestSignFinal: " + NO_TEXT);
+    jwa::Verifier verifier(key);
+    verifier.update("a", 1);
+    EXPECT_EQ(failureOfCall("EVP_DigestUpdate", [&] { verifier.update("bc", 2); }),
+              "19 No Memory : EVP_DigestVerifyUpdate: " + NO_TEXT);
+    EXPECT_EQ(failureOfCall("EVP_DigestVerifyFinal", [&] { verifier.matches(signature); }),
+              "17 Unknown System Error : EVP_DigestVerifyFinal: " + NO_TEXT);
 }
 
 TEST_F(JwaSignature, VerifyFinalThatIsNeither0Nor1IsFalse) {
