@@ -2,7 +2,7 @@
 //
 // The provider here is a stand-in, linked in place of the real one: it answers what a test told it to. GLib's timers,
 // signal sources and signal handlers are caught as they are registered, so that a test calls them at the moment that it
-// chooses. A call of inotify's and one of GIO's can be made to fail.
+// chooses. A call of inotify's and one of GIO's can be made to fail, and the wall clock can be set.
 
 #include <dlfcn.h>
 #include <gio/gio.h>
@@ -15,8 +15,10 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -66,8 +68,9 @@ struct FileHandler {
 std::map<guint, Callback> gs_aTimers;  // by their intervals
 std::map<gint, Callback> gs_aSignals;
 std::vector<FileHandler> gs_aFileHandlers;
-int gs_nInotifyFault = 0;       // the errno of the next instance that is asked for, or 0
-int gs_nUntilMonitorFault = 0;  // how many monitors of files until one can't be made; 0 for none
+std::optional<time_t> gs_oClock;  // what the wall clock shows, if not the real time
+int gs_nInotifyFault = 0;         // the errno of the next instance that is asked for, or 0
+int gs_nUntilMonitorFault = 0;    // how many monitors of files until one can't be made; 0 for none
 
 }  // namespace
 
@@ -126,6 +129,13 @@ extern "C" gulong g_signal_connect_data(gpointer instance, const gchar* signal, 
     return gs_aFileHandlers.size();
 }
 
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
+    if (clock != CLOCK_REALTIME || !gs_oClock)
+        return reinterpret_cast<decltype(clock_gettime)*>(dlsym(RTLD_NEXT, "clock_gettime"))(clock, time);
+    *time = {.tv_sec = *gs_oClock, .tv_nsec = 0};
+    return 0;
+}
+
 extern "C" int inotify_init1(int flags) noexcept {
     errno = gs_nInotifyFault;
     gs_nInotifyFault = 0;
@@ -157,6 +167,7 @@ protected:
         gs_aTimers.clear();
         gs_aSignals.clear();
         gs_aFileHandlers.clear();
+        gs_oClock.reset();
         gs_nInotifyFault = 0;
         gs_nUntilMonitorFault = 0;
         g_strWatchFile = m_oFolder / "document";
@@ -266,6 +277,26 @@ TEST_F(MainLoopTest, InstantThatIsNotAheadArmsNoTimer) {
         EXPECT_EQ(gs_aTimers.size(), 1U);
         EXPECT_TRUE(gs_aTimers.contains(HOUR));
     }
+}
+
+// A device without a clock of its own starts there.
+TEST_F(MainLoopTest, FirstSecondSinceTheEpochIsAnInstantAsAnyOther) {
+    gs_oClock = 0;
+    gs_oAnswers.next = 1;
+    MainLoop loop;
+    ASSERT_TRUE(loop.startLauncher());
+    ASSERT_TRUE(loop.start());
+    EXPECT_THAT(m_oCollector.lines(),
+                ElementsAre("INFO features list updated: name", "INFO features check scheduled in 2 seconds"));
+}
+
+TEST_F(MainLoopTest, DocumentThatIsNotWrittenHasNoInstant) {
+    gs_oClock = 0;
+    forbidPublication();
+    MainLoop loop;
+    ASSERT_TRUE(loop.startLauncher());
+    EXPECT_FALSE(loop.start());
+    EXPECT_THAT(gs_aTimers, IsEmpty());
 }
 
 // EventRow is an event that a monitor reports of a file, and what follows from it.
