@@ -36,7 +36,7 @@ LAYERS = {
         (
             r"fuzz\.(feature_source|grant)",
             r"system\.test_watch\.",
-            r"system\.test_(features|hook|daemon)\.",
+            r"system\.test_(features|hook|daemon|pid_file)\.",
             r"system\.test_(grants|grant_judgement)\.",
             r"faults\.test_system_calls\.",
         ),
