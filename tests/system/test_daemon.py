@@ -404,6 +404,8 @@ class PidFileTest(WatchTest):
         failure = ("FATAL", f"could not create PID file: {error_text(number)}")
         self.wait_for_record(failure)
         self.assertEqual(sorted(self.records()), sorted([failure, START_FAILED]))
+        self.assertGreater(len(self.plain_lines()), 0, "libdaemon says something too")
+        self.assertEqual({line.ident for line in self.syslog.records()}, {"featurewatch"}, self.syslog.records())
         self.assertEqual(os.listdir(self.work_path("folder")), [])
 
     def test_start_fails_if_the_pid_files_folder_is_missing(self):
