@@ -11,7 +11,7 @@ from judging import NOT_COMPILED, SURVIVED, Judge
 from layers import LAYERS, likeness, mutations_of
 from mutation import Mutation
 from python_mutations import python_mutations
-from work_tree import Test, by_likeness
+from work_tree import Test, WorkTree, by_likeness
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
@@ -180,6 +180,36 @@ class SourcesTest(unittest.TestCase):
         self.assertEqual(ordered, ["b_c_test", "b_test", "a_test", "system.test_b"])
         self.assertEqual(by_likeness(tests, "src/x/d.cpp", {"b_test": 1})[0].name, "b_test")
         self.assertEqual(likeness("src/watch/grant.cpp", "system.test_grants.A.test_b"), 1)
+
+
+class WorkTreeTest(unittest.TestCase):
+    def make_tree(self, folder, name, status):
+        """Makes a tree, and in it a test that ends with the status."""
+        tree = WorkTree(ROOT, os.path.join(folder, name), {})
+        sandbox = os.path.join(tree.root, "scripts", "sandbox")
+        for path, text in (
+            (sandbox, f'#!/bin/sh\n[ "$TREE" = "{tree.root}" ] && exit {status}\n'),
+            (
+                os.path.join(tree.build, "CTestTestfile.cmake"),
+                f'add_test(system.test_watch.A "{sandbox}")\n'
+                f'set_tests_properties(system.test_watch.A PROPERTIES TIMEOUT 9 ENVIRONMENT "TREE={tree.root}")\n',
+            ),
+            (os.path.join(tree.root, "tests", "unit", "watch", "a_test.cpp"), ""),
+        ):
+            os.makedirs(os.path.dirname(path), exist_ok=True)
+            with open(path, "w", encoding="utf-8") as stream:
+                stream.write(text)
+        os.chmod(sandbox, 0o755)
+        return tree
+
+    def test_each_tree_runs_its_own(self):
+        "A test that one tree lists runs the programs of the tree that is asked, with that tree's environment."
+        with tempfile.TemporaryDirectory() as folder:
+            good, bad = self.make_tree(folder, "good", 0), self.make_tree(folder, "bad", 1)
+            for tests in (good.tests(LAYERS["watch"]), bad.tests(LAYERS["watch"])):
+                self.assertEqual([test.name for test in tests], ["system.test_watch.A"])
+                self.assertIsNone(good.run_test(tests[0]))
+                self.assertIsNotNone(bad.run_test(tests[0]))
 
 
 class FakeTree:

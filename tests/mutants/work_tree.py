@@ -21,11 +21,14 @@ FLAGS = {"CMAKE_C_FLAGS": "-w", "CMAKE_CXX_FLAGS": "-w", "CMAKE_C_FLAGS_DEBUG": 
 SLOWER = 8  # how much longer than without a mutant a test may take before it counts as hanging
 LEAST_LIMIT = 15  # seconds; of each test
 BUILD_LIMIT = 600
+TREE = "@TREE@"  # in a test, for the folder of the copy that runs it
+SANDBOX = os.path.join(TREE, "scripts", "sandbox")
 
 
 class Test(NamedTuple):
     """Test is one command, which fails where it notices a mutant. `kind` is 0 for programs of the layer's own unit
-    tests, 1 for those of the layers above, and 2 for others."""
+    tests, 1 for those of the layers above, and 2 for others. Every copy can run it: the paths in `command` and
+    `environment` begin with TREE."""
 
     name: str
     target: str
@@ -46,7 +49,6 @@ class WorkTree:
         self.root = folder
         self.build = os.path.join(self.root, "build", "debug")
         self._source = source
-        self._sandbox = os.path.join(self.root, "scripts", "sandbox")
         self._durations = durations
 
     # --- the copy ---
@@ -112,18 +114,19 @@ class WorkTree:
         shown = subprocess.run(
             ["ctest", "--test-dir", self.build, "--show-only=json-v1"], check=True, capture_output=True, text=True
         ).stdout
-        described = [entry for entry in json.loads(shown)["tests"] if "command" in entry]
+        listed = json.loads(shown.replace(self.root, TREE))["tests"]
+        described = [entry for entry in listed if "command" in entry]
         return [*self._unit_programs(layer), *self._others(layer, described)]
 
     def _unit_programs(self, layer):
         """Each program runs as a whole: its tests would need a sandbox each."""
-        folder = os.path.join(self.build, "tests", "unit")
+        folder = os.path.join(TREE, os.path.relpath(self.build, self.root), "tests", "unit")
         for kind, layer_folder in enumerate(layer.units):
             sources = os.listdir(os.path.join(self.root, "tests", "unit", layer_folder))
             stems = {name.removesuffix(".cpp") for name in sources if name.endswith("_test.cpp")}
             for program in sorted(self._programs(), key=lambda name: (name.count("."), name)):
                 if program.split(".")[-1] in stems:
-                    command = (self._sandbox, os.path.join(folder, program), "--gtest_brief=1", "--gtest_fail_fast")
+                    command = (SANDBOX, os.path.join(folder, program), "--gtest_brief=1", "--gtest_fail_fast")
                     yield Test(program, program, command, min(kind, 1))
 
     def _programs(self):
@@ -138,9 +141,9 @@ class WorkTree:
                 if re.match(pattern, name) and not re.match(layer.but, name):
                     properties = {item["name"]: item["value"] for item in entry["properties"]}
                     environment = tuple(properties.get("ENVIRONMENT", ()))
-                    is_fuzz = command[0] != self._sandbox
+                    is_fuzz = command[0] != SANDBOX
                     target = os.path.basename(command[0]) if is_fuzz else "featurewatch"
-                    prefix = (self._sandbox, "--") if is_fuzz else ()
+                    prefix = (SANDBOX, "--") if is_fuzz else ()
                     yield Test(name, target, (*prefix, *command), 2, environment, properties["TIMEOUT"])
 
     def run_test(self, test):
@@ -148,7 +151,9 @@ class WorkTree:
         known = self._durations.get(test.name)
         limit = test.limit if known is None else max(LEAST_LIMIT, known * SLOWER)
         begin = time.monotonic()
-        result = self._run(test.command, limit, dict(entry.split("=", 1) for entry in test.environment))
+        command = [word.replace(TREE, self.root) for word in test.command]
+        environment = dict(entry.replace(TREE, self.root).split("=", 1) for entry in test.environment)
+        result = self._run(command, limit, environment)
         if result.ok:
             self._durations.setdefault(test.name, time.monotonic() - begin)
             return None
