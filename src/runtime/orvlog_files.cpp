@@ -67,7 +67,7 @@ void attachMainFile(const log4cxx::LoggerPtr& root) {
 
 void setUpFiles() {
     log4cxx::LogManager::resetConfiguration();
-    orvlog::claimConfiguration();
+    orvlog::claimConfiguration();  // the reset forgot the claim
     const log4cxx::LoggerPtr root = orvlog::rootAsItIs();
     root->setLevel(log4cxx::Level::getInfo());
     makeLogFolder();
@@ -83,14 +83,12 @@ void requireConfigured(log4cxx::spi::ConfigurationStatus status) {
         throw log4cxx::helpers::RuntimeException("the file is missing or malformed");
 }
 
-// configureGuarded runs a set-up, records or reports how it went, and returns whether it succeeded. The claim is
-// renewed before and after: neither an earlier reset nor the content of a file may make log4cxx configure itself.
+// configureGuarded runs a set-up, records or reports how it went, and returns whether it succeeded. One that failed may
+// have forgotten the claim, which is renewed then.
 template <class SetUp>
 bool configureGuarded(const char* scope, const char* name, SetUp setUp) {
-    orvlog::claimConfiguration();
     try {
         setUp();
-        orvlog::claimConfiguration();
         ORVLOG_INFO(gs_pUtilsLogger, "Logs %s() sucess", name);  // kept: log readers search for it
         return true;
     } catch (const log4cxx::helpers::Exception& failure) {

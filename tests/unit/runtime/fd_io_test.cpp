@@ -55,7 +55,8 @@ ssize_t nextStep(size_t length) {
     gs_oScript.asked.push_back(length);
     const size_t index = gs_oScript.asked.size() - 1;
     const Step step = index < gs_oScript.steps.size() ? gs_oScript.steps[index] : Step{-1, ENOTRECOVERABLE};
-    errno = step.error;
+    if (step.result < 0)  // what succeeds leaves it alone
+        errno = step.error;
     return std::min(step.result, static_cast<ssize_t>(length));
 }
 

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <log4cxx/helpers/exception.h>
+#include <log4cxx/logmanager.h>
 #include <log4cxx/rolling/rollingfileappender.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -442,6 +443,14 @@ TEST(ConfigureFromFile, MalformedXmlIsAFailure) {
     }
 }
 
+const char* const RESETTING_XML = R"(<?xml version="1.0" encoding="UTF-8"?>
+<log4j:configuration xmlns:log4j="http://jakarta.apache.org/log4j/" reset="true">
+  <root><priority value="info"/></root>
+</log4j:configuration>
+)";
+
+const char* const RESETTING_INI = "log4j.reset=true\nlog4j.rootLogger=INFO\n";
+
 // resetAndStay resets the configuration by a file with an appender in place that can't be closed.
 Outcome resetAndStay(bool (*configure)(const std::string&), const std::string& content) {
     const TempFolder folder;
@@ -455,11 +464,7 @@ Outcome resetAndStay(bool (*configure)(const std::string&), const std::string& c
 }
 
 TEST(ConfigureFromFile, ExceptionInXmlIsReportedAndAttachedAppendersStay) {
-    const Outcome outcome =
-        resetAndStay(orvlog::configureFromXML,
-                     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                     "<log4j:configuration xmlns:log4j=\"http://jakarta.apache.org/log4j/\" reset=\"true\">"
-                     "<root><priority value=\"info\"/></root></log4j:configuration>\n");
+    const Outcome outcome = resetAndStay(orvlog::configureFromXML, RESETTING_XML);
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.error, "ERROR: orvlog::configureFromXML() failed with exception 'cannot close'\n");
     EXPECT_EQ(outcome.output, "kept record\n0\n");
@@ -467,12 +472,50 @@ TEST(ConfigureFromFile, ExceptionInXmlIsReportedAndAttachedAppendersStay) {
 
 // log4cxx reports this exception itself and counts the file as unreadable.
 TEST(ConfigureFromFile, ExceptionInIniIsReportedAndAttachedAppendersStay) {
-    const Outcome outcome = resetAndStay(orvlog::configureFromINI, "log4j.reset=true\nlog4j.rootLogger=INFO\n");
+    const Outcome outcome = resetAndStay(orvlog::configureFromINI, RESETTING_INI);
     EXPECT_EQ(outcome.status, 0);
     EXPECT_THAT(outcome.error, MatchesRegex("(log4cxx: [^\n]*\n)+ERROR: orvlog::configureFromINI[(][)] failed with "
                                             "exception '[^\n]+'\n"));
     EXPECT_THAT(outcome.error, HasSubstr("cannot close"));
     EXPECT_EQ(outcome.output, "kept record\n0\n");
+}
+
+// --- all set-ups
+
+// isCaught returns whether log4cxx, asked for a logger after `setUp`, configures itself from a file in the folder.
+template <class SetUp>
+bool isCaught(SetUp setUp) {
+    const TempFolder folder;
+    folder.write("log4cxx.properties", ini("INFO"));
+    folder.write("configuration.xml", RESETTING_XML);
+    folder.write("configuration.ini", RESETTING_INI);
+    const Outcome outcome = inChild(folder, [&] {
+        if (!setUp())
+            _exit(96);
+        Logger::getRootLogger();
+    });
+    EXPECT_EQ(outcome.status, 0);
+    return std::filesystem::exists(folder / "mine");
+}
+
+TEST(SetUp, LeavesNothingForLog4cxxToConfigure) {
+    const std::pair<const char*, std::function<bool()>> setUps[] = {
+        {"configureDefault", orvlog::configureDefault},
+        {"configureFromXML", [] { return orvlog::configureFromXML("configuration.xml"); }},
+        {"configureFromINI", [] { return orvlog::configureFromINI("configuration.ini"); }},
+    };
+    EXPECT_TRUE(isCaught([] {
+        log4cxx::LogManager::resetConfiguration();
+        return true;
+    }));
+    for (const auto& setUp : setUps) {
+        SCOPED_TRACE(setUp.first);
+        EXPECT_FALSE(isCaught(setUp.second));
+        EXPECT_FALSE(isCaught([&] {
+            attachUnclosable(Exception("cannot close"));
+            return !setUp.second();
+        }));
+    }
 }
 
 // --- reset
