@@ -49,7 +49,7 @@ class CommandLineTest(FleetTest):
             ["list", "--bogus"],
         ):
             with self.subTest(words):
-                self.assertEqual(self.fails(*words, part="").output, b"")
+                self.assertEqual(self.fails(*words, part="; see fleet").output, b"")
         self.assertEqual(os.listdir(self.folder), [])
 
     def test_registry_is_told_in_three_ways(self):
