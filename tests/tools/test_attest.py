@@ -269,6 +269,7 @@ class VerdictTest(DeviceTest):
         names = [check["name"] for check in self.verify()[1]["checks"]]
         self.assertEqual([line.split()[:2] for line in lines], [["ok", name] for name in names])
         self.assertIn("no --ek-digest", lines[names.index("ek-identity")])
+        self.assertTrue(lines[names.index("ak-template")].endswith(" a restricted signing key, fixed to its TPM"))
         output = run_attest(*self.verify_arguments("--json")).stdout
         query = ".ok, .counter, .ekDigest, .akDigest, .error, (.checks | length), (.checks | map(keys) | unique)"
         answer = subprocess.run(["jq", "-c", query], input=output, capture_output=True, check=True).stdout
@@ -455,10 +456,12 @@ class ForgeryTest(DeviceTest):
                     self.assertEqual(self.failed(changed), {"counter"})
 
     def test_attestation_key_is_not_restricted(self):
-        "An AK that signs anything is no AK, though all names chain and the signature holds."
+        "An AK that signs anything is no AK, though all names chain and the signature holds; it is told what it has."
         self.device.ak.set_head(AK_HEAD[:4] + bytes.fromhex("00040072") + AK_HEAD[8:])
         self.context = context_for(self.device.report(), self.device.ek.spki)
         self.assertEqual(self.failed(), {"ak-template"})
+        told = next(check["detail"] for check in self.verify()[1]["checks"] if check["name"] == "ak-template")
+        self.assertTrue(told.endswith(f"fixed to its TPM: its attributes is {0x00040072}"), told)
 
     def test_templates(self):
         "Every change of the EK's or AK's template fails, though all names chain and the signature holds."

@@ -92,6 +92,20 @@ class WrittenPageTest(PageTest):
         self.assertIn("default-src 'none'", text)
         html.parser.HTMLParser().feed(text)
 
+    def test_counters(self):
+        "A counter has its value, and what it was as steps between foot and top; a device without one has neither."
+        device = self.enrolled("counted")
+        self.enrolled("new")
+        for value in (5, 6, 9):
+            device.counter = value
+            self.verify(device.answer_to(self.challenge("counted")))
+        self.page()
+        text = self.text()
+        self.assertIn('<td role="cell" data-key="9"><span class="number">9</span><svg class="plot" ', text)
+        self.assertIn('aria-label="3 values, from 5 to 9"', text)
+        self.assertIn('<path d="M0 22H60V17H120V2"/><circle cx="120" cy="2" r="2.5"/></svg></td>', text)
+        self.assertIn('<td role="cell" data-key="-1"></td>', text)
+
     def test_written_in_one_step(self):
         "A page that can't be written leaves the old one, and nothing beside it."
         self.enrolled("1")
