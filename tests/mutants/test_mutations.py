@@ -187,12 +187,13 @@ class WorkTreeTest(unittest.TestCase):
         """Makes a tree, and in it a test that ends with the status."""
         tree = WorkTree(ROOT, os.path.join(folder, name), {})
         sandbox = os.path.join(tree.root, "scripts", "sandbox")
+        environment = f"TREE={tree.root};FEATUREWATCH_BYTECODE={tree.build}/bytecode"
         for path, text in (
             (sandbox, f'#!/bin/sh\n[ "$TREE" = "{tree.root}" ] && exit {status}\n'),
             (
                 os.path.join(tree.build, "CTestTestfile.cmake"),
                 f'add_test(system.test_watch.A "{sandbox}")\n'
-                f'set_tests_properties(system.test_watch.A PROPERTIES TIMEOUT 9 ENVIRONMENT "TREE={tree.root}")\n',
+                f'set_tests_properties(system.test_watch.A PROPERTIES TIMEOUT 9 ENVIRONMENT "{environment}")\n',
             ),
             (os.path.join(tree.root, "tests", "unit", "watch", "a_test.cpp"), ""),
         ):
@@ -208,6 +209,7 @@ class WorkTreeTest(unittest.TestCase):
             good, bad = self.make_tree(folder, "good", 0), self.make_tree(folder, "bad", 1)
             for tests in (good.tests(LAYERS["watch"]), bad.tests(LAYERS["watch"])):
                 self.assertEqual([test.name for test in tests], ["system.test_watch.A"])
+                self.assertEqual(len(tests[0].environment), 1, "byte code of a mutant may be taken for the source's")
                 self.assertIsNone(good.run_test(tests[0]))
                 self.assertIsNotNone(bad.run_test(tests[0]))
 
